@@ -1,0 +1,277 @@
+#include "kelm_comm.h"
+
+#include <unistd.h>
+
+#include <cstring>
+#include <iostream>
+#include <memory>
+
+#include "log_manager.h"
+#include "websocket_client.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr useconds_t kReconnectPauseUs = 1000000;
+constexpr useconds_t kAfterConnectPauseUs = 100000;
+constexpr useconds_t kReplyPollUs = 100;
+
+// Streaming requests go out at the frame rate and write no log line.
+bool isStreamingRequest(const std::string& command, const std::string& task_id) {
+    return task_id == "TASK_TRACKING" || command == "setRedundancyTau" || command == "setEffectorCtr";
+}
+
+// Parses text up to its first zero byte; a failed parse gives a null value.
+// One reader per thread, reused for every message that thread parses.
+Json::Value parseMessage(const std::string& message) {
+    thread_local std::unique_ptr<Json::CharReader> reader = [] {
+        Json::CharReaderBuilder builder;
+        builder["collectComments"] = false;
+        return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+    }();
+    const char* begin = message.c_str();
+    const char* end = begin + std::strlen(begin);
+    Json::Value value;
+    if (!reader->parse(begin, end, &value, nullptr)) return Json::Value();
+    return value;
+}
+
+bool hasStringLastTaskKey(const Json::Value& arm) {
+    if (!arm.isMember("task")) return false;
+    const Json::Value& task = arm["task"];
+    return task.isObject() && task.isMember("last_task_key") && task["last_task_key"].isString();
+}
+
+}  // namespace
+
+KelmCommManager::KelmCommManager() {
+    const std::pair<ComMode, const char*> mode_names[] = {
+        {COM_NONE, "None"}, {COM_TCP, "Tcp"}, {COM_WEBSOCKET, "WebSocket"}};
+    for (const auto& mode_name : mode_names) com_mode_names.insert(mode_name);
+
+    comm_client = std::make_shared<CommunicationClient>();
+    comm_client->attachListener(this);
+    comm_client->connect_callback = [this](bool connected) { connectChanged(connected); };
+}
+
+KelmCommManager::~KelmCommManager() {
+    KELM_LOG(LOG_INFO, "KelmCommManager destory...");
+    if (comm_client) {
+        comm_client->disConnect();
+        comm_client->releaseListener(this);
+        comm_client->connect_callback = nullptr;
+    }
+}
+
+int KelmCommManager::connect_kelm(const std::string& ip, int port, double timeout) {
+    if (is_connected()) {
+        KELM_LOG(LOG_INFO, "Connecting, now disconnect first...");
+        comm_client->disConnect();
+        usleep(kReconnectPauseUs);
+    }
+    comm_client->setClientHandle(std::make_shared<WebSocketClient>(ip, static_cast<unsigned short>(port)));
+    comm_client->setSendRate(send_rate);
+    comm_client->setRecvRate(recv_rate);
+    if (comm_client->connect(ip, port, timeout) == -1) {
+        KELM_LOG(LOG_ERROR, "Connect failed, ip %s, port %d", ip.c_str(), port);
+        return 0;
+    }
+    KELM_LOG(LOG_INFO, "Kelm connected successful...");
+    usleep(kAfterConnectPauseUs);
+    return 1;
+}
+
+int KelmCommManager::disconnect_kelm() {
+    if (!comm_client) return -1;
+    comm_client->disConnect();
+    return 1;
+}
+
+bool KelmCommManager::is_connected() { return comm_client ? comm_client->isConnected() : false; }
+
+void KelmCommManager::setSendRate(double rate) {
+    send_rate = rate;
+    comm_client->setSendRate(rate);
+}
+
+void KelmCommManager::setRecvRate(double rate) {
+    recv_rate = rate;
+    comm_client->setRecvRate(rate);
+}
+
+void KelmCommManager::connectChanged(bool connected) {
+    auto callbacks = connect_changed_callbacks.snapshot();
+    for (const auto& entry : *callbacks) {
+        if (entry.second) entry.second(connected);
+    }
+}
+
+void KelmCommManager::onReceive(const std::string& message) {
+    if (cmd_recv(message)) return;
+    update_robot_state_callbacks.callEach(message);
+}
+
+bool KelmCommManager::cmd_publish(const Json::Value& request, std::string& task_key) {
+    Json::Value message = request;
+    if (!comm_client) return false;
+    if (!message.isMember("command")) {
+        KELM_LOG(LOG_ERROR, "without command");
+        return false;
+    }
+    const std::string command = message["command"].asString();
+    task_key = log_time::getTimeStamp(0);
+    message["task_key"] = task_key;
+    const std::string task_id = message.isMember("task_id") ? message["task_id"].asString() : std::string();
+    if (!isStreamingRequest(command, task_id)) {
+        KELM_LOG(LOG_INFO, "task [%s]--- %s", message["command"].asCString(), message["task_key"].asCString());
+    }
+    return comm_client->sendRequest(message) == 1;
+}
+
+Json::Value KelmCommManager::cmd_server(const Json::Value& request, std::string& task_key, int timeout) {
+    const Json::Value message = request;
+    if (!cmd_publish(message, task_key)) return Json::Value();
+
+    MsgHeader header{message["command"].asString(), task_key, Json::Value()};
+    {
+        // Appended only after the request went out: a reply that overtakes
+        // the append finds no entry and the call runs into its time-out.
+        std::lock_guard<std::mutex> lock(pending_mutex);
+        pending_msgs.push_back(header);
+    }
+    try {
+        return waitForReply(header, timeout);
+    } catch (...) {
+        return Json::Value();
+    }
+}
+
+Json::Value KelmCommManager::waitForReply(const MsgHeader& header, int timeout) {
+    log_time::TimerUnit timer;
+    log_time::timer_start(timer);
+    const double timeout_ms = static_cast<double>(timeout);
+    auto matches = [&header](const MsgHeader& entry) {
+        return entry.command == header.command && entry.task_key == header.task_key;
+    };
+
+    while (!(timer.elapsed_ms > timeout_ms)) {
+        usleep(kReplyPollUs);
+        std::lock_guard<std::mutex> lock(pending_mutex);
+        for (auto it = pending_msgs.begin(); it != pending_msgs.end(); ++it) {
+            if (matches(*it) && !it->data.isNull()) {
+                Json::Value reply = it->data;
+                pending_msgs.erase(it);
+                return reply;
+            }
+        }
+        log_time::timer_end(timer);
+    }
+
+    std::lock_guard<std::mutex> lock(pending_mutex);
+    for (size_t i = 0; i < pending_msgs.size(); ++i) {
+        if (matches(pending_msgs[i])) pending_msgs.erase(pending_msgs.begin() + static_cast<std::ptrdiff_t>(i));
+    }
+    KELM_LOG(LOG_ERROR, "%s timeout", header.task_key.c_str());
+    return Json::Value();
+}
+
+bool KelmCommManager::cmd_recv(const std::string& message) {
+    try {
+        const Json::Value value = parseMessage(message);
+        if (value.isNull()) {
+            KELM_LOG(LOG_ERROR, "parse error %s", message.c_str());
+            return false;
+        }
+        broadcastFinishedTasks(value);
+        if (!(value.isMember("command") && value.isMember("task_key"))) return false;
+        storeReply(value["command"].asString(), value["task_key"].asString(), value);
+        return true;
+    } catch (const std::exception& e) {
+        KELM_LOG(LOG_ERROR, "%s", e.what());
+    } catch (...) {
+        std::cout << "execption: " << message << std::endl;
+    }
+    return false;
+}
+
+void KelmCommManager::broadcastFinishedTasks(const Json::Value& message) {
+    if (!message.isMember("arm")) return;
+    const Json::Value& arms = message["arm"];
+    for (Json::ArrayIndex i = 0; i < arms.size(); ++i) {
+        const Json::Value& arm = arms[i];
+        if (!hasStringLastTaskKey(arm)) continue;
+        const std::string key = arm["task"]["last_task_key"].asString();
+        task_completion_callbacks.callEach(key);
+        auto subscribed = subscriptions.snapshot();
+        auto subscription = subscribed->find(key);
+        if (subscription != subscribed->end()) {
+            subscription->second(key);
+            subscriptions.erase(key);
+        }
+    }
+}
+
+void KelmCommManager::storeReply(const std::string& command, const std::string& task_key, const Json::Value& reply) {
+    std::lock_guard<std::mutex> lock(pending_mutex);
+    for (auto& entry : pending_msgs) {
+        if (entry.command == command && entry.task_key == task_key) {
+            entry.data = reply;
+        }
+    }
+}
+
+void KelmCommManager::register_subscription(std::string key, TextCallback callback) {
+    subscriptions.set(key, std::move(callback));
+}
+
+void KelmCommManager::deregister_subscription(std::string key) { subscriptions.erase(key); }
+
+void KelmCommManager::clear_subscription() { subscriptions.clear(); }
+
+int KelmCommManager::register_task_completion_callback(const std::string& name, TextCallback callback) {
+    task_completion_callbacks.set(name, std::move(callback));
+    return 0;
+}
+
+int KelmCommManager::release_task_completion_callback(const std::string& name) {
+    task_completion_callbacks.erase(name);
+    return 0;
+}
+
+int KelmCommManager::release_task_completion_callback() {
+    task_completion_callbacks.clear();
+    return 0;
+}
+
+int KelmCommManager::register_update_robot_state_callback(const std::string& name, TextCallback callback) {
+    update_robot_state_callbacks.set(name, std::move(callback));
+    return 0;
+}
+
+int KelmCommManager::release_update_robot_state_callback(const std::string& name) {
+    update_robot_state_callbacks.erase(name);
+    return 0;
+}
+
+int KelmCommManager::release_update_robot_state_callback() {
+    update_robot_state_callbacks.clear();
+    return 0;
+}
+
+int KelmCommManager::register_connect_changed_callback(const std::string& name, ConnectCallback callback) {
+    connect_changed_callbacks.set(name, std::move(callback));
+    return 0;
+}
+
+int KelmCommManager::release_connect_changed_callback(const std::string& name) {
+    connect_changed_callbacks.erase(name);
+    return 0;
+}
+
+int KelmCommManager::release_connect_changed_callback() {
+    connect_changed_callbacks.clear();
+    return 0;
+}
+
+}  // namespace kelm

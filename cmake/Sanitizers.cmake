@@ -1,0 +1,10 @@
+# KELM_SANITIZER selects an instrumented build for the whole tree.
+if(KELM_SANITIZER STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(KELM_SANITIZER STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT KELM_SANITIZER STREQUAL "")
+  message(FATAL_ERROR "KELM_SANITIZER must be empty, 'address' or 'thread', not '${KELM_SANITIZER}'")
+endif()
