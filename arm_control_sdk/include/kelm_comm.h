@@ -99,7 +99,16 @@ public:
     CallbackMap<void(bool)> connect_changed_callbacks;             // by name, per connection change
     std::map<ComMode, std::string> com_mode_names;
 
+protected:
+    // The parsed tree of `message` when it is the message that onReceive is
+    // handing to the state callbacks on this thread right now, otherwise
+    // null. Lets a state callback skip parsing the same text a second time.
+    const Json::Value* treeOfDispatchedMessage(const std::string& message) const;
+
 private:
+    // cmd_recv's work; `tree` receives the parsed message and `parsed` says
+    // whether the parse itself completed.
+    bool receiveMessage(const std::string& message, Json::Value& tree, bool& parsed);
     void storeReply(const std::string& command, const std::string& task_key, const Json::Value& reply);
     Json::Value waitForReply(const MsgHeader& header, int timeout);
     void broadcastFinishedTasks(const Json::Value& message);

@@ -37,6 +37,29 @@ Json::Value parseMessage(const std::string& message) {
     return value;
 }
 
+// The message that onReceive is dispatching on this thread, with its tree.
+struct DispatchedMessage {
+    const KelmCommManager* manager = nullptr;
+    const std::string* text = nullptr;
+    const Json::Value* tree = nullptr;
+};
+thread_local DispatchedMessage dispatched;
+
+// Marks a message as being dispatched for as long as it lives.
+class DispatchScope {
+public:
+    DispatchScope(const KelmCommManager* manager, const std::string* text, const Json::Value* tree)
+        : saved_(dispatched) {
+        dispatched = DispatchedMessage{manager, text, tree};
+    }
+    ~DispatchScope() { dispatched = saved_; }
+    DispatchScope(const DispatchScope&) = delete;
+    DispatchScope& operator=(const DispatchScope&) = delete;
+
+private:
+    DispatchedMessage saved_;
+};
+
 bool hasStringLastTaskKey(const Json::Value& arm) {
     if (!arm.isMember("task")) return false;
     const Json::Value& task = arm["task"];
@@ -108,8 +131,16 @@ void KelmCommManager::connectChanged(bool connected) {
 }
 
 void KelmCommManager::onReceive(const std::string& message) {
-    if (cmd_recv(message)) return;
+    Json::Value tree;
+    bool parsed = false;
+    if (receiveMessage(message, tree, parsed)) return;
+    DispatchScope scope(this, &message, parsed ? &tree : nullptr);
     update_robot_state_callbacks.callEach(message);
+}
+
+const Json::Value* KelmCommManager::treeOfDispatchedMessage(const std::string& message) const {
+    if (dispatched.manager != this || dispatched.text == nullptr || dispatched.tree == nullptr) return nullptr;
+    return *dispatched.text == message ? dispatched.tree : nullptr;
 }
 
 bool KelmCommManager::cmd_publish(const Json::Value& request, std::string& task_key) {
@@ -177,8 +208,16 @@ Json::Value KelmCommManager::waitForReply(const MsgHeader& header, int timeout) 
 }
 
 bool KelmCommManager::cmd_recv(const std::string& message) {
+    Json::Value tree;
+    bool parsed = false;
+    return receiveMessage(message, tree, parsed);
+}
+
+bool KelmCommManager::receiveMessage(const std::string& message, Json::Value& tree, bool& parsed) {
     try {
-        const Json::Value value = parseMessage(message);
+        tree = parseMessage(message);
+        parsed = true;
+        const Json::Value& value = tree;  // read-only: operator[] must never insert members
         if (value.isNull()) {
             KELM_LOG(LOG_ERROR, "parse error %s", message.c_str());
             return false;
