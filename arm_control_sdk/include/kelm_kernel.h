@@ -1,0 +1,346 @@
+// KelmKernelImpl: one arm of one controller.
+//
+// A kernel is a connection (KelmCommManager) plus the cached state of its arm.
+// Operations check their input, send one request and read the reply's `recv`;
+// the state frames the controller pushes are the only source of state and
+// reach the application through named callback registries.
+//
+// Threads:
+// - Operations run on the caller's thread. Requests that wait for a reply
+//   (everything but tracking, set_redundancy_tau and set_end_effector) must
+//   never be called from a callback of the same kernel: the reply would have to
+//   come through the thread that is waiting.
+// - parseRecieveData and every registry callback run on the transport's
+//   receive thread, one frame after the other. The error, axis, external
+//   force, tele slave and state-changed callbacks run while `state_mutex` is
+//   held: they must not call the locking getters (get_joint_pos ...,
+//   get_tool_index, get_user_index) of the same kernel. get_status takes no
+//   lock and is always allowed. Joint, pose, plan joint and tele master
+//   callbacks run after the lock is released.
+// - Registering and releasing callbacks is safe from any thread, also from a
+//   callback; a walk that is under way keeps calling the entries it started
+//   with.
+#pragma once
+
+#include <json/json.h>
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "callback_map.h"
+#include "kelm_comm.h"
+#include "kelm_tables.h"
+#include "log_manager.h"
+
+namespace kelm {
+
+// Snapshot of an arm's state as the state frames last reported it.
+struct ArmStatus {
+    int arm_index = 0;      // element of the controller's `arm` array this kernel follows
+    std::string arm_name;
+    bool connected = false;  // connection state as of the call of get_status
+    int dof = 0;             // number of joints reported by the frames
+    bool servo = false;      // servo power on
+    int motion_state = 0;    // a KelmState
+    int fsm_mode = 0;        // an FsmMode
+    double vel_per = 0.0;    // speed percentage reported by the controller
+    bool debug = false;
+};
+
+// Joint configuration reported by the controller ("getJointParams"). A
+// failed request gives dof 0 and empty vectors.
+struct ArmConfig {
+    int dof = 0;
+    std::vector<double> limit_upper;  // upper position limit per joint
+    std::vector<double> limit_lower;  // lower position limit per joint
+    std::vector<double> joint_vel;
+    std::vector<double> joint_acc;
+    std::vector<double> joint_dec;
+    std::vector<double> joint_jerk;
+};
+
+// Pose: x, y, z and a quaternion x, y, z, w.
+using Pose = std::array<double, 7>;
+
+class KelmKernelImpl : public KelmCommManager {
+public:
+    // One value of a remote IO station.
+    struct IOValueInfo {
+        uint64_t value = 0;
+        uint8_t bits = 0;  // width in bits: the byte count of `..._type_size` times 8
+    };
+
+    // One IO unit: digital channels as 0/1, analog values with their widths.
+    struct IOUnit {
+        std::vector<int> di_value;
+        std::vector<int> do_value;
+        std::vector<IOValueInfo> ad_value;
+        std::vector<IOValueInfo> da_value;
+        std::vector<IOValueInfo> status_value;
+        std::vector<IOValueInfo> ctrl_value;
+    };
+
+    // One remote IO station.
+    struct RtuInfo {
+        std::vector<IOUnit> units;
+    };
+
+    // The status fields of the arm, each readable from any thread without a
+    // lock. The receive thread is the only writer, except `connected`, which
+    // get_status stores. Read a field with `.load()` (for example
+    // `body["arm_index"] = status.arm_index.load();`).
+    struct SharedStatus {
+        std::atomic<int> arm_index{0};
+        std::atomic<bool> connected{false};
+        std::atomic<int> dof{0};
+        std::atomic<bool> servo{false};
+        std::atomic<int> motion_state{0};
+        std::atomic<int> fsm_mode{0};
+        std::atomic<double> vel_per{0.0};
+        std::atomic<bool> debug{false};
+
+        std::string arm_name() const;
+        // Stores a new name; the writer calls it only when the name changed.
+        void set_arm_name(const std::string& name);
+        ArmStatus load() const;
+
+    private:
+        mutable std::mutex name_mutex_;  // guards arm_name_ only; held for one copy
+        std::string arm_name_;
+    };
+
+    // The gripper as the frames report it.
+    struct EndEffector {
+        int8_t state = 0;  // low byte of `gripper_state`
+        double pos = 0.0;
+        double vel = 0.0;
+        double tau = 0.0;
+        bool connected = false;
+    };
+
+    using ErrorCallback = std::function<void(int, std::string)>;
+    using JointCallback =
+        std::function<void(double, std::vector<double>, std::vector<double>, std::vector<double>)>;
+    using PoseCallback = std::function<void(double, Pose)>;
+    using TeleDataCallback = std::function<void(double, std::vector<double>, double)>;
+    using ScalarCallback = std::function<void(double, double, double)>;
+    using ExternalForceCallback = std::function<void(double, std::vector<double>, std::vector<double>)>;
+    using AxisValueCallback = std::function<void(int, int)>;
+    using AxisServoCallback = std::function<void(int, bool)>;
+    using AxisCodeCallback = std::function<void(int, int, const std::string&)>;
+    using StateCallback = std::function<void(int)>;
+
+    // Connects to ip:port within `timeout` seconds; a failed connect is
+    // logged and leaves a kernel without a connection, whose requests then
+    // fail. `arm_index` is stored after the connect.
+    KelmKernelImpl(const std::string& ip, int port, double timeout, int arm_index);
+    ~KelmKernelImpl() override;
+
+    // Empties the cached state; called by the constructor.
+    void initData();
+
+    // ---- callback registries ----
+    // Registering a name again replaces its entry; releasing an absent name
+    // does nothing. All return 0.
+    int register_error_catch_callback(const std::string& name, ErrorCallback cb);
+    int release_error_catch_callback(const std::string& name);
+    int release_error_catch_callback();
+    int register_get_joint_callback(const std::string& name, JointCallback cb);
+    int release_get_joint_callback(const std::string& name);
+    int release_get_joint_callback();
+    int register_get_pose_callback(const std::string& name, PoseCallback cb);
+    int release_get_pose_callback(const std::string& name);
+    int release_get_pose_callback();
+    int register_get_plan_joint_callback(const std::string& name, JointCallback cb);
+    int release_get_plan_joint_callback(const std::string& name);
+    int release_get_plan_joint_callback();
+    int register_get_tele_master_data_callback(const std::string& name, TeleDataCallback cb);
+    int release_get_tele_master_data_callback(const std::string& name);
+    int release_get_tele_master_data_callback();
+    int register_get_tele_slave_data_callback(const std::string& name, TeleDataCallback cb);
+    int release_get_tele_slave_data_callback(const std::string& name);
+    int release_get_tele_slave_data_callback();
+    int register_get_external_force_callback(const std::string& name, ExternalForceCallback cb);
+    int release_get_external_force_callback(const std::string& name);
+    int release_get_external_force_callback();
+    // The change registries have no release by name.
+    int register_fsm_mode_changed_callback(const std::string& name, AxisValueCallback cb);
+    int release_fsm_mode_changed_callback();
+    int register_servo_status_changed_callback(const std::string& name, AxisServoCallback cb);
+    int release_servo_status_changed_callback();
+    int register_motor_code_changed_callback(const std::string& name, AxisCodeCallback cb);
+    int release_motor_code_changed_callback();
+    int register_motor_run_state_changed_callback(const std::string& name, AxisValueCallback cb);
+    int release_motor_run_state_changed_callback();
+    int register_state_changed_callback(const std::string& name, StateCallback cb);
+    int release_state_changed_callback();
+
+    // ---- state frames ----
+    // Entry of the receive thread for every message that is no reply; parses
+    // it and takes a "webSendRobotState" frame over. Never throws: a failure
+    // is logged and the rest of the frame is skipped.
+    void parseRecieveData(const std::string& msg);
+    // Takes this arm's part of a parsed frame into the cached state under
+    // state_mutex and fires the registries that run inside the lock.
+    void webSendRobotStateData(const Json::Value& root);
+    // Fills `out` from the top-level `rtu` block of a message. Always 1; bad
+    // word counts are logged, a bad analog value throws.
+    int parseIOInfo(const Json::Value& root, std::vector<RtuInfo>& out);
+
+    // ---- getters ----
+    // Copy of the status, with `connected` asked of the transport now. No lock.
+    ArmStatus get_status();
+    // The rest copy under state_mutex.
+    std::vector<double> get_joint_pos();
+    std::vector<double> get_joint_vel();
+    std::vector<double> get_joint_tau();
+    std::vector<double> get_plan_joint_pos();
+    std::vector<double> get_plan_joint_vel();
+    std::vector<double> get_plan_joint_tau();
+    std::vector<double> get_joint_external_tau();
+    Pose get_cart_pose();
+    std::vector<double> get_cart_external_force();
+    int get_end_effector_state();
+    double get_end_effector_pos();
+    double get_end_effector_vel();
+    double get_end_effector_tau();
+    bool get_end_effector_connect();
+
+    // ---- control commands ----
+    // 1 when the controller answered "Task_Recieve", -1 for a refused
+    // argument (logged, nothing sent), a failed send, a time-out (1000 ms) or
+    // another answer.
+    int set_servo_enable(bool enable);
+    // `mode` 0 to 4 (1 PV, 2 MIT, 3 drag, 4 force-position hybrid).
+    int set_control_mode(int mode);
+    // Published without waiting: `pos` clamped to 0..0.08, `tau` to 0..20.0;
+    // NaN is refused. 1 when the message went out.
+    int set_end_effector(double pos, double tau);
+    int set_collision_config(bool flag, int level);
+    // `is_master`: 1 for a master arm, 2 for a slave arm.
+    int set_teleoperation_mode(int is_master);
+    int disable_stop();
+    int emergency_stop();
+    int task_stop(bool stop_at_once);
+    int stop();
+    int pause();
+    int recover();
+    // Resets the log, then asks the controller to clear its error.
+    int clean_kelm_error();
+    // `level` clamped to 0..10.0 (NaN refused), `response_level` to 1..10000.
+    int set_speed_level(double level, int response_level);
+    int set_debug(bool trigger);
+
+    // ---- configuration and version ----
+    // Asks for the joint configuration; empty record on no answer.
+    ArmConfig get_config();
+    // The controller's version text, empty on no answer.
+    std::string get_version();
+
+    // ---- ready sequence ----
+    // Brings the arm to no error, servo on and POSITION mode, then reads the
+    // configuration into `config`. `blocking` retries within `delay_time` ms;
+    // otherwise each step is tried once. 1 if the frames show the arm ready.
+    int set_kelm_ready(bool blocking, double delay_time);
+
+    // ---- streaming ----
+    // Publishes the next way-point without waiting or logging. A joint target
+    // (`dof` values) is clamped to the limits in `config`; a pose (7 values)
+    // gets its quaternion normalised. `gripper` < 0 means no gripper data; it
+    // is clamped to 0.08. -1 for an illegal value or wrong length (logged).
+    int tracking(const std::vector<double>& target, bool is_joint, const double& gripper);
+    // Publishes one torque per joint and the end-effector torque unchanged.
+    int set_redundancy_tau(const std::vector<double>& redundancy_tau, const double& eeff_tau);
+
+    // ---- task waiting and errors ----
+    // Blocks until the task `task_key` is reported finished, an error (other
+    // than the warning 3001) is reported for this arm, the connection drops,
+    // or `timeout_ms` passes. 1 for any of the events, 0 on time-out or an
+    // empty key. One wait per kernel at a time.
+    int task_blocking_wait(const std::string& task_key, int timeout_ms);
+    // The kernel's own error listener: logs warnings and errors.
+    void onKelmError(int code, std::string msg);
+
+    // ---- motions and controller services ----
+    // ---- end of motions and controller services ----
+
+    // ---- cached state ----
+    // Written by the receive thread under state_mutex unless said otherwise.
+    std::mutex state_mutex;
+    std::atomic<int> arm_count{1};  // size of the last frame's `arm` array; receive thread only
+    uint64_t msg_count = 0;         // `count` of the last frame
+    SharedStatus status;
+    ArmConfig config;  // written by set_kelm_ready only, read without a lock
+    int tool_index = 0;
+    int user_index = 0;
+    double time_stamp = 0.0;  // `Unix_time_stamp` of the last frame
+    std::vector<double> joint_pos;
+    std::vector<double> joint_vel;
+    std::vector<double> joint_tau;
+    std::vector<double> joint_external_tau;
+    std::vector<double> plan_joint_pos;
+    std::vector<double> plan_joint_vel;
+    std::vector<double> plan_joint_tau;
+    EndEffector end_effector;
+    Pose cart_pose{};
+    Pose pose_tool{};
+    Pose pose_user{};
+    Pose pose_aut{};
+    std::vector<double> cart_external_force;
+    bool exe_flag = false;
+    std::condition_variable task_wait_cv;
+    std::mutex task_wait_mutex;
+    std::atomic<int> task_wait_flag{0};
+    std::string last_task_key;
+    std::string exe_task_key;
+    std::vector<RtuInfo> rtu_info;  // reserved for IO information; nothing fills it
+    std::mutex io_mutex;            // serialises parseIOInfo
+    std::vector<int> reserved_ints_a;
+    std::vector<int> reserved_ints_b;
+    int reserved_code = 0;
+    std::string reserved_text;
+
+    // ---- registries ----
+    CallbackMap<void(int, std::string)> error_catch_callbacks;
+    CallbackMap<void(double, std::vector<double>, std::vector<double>, std::vector<double>)> get_joint_callbacks;
+    CallbackMap<void(double, Pose)> get_pose_callbacks;
+    CallbackMap<void(double, std::vector<double>, std::vector<double>, std::vector<double>)>
+        get_plan_joint_callbacks;
+    CallbackMap<void(double, std::vector<double>, double)> get_tele_master_data_callbacks;
+    CallbackMap<void(double, std::vector<double>, double)> get_tele_slave_data_callbacks;
+    CallbackMap<void(double, double, double)> scalar_data_callbacks;  // kept for compatibility; never fired
+    CallbackMap<void(double, std::vector<double>, std::vector<double>)> get_external_force_callbacks;
+    CallbackMap<void(int, int)> fsm_mode_changed_callbacks;
+    CallbackMap<void(int, bool)> servo_status_changed_callbacks;
+    CallbackMap<void(int, int, const std::string&)> motor_code_changed_callbacks;
+    CallbackMap<void(int, int)> motor_run_state_changed_callbacks;
+    CallbackMap<void(int)> state_changed_callbacks;
+
+private:
+    // Sends a command with cmd_server (1000 ms) and reads its reply: 1 for
+    // `recv` "Task_Recieve", -1 for a null reply or any other answer.
+    int sendCommand(const Json::Value& body);
+    // Publishes a streaming message without waiting: 1 if it went out.
+    int publishStream(const Json::Value& body);
+    void fireFrameDataCallbacks();
+    void takeOverArm(const Json::Value& arm);
+    void fireAxisCallbacks(const Json::Value& axises);
+    void readGripper(const Json::Value& gripper);
+    void readJointBlock(const Json::Value& block, bool arm_has_pose, std::vector<double>& pos,
+                        std::vector<double>& vel, std::vector<double>& tau);
+    void readPoses(const Json::Value& arm);
+    void readTask(const Json::Value& task);
+    void readCount(const Json::Value& root);
+    void closeReadySequence();
+    int reportReadiness(bool ready, bool blocking, const log_time::TimerUnit& timer, double delay_time);
+    bool runBlockingReadySteps(log_time::TimerUnit& timer, double delay_time);
+    bool runSingleReadySteps();
+};
+
+}  // namespace kelm
