@@ -1,0 +1,107 @@
+// CommunicationClient: carries JSON messages to and from one controller over a
+// socket-level client (WebSocketClient), and delivers each received text
+// message to the attached listener on a receive thread of its own.
+//
+// One connection at a time. connect() opens the socket client given by
+// setClientHandle() and starts one receive thread for that connection; the
+// thread delivers every complete message, in order, to the listener's
+// onReceive() and calls connect_callback(true) once before the first message
+// and connect_callback(false) once when the connection ends, whether the peer
+// closed it, it broke, or disConnect() ended it. Nothing reconnects by itself.
+//
+// Threads:
+// - connect_callback and the listener run on the receive thread only, never
+//   two at once. An exception thrown by either is logged and swallowed; the
+//   receive thread carries on.
+// - sendRequest() and isConnected() may be called from any thread, the
+//   receive thread included.
+// - connect(), disConnect(), setClientHandle() and the listener operations
+//   may be called from any thread, also from inside a callback on the receive
+//   thread: disConnect() there ends the connection and reports it at once
+//   instead of waiting for its own thread.
+// - Assign connect_callback only while no connection stands (before
+//   connect(), or after disConnect() has returned on another thread).
+//
+// Rates: setSendRate() and setRecvRate() are stored and carried over from
+// one connection to the next, but they do not pace anything: every request
+// goes out when sendRequest() is called and every message is delivered as
+// soon as it is complete, because the controller's state stream is the clock
+// of the application.
+#pragma once
+
+#include <json/json.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "basic_client_interface.h"
+#include "i_recieve_listener.h"
+
+namespace kelm {
+
+class CommunicationClient {
+public:
+    CommunicationClient();
+    ~CommunicationClient();
+    CommunicationClient(const CommunicationClient&) = delete;
+    CommunicationClient& operator=(const CommunicationClient&) = delete;
+
+    // Makes `listener` the receiver of all messages from now on, across
+    // reconnections; replaces any listener attached before.
+    void attachListener(iRecieveListener* listener);
+    // Detaches `listener` if it is the one attached. When it returns on
+    // another thread than the receive thread, no delivery to the listener is
+    // running any more.
+    void releaseListener(iRecieveListener* listener);
+    // Takes shared ownership of the socket client used by the next connect().
+    // A connection that stands keeps the client it was opened with.
+    void setClientHandle(std::shared_ptr<BasicClientInterface> client);
+    void setSendRate(double rate);
+    void setRecvRate(double rate);
+    // Ends any earlier connection, then opens the socket client's endpoint.
+    // `ip` and `port` name the endpoint in log lines; a port outside 1 to
+    // 65535, a time-out that is not a positive number of seconds, or a
+    // missing socket client fail at once. Returns -1 on failure, 1 once the
+    // connection stands and connect_callback(true) has run; never later
+    // than `timeout` seconds plus the time of that callback.
+    int connect(const std::string& ip, int port, double timeout);
+    bool isConnected();
+    // Closes the connection with a close handshake (bounded wait), then
+    // waits for the receive thread unless called on it. Harmless when
+    // nothing stands.
+    void disConnect();
+    // Sends the request as compact one-line JSON, UTF-8 kept as is. 1 when
+    // the message went out; -1 when no connection stands or sending failed
+    // (a failed send also ends the connection). Safe from several threads at
+    // once; messages never interleave.
+    int sendRequest(const Json::Value& request);
+
+    // Told true when the connection comes up and false, once, when it goes down.
+    std::function<void(bool)> connect_callback;
+
+private:
+    struct Connection;
+    struct Delivery;
+
+    void receiveLoop(std::shared_ptr<Connection> connection, std::shared_ptr<Delivery> delivery);
+    void reportConnectionState(Connection& connection, bool up);
+    void stopConnection(const std::shared_ptr<Connection>& connection);
+    bool onReceiveThread();
+    void endCurrentConnection();
+
+    std::shared_ptr<Delivery> delivery_;
+    std::mutex lifecycle_mutex_;  // serialises connect() and disConnect() between threads
+    std::mutex state_mutex_;      // guards the three members below, held briefly
+    std::shared_ptr<BasicClientInterface> client_;
+    std::shared_ptr<Connection> connection_;
+    std::thread receive_thread_;
+    std::atomic<double> send_rate_{0.0};
+    std::atomic<double> recv_rate_{0.0};
+    const Json::StreamWriterBuilder writer_builder_;
+};
+
+}  // namespace kelm

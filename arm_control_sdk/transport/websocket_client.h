@@ -1,0 +1,71 @@
+// WebSocketClient: the socket-level client for one controller's WebSocket
+// endpoint (ws://host:port/), built on Poco Net.
+//
+// It opens the TCP connection and the WebSocket handshake within the given
+// time-out, with Nagle's algorithm off so that small requests leave at once.
+// receiveMessage() reassembles fragmented messages, answers pings with pongs
+// and completes a close handshake started by either side; messages may be
+// of any size up to kMaxMessageBytes.
+//
+// Threads: open() on the owner's thread while no receive runs;
+// receiveMessage() on one receive thread; sendText(), close(), abort() and
+// isOpen() from any thread. All sends, pongs and close frames included, go
+// through one send lock.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "basic_client_interface.h"
+
+namespace Poco {
+namespace Net {
+class WebSocket;
+}  // namespace Net
+}  // namespace Poco
+
+namespace kelm {
+
+class WebSocketClient : public BasicClientInterface {
+public:
+    // Largest message accepted from the peer; a bigger one ends the
+    // connection with status 1009 (message too big).
+    static constexpr std::size_t kMaxMessageBytes = 64u * 1024u * 1024u;
+
+    // An unconnected client for ws://host:port/. Nothing happens on the
+    // network until open().
+    WebSocketClient(std::string host, unsigned short port);
+    ~WebSocketClient() override;
+    WebSocketClient(const WebSocketClient&) = delete;
+    WebSocketClient& operator=(const WebSocketClient&) = delete;
+
+    bool open(double timeout_seconds) override;
+    bool receiveMessage(std::string& message) override;
+    bool sendText(const std::string& text) override;
+    void close() override;
+    void abort() override;
+    bool isOpen() const override;
+    std::string endpoint() const override;
+
+    const std::string& host() const { return host_; }
+    unsigned short port() const { return port_; }
+
+private:
+    bool sendFrame(const void* data, std::size_t length, int flags);
+    void answerClose(const std::string& close_payload);
+    bool appendFragment(std::string& message, const char* data, std::size_t length);
+    void endConnection(const char* reason);
+
+    const std::string host_;
+    const unsigned short port_;
+    std::shared_ptr<Poco::Net::WebSocket> socket_;  // replaced only by open()
+    std::mutex send_mutex_;
+    std::atomic<bool> open_{false};
+    std::atomic<bool> close_sent_{false};
+    std::atomic<bool> ended_locally_{false};
+};
+
+}  // namespace kelm

@@ -1,0 +1,88 @@
+// WebSocketServer: a small WebSocket server on Poco Net for the controller
+// side of the protocol: the controller simulator and the test peer.
+//
+// It accepts WebSocket upgrades on any path of bind_address:port, gives each
+// connection an id and a thread of its own, and hands every complete text (or
+// binary) message to on_text. Pings are answered, fragmented messages are
+// reassembled, and a close frame from the client is answered before the
+// connection ends.
+//
+// Threads:
+// - on_open, on_text and on_close of one connection run on that connection's
+//   own thread, in that order; on_close runs once, after the connection has
+//   left connectionCount() and sendText() can no longer reach it. Handlers of
+//   different connections run in parallel. An exception thrown by a handler
+//   is logged and ends nothing.
+// - sendText(), broadcastText(), the frame senders, closeConnection(),
+//   dropConnection() and connectionCount() are safe from any thread, handlers
+//   included. Each connection has one send lock, so messages never
+//   interleave.
+// - start() and stop() are called by the owner, never from a handler.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kelm {
+
+class WebSocketServer {
+public:
+    using ConnectionId = std::uint64_t;
+
+    struct Handlers {
+        std::function<void(ConnectionId)> on_open;
+        std::function<void(ConnectionId, const std::string& text)> on_text;
+        std::function<void(ConnectionId)> on_close;
+    };
+
+    // A stopped server for bind_address:port; port 0 picks a free port at
+    // the first start().
+    WebSocketServer(std::string bind_address, unsigned short port, Handlers handlers);
+    // Stops the server.
+    ~WebSocketServer();
+    WebSocketServer(const WebSocketServer&) = delete;
+    WebSocketServer& operator=(const WebSocketServer&) = delete;
+
+    // Binds and starts accepting. A restart after stop() binds the same port
+    // again. Throws Poco::Exception when the address cannot be bound.
+    void start();
+    // Stops accepting, drops every connection and waits (at most a few
+    // seconds) until their threads have run on_close. Harmless when stopped.
+    void stop();
+    bool running() const;
+
+    // The bound port (known after the first start(), kept across stop()).
+    unsigned short port() const;
+
+    // Sends one text message to one connection. False if the connection is
+    // unknown or the send failed; a failed send drops the connection.
+    bool sendText(ConnectionId id, const std::string& text);
+    // Sends `text` to every open connection; returns how many it reached.
+    std::size_t broadcastText(const std::string& text);
+    // Sends `text` as one message cut into frames of at most
+    // `fragment_bytes` payload bytes (a text frame and continuation frames).
+    bool sendFragmentedText(ConnectionId id, const std::string& text, std::size_t fragment_bytes);
+    // Sends one raw frame with Poco's frame flags (FIN bit and opcode), for
+    // tests of the protocol layer: a ping, a lone continuation frame, ...
+    bool sendFrame(ConnectionId id, const std::string& payload, int flags);
+
+    // Clean close: sends a close frame (status 1000); the connection ends
+    // when the client has answered it. False if the connection is unknown.
+    bool closeConnection(ConnectionId id);
+    // Abrupt end: shuts the TCP connection down without a close frame.
+    bool dropConnection(ConnectionId id);
+
+    std::size_t connectionCount() const;
+    // Ids of the open connections, oldest first.
+    std::vector<ConnectionId> connectionIds() const;
+
+private:
+    struct Impl;
+    std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace kelm

@@ -1,0 +1,158 @@
+// TestPeer: a scriptable arm controller for tests, listening on 127.0.0.1 on
+// a free port.
+//
+// It records every message a client sends (raw text and parsed JSON),
+// answers requests by rules keyed by their `command`, and pushes text or JSON
+// to its clients on demand or at a steady rate. Typical use:
+//
+//   kelm::test::TestPeer peer;
+//   peer.replyTo("setServoEnable", TestPeer::recv("Task_Recieve"));
+//   KelmKernelImpl kernel(peer.host(), peer.port(), ...);
+//   auto request = peer.waitForCommand("setServoEnable");
+//   ASSERT_TRUE(request);
+//   EXPECT_EQ((*request)["enable"], true);
+//   peer.sendJson(frame);
+//
+// A reply echoes the request's `command` and `task_key` and adds the rule's
+// members (which win over the echo, for tests of mismatched replies).
+// Without a rule, a request gets no answer; replyToAll() sets the default.
+//
+// Threads: all members are safe from any thread. Rules run on the
+// connection's thread of the peer; delayed replies and streams on one
+// scheduler thread of the peer. Waits are bounded by their time-out.
+#pragma once
+
+#include <json/json.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <initializer_list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "websocket_server.h"
+
+namespace kelm {
+namespace test {
+
+// Builds a JSON object in one expression: jsonObject({{"recv", "Task_Recieve"}, {"x", 1}}).
+Json::Value jsonObject(std::initializer_list<std::pair<const char*, Json::Value>> members);
+// Compact one-line JSON text of `value`.
+std::string toJsonText(const Json::Value& value);
+
+// One message the peer received from a client.
+struct ReceivedMessage {
+    WebSocketServer::ConnectionId connection = 0;
+    std::string text;
+    Json::Value json;      // null when the text is not JSON
+    bool is_json = false;
+};
+
+class TestPeer {
+public:
+    using Milliseconds = std::chrono::milliseconds;
+    using Predicate = std::function<bool(const Json::Value& message)>;
+    // Builds the members of the reply to `request`; a null result means no reply.
+    using Responder = std::function<Json::Value(const Json::Value& request)>;
+
+    static constexpr Milliseconds kDefaultWait{3000};
+    static constexpr const char* kHost = "127.0.0.1";
+
+    // Starts listening at once.
+    TestPeer();
+    ~TestPeer();
+    TestPeer(const TestPeer&) = delete;
+    TestPeer& operator=(const TestPeer&) = delete;
+
+    std::string host() const { return kHost; }
+    unsigned short port() const;
+
+    // Stops listening and drops every connection; restart() listens again on
+    // the same port. Recorded messages and rules are kept.
+    void stop();
+    void restart();
+
+    // ---- connections ----
+    std::size_t connectionCount() const;
+    // Waits until exactly `count` clients are connected.
+    bool waitForConnections(std::size_t count, Milliseconds timeout = kDefaultWait);
+    // Clean close (close frame) of every connection.
+    void closeConnections();
+    // Abrupt TCP shutdown of every connection, no close frame.
+    void dropConnections();
+
+    // ---- what the clients sent ----
+    // The first message not yet returned by a wait that satisfies
+    // `predicate`, waiting up to `timeout` for it to arrive. Each message is
+    // returned by at most one wait, so repeated waits walk through equal
+    // requests in order.
+    std::optional<Json::Value> waitFor(const Predicate& predicate, Milliseconds timeout = kDefaultWait);
+    std::optional<Json::Value> waitForCommand(const std::string& command, Milliseconds timeout = kDefaultWait);
+    // Waits until at least `count` messages have been received in all.
+    bool waitForCount(std::size_t count, Milliseconds timeout = kDefaultWait);
+    std::vector<ReceivedMessage> received() const;
+    // Every received request with this `command`, in arrival order.
+    std::vector<Json::Value> receivedCommands(const std::string& command) const;
+    std::size_t receivedCount() const;
+    void clearReceived();
+
+    // ---- answering requests ----
+    // {"recv": value}, the usual reply members.
+    static Json::Value recv(const std::string& value);
+    // The reply to `request`: its `command` and `task_key` with `members` laid over them.
+    static Json::Value replyFor(const Json::Value& request, const Json::Value& members);
+
+    // Answers every `command` request with replyFor(request, members), after `delay`.
+    void replyTo(const std::string& command, const Json::Value& members, Milliseconds delay = Milliseconds(0));
+    // Answers every `command` request with replyFor(request, responder(request)).
+    void replyWith(const std::string& command, Responder responder, Milliseconds delay = Milliseconds(0));
+    // Requests with this `command` get no answer, even with a default rule.
+    void neverReply(const std::string& command);
+    // Answers requests that have no rule of their own.
+    void replyToAll(const Json::Value& members, Milliseconds delay = Milliseconds(0));
+    void clearRules();
+
+    // ---- pushing to the clients ----
+    // Sends to every connected client. True if at least one got it.
+    bool sendText(const std::string& text);
+    bool sendJson(const Json::Value& value);
+    // Sends frame() to every client every `interval` until stopStream().
+    void startStream(std::function<Json::Value()> frame, std::chrono::microseconds interval);
+    void stopStream();
+    // How many stream frames have been sent since startStream().
+    std::size_t streamedCount() const;
+
+    // Direct access for tests of the protocol layer.
+    WebSocketServer& server();
+
+private:
+    class Scheduler;
+    struct Rule {
+        Responder responder;  // empty: never answer
+        Milliseconds delay{0};
+    };
+
+    void onText(WebSocketServer::ConnectionId connection, const std::string& text);
+    void answer(WebSocketServer::ConnectionId connection, const Json::Value& request);
+    std::optional<Rule> ruleFor(const std::string& command) const;
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<ReceivedMessage> received_;
+    std::vector<bool> claimed_;
+    std::map<std::string, Rule> rules_;
+    std::optional<Rule> default_rule_;
+    std::size_t streamed_ = 0;
+    std::unique_ptr<WebSocketServer> server_;
+    std::unique_ptr<Scheduler> scheduler_;
+};
+
+}  // namespace test
+}  // namespace kelm
