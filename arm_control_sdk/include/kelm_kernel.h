@@ -268,6 +268,118 @@ public:
     void onKelmError(int code, std::string msg);
 
     // ---- motions and controller services ----
+    // A motion is handed to the controller as one "webRecieveTasks" request
+    // and waited for 1000 ms. Result: 1 when the controller took it ("Task_
+    // Recieve"), -1 for a refused input (one level-1 log line, nothing sent),
+    // a failed send, a time-out or another answer. `task_key` receives the
+    // request's key as soon as it is sent (also when the reply then fails);
+    // wait for the motion's end with task_blocking_wait on it. A refused input
+    // leaves `task_key` as it was.
+    //
+    // Targets: a joint vector of status.dof values [controller units, rad],
+    // or a pose x, y, z, qx, qy, qz, qw when `is_joint` is false. Checked in
+    // this order: no NaN or infinite value; the length; joint values within
+    // the limits of `config` (bounds allowed, never clamped; refused while
+    // set_kelm_ready has not read the limits yet); a quaternion whose squared
+    // length is within 0.0001 of 1 (never normalised). `speed` goes out as
+    // speed and acceleration unchecked; `tool` and `user` are coordinate
+    // indices passed on unchecked.
+
+    // Jog of joint or Cartesian axis `index` in direction `dir`; values are
+    // sent untouched and unchecked. The key is dropped, so a jog cannot be
+    // waited for.
+    int move_joint_jog(int index, int dir, double speed);
+    int move_line_jog(int index, int dir, double speed, int tool, int user);
+    // Point-to-point move planned in joint space to `target`.
+    int move_joint(const std::vector<double>& target, std::string& task_key, double speed, int tool, int user,
+                   bool is_joint);
+    // Straight-line move to `target`.
+    int move_line(std::vector<double> target, std::string& task_key, double speed, int tool, int user,
+                  bool is_joint);
+    // Way-points passed to the controller with no check of their values.
+    // `gripper`, if not empty, holds one gripper position [m] per point and
+    // moves the gripper along when it is connected (negative values and NaN
+    // go out as 0; no upper clamp). Without a connected gripper the points
+    // are still sent, with a level-1 line.
+    int move_directly(const std::vector<std::vector<double>>& targets, std::string& task_key,
+                      const std::vector<double>& gripper);
+    // Path through `targets`, timed by the controller at `speed`. Every point
+    // is checked for illegal values before any length or limit.
+    int move_toppra(const std::vector<std::vector<double>>& targets, std::string& task_key, double speed, int tool,
+                    int user, bool is_joint);
+    // Points with their own time stamps `times` [s] (each above 0, strictly
+    // increasing, steps below 3600) and optional gripper positions, clamped
+    // to 0..0.08 m. The lists must match the number of points: `times`, or
+    // failing that `gripper`; stamps are needed for every point all the same.
+    int move_pvt(const std::vector<std::vector<double>>& targets, const std::vector<double>& gripper,
+                 const std::vector<double>& times, std::string& task_key, bool is_joint);
+    // Arc through three points (`move_3p_arc`) or given by its centre
+    // (`move_center_arc`). `dir` true is sent as direction 0; `radian` [rad]
+    // is sent only when above 0. Each point is checked in full before the
+    // next.
+    int move_3p_arc(const std::array<std::vector<double>, 3>& points, std::string& task_key, double speed, bool dir,
+                    double radian, int tool, int user, bool is_joint);
+    int move_center_arc(const std::array<std::vector<double>, 3>& points, std::string& task_key, double speed,
+                        bool dir, double radian, int tool, int user, bool is_joint);
+    // Hop to `target`: from the pose of the current (planned, else measured)
+    // joint position, up by `up` [m], over to `target` + `down` [m], and down
+    // onto `target`, sent as one move_toppra of four poses. -1 without
+    // sending when the start pose cannot be computed (forwardKine fails).
+    int move_jump(std::array<double, 7> target, std::array<double, 3> up, std::array<double, 3> down,
+                  std::string& task_key, double speed, int tool, int user);
+    // Pause of `time` [s] in the controller's task stream, sent unchecked.
+    // `override_level` has no effect on the request.
+    int move_delay(double time, int override_level);
+
+    // Coordinate systems. The index reads return the values the state frames
+    // last reported (under state_mutex). A tool system reads as a pose (zeros
+    // when the reply is unusable, logged); a user system as the controller's
+    // array (empty on failure). Writes take 6 values; a shorter `coord` is
+    // refused with -1. set_tool_index refuses a negative index silently.
+    int get_tool_index();
+    int get_user_index();
+    std::array<double, 7> get_tool_coordinate(int index);
+    std::vector<double> get_user_coordinate(int index);
+    int set_tool_index(int index);
+    int set_user_index(int index);
+    int set_tool_coordinate(int index, std::vector<double> coord);
+    int set_user_coordinate(int index, std::vector<double> coord);
+    // Calibrations: 1 for `result` "ok", -1 for another result, -2 for no
+    // reply or no result. user_calibrate does not send `points`;
+    // tool_calibtate sends 6 values of each point and refuses a shorter one
+    // with -1.
+    int user_calibrate(int user, const std::vector<std::vector<double>>& points);
+    int tool_calibtate(int tool, const std::vector<std::vector<double>>& points);
+
+    // Kinematics, computed by the controller (one request per batch, 3000 ms).
+    // 1 on success, -1 on a refused input (outputs untouched), no answer, or
+    // a bad reply. The reply's point count sizes the output list.
+    int forwardKine(int tool, int user, const std::vector<std::vector<double>>& jnt_values,
+                    std::vector<std::array<double, 7>>& out_poses);
+    // Single form: `out_pose` is written only on success; a reply without a
+    // pose gives -1.
+    int forwardKine(int tool, int user, const std::vector<double>& jnt_value, std::array<double, 7>& out_pose);
+    // One reference joint vector per pose. All values are checked before any
+    // length or quaternion. A pose without a solution comes back as an empty
+    // element and makes the result -1.
+    int inverseKine(int tool, int user, const std::vector<std::array<double, 7>>& quat_poses,
+                    const std::vector<std::vector<double>>& ref_joints, std::vector<std::vector<double>>& out_joints);
+    // Single form: `out_joint` keeps its content unless a solution came back.
+    int inverseKine(int tool, int user, const std::array<double, 7>& quat_pose, const std::vector<double>& ref_joint,
+                    std::vector<double>& out_joint);
+
+    // Recording and teaching: 1 or -1 by the reply's `recv`.
+    int set_traj_recorder(int to_record);
+    int trajectory_teach(bool flag, std::string name);
+    int trajectory_recorder(std::string name);
+    // Lists the taught trajectories into `teach_list`, sized by the reply's
+    // count. -1 (list untouched) for no reply, no count or a negative count.
+    int check_teach(std::vector<std::string>& teach_list);
+    // Controller calibrations: the reply's `ret` (0 when absent), -1 for no
+    // reply or a refused request.
+    int set_zero_position(int axis_id);
+    int set_dynamics_cali_record_flag();
+    int set_dynamics_cali_calcu(bool payload);
     // ---- end of motions and controller services ----
 
     // ---- cached state ----

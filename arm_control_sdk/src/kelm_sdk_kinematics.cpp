@@ -1,0 +1,187 @@
+// Forward and inverse kinematics of KelmKernelImpl, asked of the controller:
+// a whole batch of points travels in one "getKinematics" request (3000 ms),
+// and the reply's own point count sizes the answer.
+#include <json/json.h>
+
+#include <array>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "kelm_kernel.h"
+#include "motion_checks.h"
+#include "print_array.h"
+
+namespace kelm {
+
+using namespace motion_checks;
+
+namespace {
+
+constexpr int kKinematicsTimeoutMs = 3000;
+
+// "joint1", "point3", "refer3": the numbered point keys, counted from 1.
+std::string pointKey(const char* word, std::size_t number) {
+    char key[48];
+    std::snprintf(key, sizeof key, "%s%lu", word, static_cast<unsigned long>(number));
+    return key;
+}
+
+Json::Value kinematicsRequest(const char* direction, int tool, int user, std::size_t point_count) {
+    Json::Value request;
+    request["command"] = "getKinematics";
+    request["task_id"] = direction;
+    Json::Value& data = request["data"];
+    data["user"] = user;
+    data["tool"] = tool;
+    data["point_cnt"] = static_cast<int>(point_count);
+    return request;
+}
+
+// The `data` object of a reply, or null when the reply has none.
+const Json::Value& replyData(const Json::Value& reply) {
+    const Json::Value& data = reply["data"];
+    return data.isObject() ? data : Json::Value::nullSingleton();
+}
+
+// The number of points an accepted reply holds, or -1 when the reply was not
+// accepted or its count is unusable. A null reply is logged by cmd_server.
+int acceptedPointCount(const Json::Value& reply, const char* operation) {
+    if (!reply.isObject()) return -1;
+    if (!isTaskReceived(reply)) {
+        KELM_LOG(LOG_INFO, "%s error", operation);
+        return -1;
+    }
+    const Json::Value& count = replyData(reply)["point_cnt"];
+    if (!count.isConvertibleTo(Json::intValue) || count.asInt() < 0) {
+        KELM_LOG(LOG_ERROR, "%s error, unusable point_cnt in the reply", operation);
+        return -1;
+    }
+    return count.asInt();
+}
+
+void logIllegalQuaternion(std::size_t index, double norm_squared, const Pose& pose) {
+    KELM_LOG(LOG_ERROR, "error: 输入四元数模不为1, 请检查quat_poses[%d], magnitude_squared =%f", static_cast<int>(index),
+             norm_squared);
+    getLogInstance()->printArray(__FILE__, __LINE__, LOG_INFO, "quat_pose: ", pose, 6, ", ");
+}
+
+}  // namespace
+
+int KelmKernelImpl::forwardKine(int tool, int user, const std::vector<std::vector<double>>& jnt_values,
+                                std::vector<Pose>& out_poses) {
+    KELM_LOG(LOG_INFO, "forwardKine");
+    Json::Value request = kinematicsRequest("forward", tool, user, jnt_values.size());
+    if (jnt_values.empty()) {
+        KELM_LOG(LOG_ERROR, "error: jnt_values empty");
+        return -1;
+    }
+    const int dof = status.dof.load();
+    Json::Value& data = request["data"];
+    for (std::size_t i = 0; i < jnt_values.size(); ++i) {
+        const std::vector<double>& joints = jnt_values[i];
+        if (!acceptLegalValues(joints)) return -1;
+        if (static_cast<long long>(joints.size()) != dof) {
+            KELM_LOG(LOG_ERROR, "error: jnt_values[%d] size is unreasonable, %d / %d", static_cast<int>(i),
+                     static_cast<int>(joints.size()), dof);
+            return -1;
+        }
+        writeReals(joints, data[pointKey("joint", i + 1)]);
+    }
+    const Json::Value reply = askController(*this, request, kKinematicsTimeoutMs);
+
+    const int count = acceptedPointCount(reply, "forwardKine");
+    if (count < 0) return -1;
+    out_poses.assign(static_cast<std::size_t>(count), Pose{});
+    const Json::Value& reply_data = replyData(reply);
+    for (int k = 1; k <= count; ++k) {
+        const Json::Value& pose = reply_data[pointKey("point", k)];
+        if (!pose.isArray() || pose.size() != kPoseSize) {
+            KELM_LOG(LOG_ERROR, "forwardKine error, 返回位姿维度不为7");
+            return -1;
+        }
+        for (Json::ArrayIndex j = 0; j < kPoseSize; ++j) out_poses[k - 1][j] = pose[j].asDouble();
+    }
+    return 1;
+}
+
+int KelmKernelImpl::forwardKine(int tool, int user, const std::vector<double>& jnt_value, Pose& out_pose) {
+    std::vector<Pose> poses;
+    const int result = forwardKine(tool, user, std::vector<std::vector<double>>{jnt_value}, poses);
+    if (result != 1) return result;
+    if (poses.empty()) {
+        KELM_LOG(LOG_ERROR, "forwardKine error, the reply holds no pose");
+        return -1;
+    }
+    out_pose = poses[0];
+    return 1;
+}
+
+int KelmKernelImpl::inverseKine(int tool, int user, const std::vector<Pose>& quat_poses,
+                                const std::vector<std::vector<double>>& ref_joints,
+                                std::vector<std::vector<double>>& out_joints) {
+    KELM_LOG(LOG_INFO, "inverseKine");
+    Json::Value request = kinematicsRequest("inverse", tool, user, quat_poses.size());
+    if (ref_joints.size() != quat_poses.size()) {
+        KELM_LOG(LOG_ERROR, "error: quat_poses size != ref_joints size");
+        return -1;
+    }
+    if (quat_poses.empty()) {
+        KELM_LOG(LOG_ERROR, "error: quat_poses empty");
+        return -1;
+    }
+    // The whole batch is searched for illegal values before anything else.
+    for (std::size_t i = 0; i < quat_poses.size(); ++i) {
+        if (!acceptLegalValues(quat_poses[i]) || !acceptLegalValues(ref_joints[i])) return -1;
+    }
+    const int dof = status.dof.load();
+    Json::Value& data = request["data"];
+    for (std::size_t i = 0; i < quat_poses.size(); ++i) {
+        const std::vector<double>& reference = ref_joints[i];
+        if (static_cast<long long>(reference.size()) != dof) {
+            KELM_LOG(LOG_ERROR, "error: ref_joints[%d] size is unreasonable, %d / %d", static_cast<int>(i),
+                     static_cast<int>(reference.size()), dof);
+            return -1;
+        }
+        const double norm_squared = quaternionNormSquared(quat_poses[i]);
+        if (!isUnitQuaternion(norm_squared)) {
+            logIllegalQuaternion(i, norm_squared, quat_poses[i]);
+            return -1;
+        }
+        writeReals(quat_poses[i], data[pointKey("point", i + 1)]);
+        writeReals(reference, data[pointKey("refer", i + 1)]);
+    }
+    const Json::Value reply = askController(*this, request, kKinematicsTimeoutMs);
+
+    const int count = acceptedPointCount(reply, "inverseKine");
+    if (count < 0) return -1;
+    out_joints.assign(static_cast<std::size_t>(count), std::vector<double>());
+    const Json::Value& reply_data = replyData(reply);
+    bool all_solved = true;
+    for (int k = 1; k <= count; ++k) {
+        const Json::Value& joints = reply_data[pointKey("joint", k)];
+        std::vector<double>& solution = out_joints[k - 1];
+        if (joints.isArray()) {
+            for (const Json::Value& value : joints) solution.push_back(value.asDouble());
+        }
+        // A pose the controller found no solution for comes back empty.
+        if (solution.empty()) all_solved = false;
+    }
+    return all_solved ? 1 : -1;
+}
+
+int KelmKernelImpl::inverseKine(int tool, int user, const Pose& quat_pose, const std::vector<double>& ref_joint,
+                                std::vector<double>& out_joint) {
+    std::vector<std::vector<double>> solutions;
+    const int result =
+        inverseKine(tool, user, std::vector<Pose>{quat_pose}, std::vector<std::vector<double>>{ref_joint}, solutions);
+    if (result != 1) return result;
+    if (solutions.empty()) {
+        KELM_LOG(LOG_ERROR, "inverseKine error, the reply holds no joint position");
+        return -1;
+    }
+    out_joint = solutions[0];
+    return 1;
+}
+
+}  // namespace kelm
