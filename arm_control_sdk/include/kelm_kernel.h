@@ -440,7 +440,12 @@ private:
     int sendCommand(const Json::Value& body);
     // Publishes a streaming message without waiting: 1 if it went out.
     int publishStream(const Json::Value& body);
+
+    // Steps of a state frame, all but the first under state_mutex.
     void fireFrameDataCallbacks();
+    void readCount(const Json::Value& root);
+    void fireErrorOfThisArm(const Json::Value& root);
+    const Json::Value* selectArm(const Json::Value* arms) const;
     void takeOverArm(const Json::Value& arm);
     void fireAxisCallbacks(const Json::Value& axises);
     void readGripper(const Json::Value& gripper);
@@ -448,11 +453,16 @@ private:
                         std::vector<double>& vel, std::vector<double>& tau);
     void readPoses(const Json::Value& arm);
     void readTask(const Json::Value& task);
-    void readCount(const Json::Value& root);
+
+    // Steps of the ready sequence.
+    bool runSingleReadySteps();
+    bool runBlockingReadySteps(log_time::TimerUnit& timer, double delay_time);
     void closeReadySequence();
     int reportReadiness(bool ready, bool blocking, const log_time::TimerUnit& timer, double delay_time);
-    bool runBlockingReadySteps(log_time::TimerUnit& timer, double delay_time);
-    bool runSingleReadySteps();
+
+    // Receive-thread buffers reused from frame to frame.
+    std::string arm_name_scratch_;
+    std::string fsm_state_scratch_;
 };
 
 }  // namespace kelm

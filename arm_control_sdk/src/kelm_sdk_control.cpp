@@ -1,0 +1,204 @@
+// KelmKernelImpl: control commands (servo, modes, gripper, stop signals,
+// speed, debug) and the two questions about the arm itself, its joint
+// configuration and its version.
+//
+// Everything here runs on the caller's thread and, except set_end_effector,
+// blocks it for up to 1000 ms waiting for the reply.
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+#include "kelm_kernel.h"
+#include "log_manager.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr int kQueryTimeoutMs = 1000;
+constexpr unsigned kHighestControlMode = 4;
+constexpr double kGripperMaxPos = 0.08;
+constexpr double kGripperMaxTau = 20.0;
+constexpr double kSpeedLevelMax = 10.0;
+constexpr int kResponseLevelMin = 1;
+constexpr int kResponseLevelMax = 10000;
+constexpr int kStopStepCount = 5;
+
+Json::Value commandBody(const char* command) {
+    Json::Value body(Json::objectValue);
+    body["command"] = command;
+    return body;
+}
+
+// 0 below the range, otherwise the smaller of `value` and `upper`.
+double clampFromZero(double value, double upper) { return value < 0.0 ? 0.0 : std::min(value, upper); }
+
+void logIllegalSetting() { KELM_LOG(LOG_ERROR, "error: 输入含有非法值，请检查输入！！！"); }
+
+
+}  // namespace
+
+int KelmKernelImpl::set_servo_enable(bool enable) {
+    Json::Value body = commandBody("setServoEnable");
+    body["arm_index"] = status.arm_index.load();
+    body["enable"] = enable;
+    return sendCommand(body);
+}
+
+int KelmKernelImpl::set_control_mode(int mode) {
+    // Compared unsigned: negative modes fail too. Mode 0 is accepted although
+    // the message does not list it.
+    if (static_cast<unsigned>(mode) > kHighestControlMode) {
+        KELM_LOG(LOG_ERROR, "请输入： 1 PV模式，2 MIT模式，3拖动模式，4力位混合模式");
+        return -1;
+    }
+    Json::Value body = commandBody("setControlMode");
+    body["arm_index"] = status.arm_index.load();
+    body["mode"] = mode;
+    return sendCommand(body);
+}
+
+int KelmKernelImpl::set_end_effector(double pos, double tau) {
+    if (std::isnan(pos) || std::isnan(tau)) {
+        logIllegalSetting();
+        return -1;
+    }
+    Json::Value body = commandBody("setEffectorCtr");
+    body["arm_index"] = status.arm_index.load();
+    body["pos"] = clampFromZero(pos, kGripperMaxPos);
+    body["tau"] = clampFromZero(tau, kGripperMaxTau);
+    return publishStream(body);
+}
+
+int KelmKernelImpl::set_collision_config(bool flag, int level) {
+    Json::Value body = commandBody("setCollisionConfig");
+    body["arm_index"] = status.arm_index.load();
+    body["flag"] = flag;
+    body["level"] = level;
+    return sendCommand(body);
+}
+
+int KelmKernelImpl::set_teleoperation_mode(int is_master) {
+    Json::Value body = commandBody("setTeleoperationMode");
+    body["arm_index"] = status.arm_index.load();
+    body["is_master"] = is_master;
+    return sendCommand(body);
+}
+
+int KelmKernelImpl::disable_stop() {
+    // Addressed to the whole controller: no arm_index.
+    Json::Value body = commandBody("stopSignals");
+    body["stop_id"] = "SIG_ARM_DISABLE";
+    return sendCommand(body);
+}
+
+int KelmKernelImpl::emergency_stop() {
+    // Addressed to the whole controller: no arm_index.
+    Json::Value body = commandBody("stopSignals");
+    body["stop_id"] = "SIG_EMERGENCY_STOP";
+    return sendCommand(body);
+}
+
+int KelmKernelImpl::task_stop(bool stop_at_once) {
+    Json::Value body = commandBody("stopSignals");
+    body["arm_index"] = status.arm_index.load();
+    body["stop_id"] = "SIG_TASK_STOP";
+    body["stop_at_once"] = stop_at_once;
+    return sendCommand(body);
+}
+
+int KelmKernelImpl::stop() {
+    Json::Value body = commandBody("stopSignals");
+    body["arm_index"] = status.arm_index.load();
+    body["stop_id"] = "SIG_ARM_STOP";
+    body["step_cnt"] = kStopStepCount;
+    return sendCommand(body);
+}
+
+int KelmKernelImpl::pause() {
+    Json::Value body = commandBody("stopSignals");
+    body["arm_index"] = status.arm_index.load();
+    body["stop_id"] = "SIG_ARM_PAUSE";
+    body["step_cnt"] = kStopStepCount;
+    return sendCommand(body);
+}
+
+int KelmKernelImpl::recover() {
+    Json::Value body = commandBody("stopSignals");
+    body["arm_index"] = status.arm_index.load();
+    body["stop_id"] = "SIG_ARM_RECOVER";
+    body["step_cnt"] = kStopStepCount;
+    return sendCommand(body);
+}
+
+int KelmKernelImpl::clean_kelm_error() {
+    getLogInstance()->reset();
+    Json::Value body = commandBody("setControllerErrorReset");
+    body["arm_index"] = status.arm_index.load();
+    return sendCommand(body);
+}
+
+int KelmKernelImpl::set_speed_level(double level, int response_level) {
+    if (std::isnan(level)) {
+        logIllegalSetting();
+        return -1;
+    }
+    const int clamped_response = std::min(response_level, kResponseLevelMax);
+    Json::Value body = commandBody("setSpeedLevel");
+    body["arm_index"] = status.arm_index.load();
+    body["level"] = clampFromZero(level, kSpeedLevelMax);
+    body["response_level"] = clamped_response <= 0 ? kResponseLevelMin : clamped_response;
+    return sendCommand(body);
+}
+
+int KelmKernelImpl::set_debug(bool trigger) {
+    // Addressed to the whole controller: no arm_index.
+    Json::Value body = commandBody("setDebugMode");
+    body["trigger"] = trigger;
+    return sendCommand(body);
+}
+
+ArmConfig KelmKernelImpl::get_config() {
+    Json::Value body = commandBody("getJointParams");
+    body["arm_index"] = status.arm_index.load();
+    std::string task_key;
+    const Json::Value reply = cmd_server(body, task_key, kQueryTimeoutMs);
+    if (reply == Json::Value()) {
+        KELM_LOG(LOG_ERROR, "get config result null");
+        return ArmConfig();
+    }
+    const Json::Value& params = reply["params"];
+    ArmConfig result;
+    const int dof = params["dof"].asInt();
+    if (dof < 0) {
+        KELM_LOG(LOG_ERROR, "get config: negative dof %d, taken as 0", dof);
+        return result;
+    }
+    result.dof = dof;
+    const std::pair<const char*, std::vector<double>*> columns[] = {
+        {"limit_upper", &result.limit_upper}, {"limit_lower", &result.limit_lower},
+        {"joint_vel", &result.joint_vel},     {"joint_acc", &result.joint_acc},
+        {"joint_dec", &result.joint_dec},     {"joint_jerk", &result.joint_jerk},
+    };
+    for (const auto& column : columns) column.second->assign(static_cast<size_t>(dof), 0.0);
+    // Joint by joint; an array shorter than dof reads 0 for the joints it lacks.
+    for (int joint = 0; joint < dof; ++joint) {
+        for (const auto& column : columns) {
+            (*column.second)[static_cast<size_t>(joint)] =
+                params[column.first][static_cast<Json::ArrayIndex>(joint)].asDouble();
+        }
+    }
+    return result;
+}
+
+std::string KelmKernelImpl::get_version() {
+    Json::Value body = commandBody("getArmIntrinsicProperties");
+    body["type"] = "version";
+    body["arm_index"] = status.arm_index.load();
+    std::string task_key;
+    const Json::Value reply = cmd_server(body, task_key, kQueryTimeoutMs);
+    if (reply == Json::Value()) return std::string();
+    return reply["version"].asString();
+}
+
+}  // namespace kelm
