@@ -90,6 +90,7 @@ private:
     void receiveLoop(std::shared_ptr<Connection> connection, std::shared_ptr<Delivery> delivery);
     void reportConnectionState(Connection& connection, bool up);
     void stopConnection(const std::shared_ptr<Connection>& connection);
+    bool lockLifecycle(std::unique_lock<std::mutex>& lifecycle);
     bool onReceiveThread();
     void endCurrentConnection();
 

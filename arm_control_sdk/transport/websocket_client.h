@@ -55,17 +55,18 @@ public:
 
 private:
     bool sendFrame(const void* data, std::size_t length, int flags);
+    void sendClose(unsigned status);
     void answerClose(const std::string& close_payload);
-    bool appendFragment(std::string& message, const char* data, std::size_t length);
     void endConnection(const char* reason);
+    void shutdownLocked();  // send_mutex_ held
 
     const std::string host_;
     const unsigned short port_;
     std::shared_ptr<Poco::Net::WebSocket> socket_;  // replaced only by open()
     std::mutex send_mutex_;
     std::atomic<bool> open_{false};
-    std::atomic<bool> close_sent_{false};
-    std::atomic<bool> ended_locally_{false};
+    std::atomic<bool> close_sent_{false};     // a close frame has gone out
+    std::atomic<bool> ended_locally_{false};  // close()/abort() was asked for: no loss to log
 };
 
 }  // namespace kelm

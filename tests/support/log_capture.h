@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "log_manager.h"

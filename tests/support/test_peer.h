@@ -140,6 +140,7 @@ private:
     };
 
     void onText(WebSocketServer::ConnectionId connection, const std::string& text);
+    void notifyChange();
     void answer(WebSocketServer::ConnectionId connection, const Json::Value& request);
     std::optional<Rule> ruleFor(const std::string& command) const;
 
@@ -149,6 +150,7 @@ private:
     std::vector<bool> claimed_;
     std::map<std::string, Rule> rules_;
     std::optional<Rule> default_rule_;
+    std::size_t stream_generation_ = 0;  // a running stream stops when this moves on
     std::size_t streamed_ = 0;
     std::unique_ptr<WebSocketServer> server_;
     std::unique_ptr<Scheduler> scheduler_;

@@ -1,0 +1,310 @@
+#include "test_peer.h"
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+namespace kelm {
+namespace test {
+
+namespace {
+
+Json::Value parseJson(const std::string& text, bool& ok) {
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = false;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value value;
+    std::string errors;
+    ok = reader->parse(text.data(), text.data() + text.size(), &value, &errors);
+    if (!ok) value = Json::Value();
+    return value;
+}
+
+bool hasStringMember(const Json::Value& value, const char* name) {
+    return value.isObject() && value.isMember(name) && value[name].isString();
+}
+
+}  // namespace
+
+Json::Value jsonObject(std::initializer_list<std::pair<const char*, Json::Value>> members) {
+    Json::Value object(Json::objectValue);
+    for (const auto& member : members) object[member.first] = member.second;
+    return object;
+}
+
+std::string toJsonText(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    return Json::writeString(builder, value);
+}
+
+// Runs jobs at their due time on one thread of its own; jobs due at the same
+// time run in the order they were scheduled.
+class TestPeer::Scheduler {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    Scheduler() : thread_([this] { run(); }) {}
+
+    ~Scheduler() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        thread_.join();
+    }
+
+    void schedule(Clock::duration delay, std::function<void()> job) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            jobs_.emplace(Clock::now() + delay, std::move(job));
+        }
+        wake_.notify_all();
+    }
+
+private:
+    void run() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (!stopping_) {
+            if (jobs_.empty()) {
+                wake_.wait(lock);
+                continue;
+            }
+            const auto due = jobs_.begin()->first;
+            if (Clock::now() < due) {
+                wake_.wait_until(lock, due);
+                continue;
+            }
+            auto job = std::move(jobs_.begin()->second);
+            jobs_.erase(jobs_.begin());
+            lock.unlock();
+            job();
+            lock.lock();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::multimap<Clock::time_point, std::function<void()>> jobs_;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
+TestPeer::TestPeer() {
+    WebSocketServer::Handlers handlers;
+    handlers.on_open = [this](WebSocketServer::ConnectionId) { notifyChange(); };
+    handlers.on_text = [this](WebSocketServer::ConnectionId connection, const std::string& text) {
+        onText(connection, text);
+    };
+    handlers.on_close = [this](WebSocketServer::ConnectionId) { notifyChange(); };
+    server_ = std::make_unique<WebSocketServer>(kHost, 0, std::move(handlers));
+    scheduler_ = std::make_unique<Scheduler>();
+    server_->start();
+}
+
+TestPeer::~TestPeer() {
+    stopStream();
+    scheduler_.reset();
+    server_->stop();
+}
+
+unsigned short TestPeer::port() const { return server_->port(); }
+
+void TestPeer::stop() { server_->stop(); }
+
+void TestPeer::restart() { server_->start(); }
+
+std::size_t TestPeer::connectionCount() const { return server_->connectionCount(); }
+
+bool TestPeer::waitForConnections(std::size_t count, Milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return server_->connectionCount() == count; });
+}
+
+void TestPeer::closeConnections() {
+    for (auto id : server_->connectionIds()) server_->closeConnection(id);
+}
+
+void TestPeer::dropConnections() {
+    for (auto id : server_->connectionIds()) server_->dropConnection(id);
+}
+
+std::optional<Json::Value> TestPeer::waitFor(const Predicate& predicate, Milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    std::optional<Json::Value> found;
+    std::size_t checked = 0;
+    const auto find_unclaimed = [&] {
+        // Messages before `checked` have been tried already and only
+        // claimed_ can have changed for them, never to unclaimed.
+        for (std::size_t i = checked; i < received_.size(); ++i) {
+            if (claimed_[i] || !received_[i].is_json || !predicate(received_[i].json)) continue;
+            claimed_[i] = true;
+            found = received_[i].json;
+            return true;
+        }
+        checked = received_.size();
+        return false;
+    };
+    changed_.wait_for(lock, timeout, find_unclaimed);
+    return found;
+}
+
+std::optional<Json::Value> TestPeer::waitForCommand(const std::string& command, Milliseconds timeout) {
+    return waitFor(
+        [&command](const Json::Value& message) {
+            return hasStringMember(message, "command") && message["command"].asString() == command;
+        },
+        timeout);
+}
+
+bool TestPeer::waitForCount(std::size_t count, Milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return received_.size() >= count; });
+}
+
+std::vector<ReceivedMessage> TestPeer::received() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return received_;
+}
+
+std::vector<Json::Value> TestPeer::receivedCommands(const std::string& command) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<Json::Value> matching;
+    for (const auto& message : received_) {
+        if (hasStringMember(message.json, "command") && message.json["command"].asString() == command) {
+            matching.push_back(message.json);
+        }
+    }
+    return matching;
+}
+
+std::size_t TestPeer::receivedCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return received_.size();
+}
+
+void TestPeer::clearReceived() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    received_.clear();
+    claimed_.clear();
+}
+
+Json::Value TestPeer::recv(const std::string& value) { return jsonObject({{"recv", value}}); }
+
+Json::Value TestPeer::replyFor(const Json::Value& request, const Json::Value& members) {
+    Json::Value reply(Json::objectValue);
+    for (const char* echoed : {"command", "task_key"}) {
+        if (request.isObject() && request.isMember(echoed)) reply[echoed] = request[echoed];
+    }
+    if (members.isObject()) {
+        for (const auto& name : members.getMemberNames()) reply[name] = members[name];
+    }
+    return reply;
+}
+
+void TestPeer::replyTo(const std::string& command, const Json::Value& members, Milliseconds delay) {
+    replyWith(command, [members](const Json::Value&) { return members; }, delay);
+}
+
+void TestPeer::replyWith(const std::string& command, Responder responder, Milliseconds delay) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    rules_[command] = Rule{std::move(responder), delay};
+}
+
+void TestPeer::neverReply(const std::string& command) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    rules_[command] = Rule{};
+}
+
+void TestPeer::replyToAll(const Json::Value& members, Milliseconds delay) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    default_rule_ = Rule{[members](const Json::Value&) { return members; }, delay};
+}
+
+void TestPeer::clearRules() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    rules_.clear();
+    default_rule_.reset();
+}
+
+bool TestPeer::sendText(const std::string& text) { return server_->broadcastText(text) > 0; }
+
+bool TestPeer::sendJson(const Json::Value& value) { return sendText(toJsonText(value)); }
+
+void TestPeer::startStream(std::function<Json::Value()> frame, std::chrono::microseconds interval) {
+    std::size_t generation = 0;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        generation = ++stream_generation_;
+        streamed_ = 0;
+    }
+    auto tick = std::make_shared<std::function<void()>>();
+    std::weak_ptr<std::function<void()>> weak_tick = tick;
+    *tick = [this, frame = std::move(frame), interval, generation, weak_tick] {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (generation != stream_generation_) return;
+            ++streamed_;
+        }
+        sendJson(frame());
+        if (auto next = weak_tick.lock()) scheduler_->schedule(interval, [next] { (*next)(); });
+    };
+    scheduler_->schedule(std::chrono::microseconds(0), [tick] { (*tick)(); });
+}
+
+void TestPeer::stopStream() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++stream_generation_;
+}
+
+std::size_t TestPeer::streamedCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return streamed_;
+}
+
+WebSocketServer& TestPeer::server() { return *server_; }
+
+// Taking the lock orders the change before any waiter's next check.
+void TestPeer::notifyChange() {
+    { std::lock_guard<std::mutex> lock(mutex_); }
+    changed_.notify_all();
+}
+
+void TestPeer::onText(WebSocketServer::ConnectionId connection, const std::string& text) {
+    ReceivedMessage message;
+    message.connection = connection;
+    message.text = text;
+    message.json = parseJson(text, message.is_json);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        received_.push_back(message);
+        claimed_.push_back(false);
+    }
+    changed_.notify_all();
+    if (hasStringMember(message.json, "command")) answer(connection, message.json);
+}
+
+void TestPeer::answer(WebSocketServer::ConnectionId connection, const Json::Value& request) {
+    const auto rule = ruleFor(request["command"].asString());
+    if (!rule || !rule->responder) return;
+    const Json::Value members = rule->responder(request);
+    if (members.isNull()) return;
+    const std::string reply = toJsonText(replyFor(request, members));
+    if (rule->delay.count() == 0) {
+        server_->sendText(connection, reply);
+        return;
+    }
+    scheduler_->schedule(rule->delay, [this, connection, reply] { server_->sendText(connection, reply); });
+}
+
+std::optional<TestPeer::Rule> TestPeer::ruleFor(const std::string& command) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = rules_.find(command);
+    if (it != rules_.end()) return it->second;
+    return default_rule_;
+}
+
+}  // namespace test
+}  // namespace kelm
