@@ -1,0 +1,169 @@
+#include "arm_kinematics.h"
+
+#include <kdl/chainiksolverpos_lma.hpp>
+#include <kdl/jntarray.hpp>
+#include <kdl/segment.hpp>
+
+#include <cmath>
+#include <stdexcept>
+
+namespace kelm {
+namespace sim {
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kTwoPi = 2.0 * kPi;
+constexpr double kPositionTolerance = 1e-9;  // [m]
+constexpr double kRotationTolerance = 1e-8;  // [rad]
+
+// Seeds tried after the caller's own, for targets far from it.
+const std::array<std::array<double, kMaxDof>, 3> kFallbackSeeds = {{
+    {0.0, 0.0, 0.0, 0.0, -1.57, 0.0, 0.0},
+    {0.5, 0.4, -0.6, 0.5, -1.0, 0.5, 0.0},
+    {-0.5, -0.4, 0.6, -0.5, 1.0, -0.5, 0.0},
+}};
+
+bool wrapIntoLimits(std::vector<double>& joints, const JointLimits& limits) {
+    for (size_t i = 0; i < joints.size(); ++i) {
+        double& q = joints[i];
+        while (q > limits.upper[i] && q - kTwoPi >= limits.lower[i]) q -= kTwoPi;
+        while (q < limits.lower[i] && q + kTwoPi <= limits.upper[i]) q += kTwoPi;
+        if (q < limits.lower[i] || q > limits.upper[i]) return false;
+    }
+    return true;
+}
+
+bool reaches(const KDL::Frame& reached, const KDL::Frame& target) {
+    const KDL::Twist error = KDL::diff(reached, target);
+    return error.vel.Norm() < kPositionTolerance && error.rot.Norm() < kRotationTolerance;
+}
+
+}  // namespace
+
+// A six-joint industrial arm with a 0.40 m column, a 0.45 m upper arm, a
+// 0.43 m forearm and a spherical wrist; at all-zero joints the upper arm
+// stands upright and the forearm points forward. Row 7 is a flange roll.
+const std::array<DhRow, kMaxDof>& dhTable() {
+    static const std::array<DhRow, kMaxDof> table = {{
+        {0.075, -kPi / 2, 0.400, 0.0},
+        {0.450, 0.0, 0.0, -kPi / 2},
+        {0.040, -kPi / 2, 0.0, 0.0},
+        {0.0, kPi / 2, 0.430, 0.0},
+        {0.0, -kPi / 2, 0.0, 0.0},
+        {0.0, 0.0, 0.090, 0.0},
+        {0.0, 0.0, 0.030, 0.0},
+    }};
+    return table;
+}
+
+JointLimits defaultJointLimits(int dof) {
+    static const std::array<double, kMaxDof> lower = {-2.87, -1.92, -1.92, -2.79, -2.09, -6.28, -3.14};
+    static const std::array<double, kMaxDof> upper = {2.87, 1.92, 1.22, 2.79, 2.09, 6.28, 3.14};
+    static const std::array<double, kMaxDof> vel = {2.0, 2.0, 2.5, 3.0, 3.0, 3.5, 3.5};
+    static const std::array<double, kMaxDof> acc = {8.0, 8.0, 10.0, 12.0, 12.0, 15.0, 15.0};
+    static const std::array<double, kMaxDof> jerk = {40.0, 40.0, 50.0, 60.0, 60.0, 75.0, 75.0};
+    JointLimits limits;
+    limits.lower.assign(lower.begin(), lower.begin() + dof);
+    limits.upper.assign(upper.begin(), upper.begin() + dof);
+    limits.vel.assign(vel.begin(), vel.begin() + dof);
+    limits.acc.assign(acc.begin(), acc.begin() + dof);
+    limits.dec.assign(acc.begin(), acc.begin() + dof);
+    limits.jerk.assign(jerk.begin(), jerk.begin() + dof);
+    return limits;
+}
+
+ArmKinematics::ArmKinematics(int dof) : dof_(dof) {
+    if (dof < 1 || dof > kMaxDof) throw std::invalid_argument("arm dof must be 1 to 7");
+    for (int i = 0; i < dof; ++i) {
+        const DhRow& row = dhTable()[i];
+        chain_.addSegment(KDL::Segment(KDL::Joint(KDL::Joint::RotZ),
+                                       KDL::Frame::DH(row.a, row.alpha, row.d, row.theta_offset)));
+    }
+}
+
+KDL::Frame ArmKinematics::flange(const std::vector<double>& joints) const {
+    KDL::Frame frame = KDL::Frame::Identity();
+    for (int i = 0; i < dof_; ++i) {
+        const DhRow& row = dhTable()[i];
+        frame = frame * KDL::Frame::DH(row.a, row.alpha, row.d, row.theta_offset + joints[i]);
+    }
+    return frame;
+}
+
+void ArmKinematics::jacobian(const std::vector<double>& joints, std::vector<double>& jacobian) const {
+    // Joint i turns about the z axis of the frame before its own row.
+    std::array<KDL::Vector, kMaxDof> axis;
+    std::array<KDL::Vector, kMaxDof> origin;
+    KDL::Frame frame = KDL::Frame::Identity();
+    for (int i = 0; i < dof_; ++i) {
+        axis[i] = frame.M.UnitZ();
+        origin[i] = frame.p;
+        const DhRow& row = dhTable()[i];
+        frame = frame * KDL::Frame::DH(row.a, row.alpha, row.d, row.theta_offset + joints[i]);
+    }
+    jacobian.assign(6 * dof_, 0.0);
+    for (int i = 0; i < dof_; ++i) {
+        const KDL::Vector linear = axis[i] * (frame.p - origin[i]);
+        for (int row = 0; row < 3; ++row) {
+            jacobian[row * dof_ + i] = linear[row];
+            jacobian[(row + 3) * dof_ + i] = axis[i][row];
+        }
+    }
+}
+
+bool ArmKinematics::inverse(const KDL::Frame& target, const std::vector<double>& seed, const JointLimits& limits,
+                            std::vector<double>& joints) const {
+    if (solveFrom(target, seed, limits, joints)) return true;
+    for (const auto& fallback : kFallbackSeeds) {
+        const std::vector<double> other(fallback.begin(), fallback.begin() + dof_);
+        if (solveFrom(target, other, limits, joints)) return true;
+    }
+    return false;
+}
+
+bool ArmKinematics::solveFrom(const KDL::Frame& target, const std::vector<double>& seed, const JointLimits& limits,
+                              std::vector<double>& joints) const {
+    KDL::ChainIkSolverPos_LMA solver(chain_, 1e-14, 500, 1e-15);
+    KDL::JntArray initial(dof_);
+    KDL::JntArray solution(dof_);
+    for (int i = 0; i < dof_; ++i) initial(i) = seed[i];
+    solver.CartToJnt(initial, target, solution);
+    std::vector<double> candidate(dof_);
+    for (int i = 0; i < dof_; ++i) candidate[i] = solution(i);
+    if (!wrapIntoLimits(candidate, limits)) return false;
+    if (!reaches(flange(candidate), target)) return false;
+    joints = std::move(candidate);
+    return true;
+}
+
+Pose ArmKinematics::toPose(const KDL::Frame& frame) {
+    Pose pose{};
+    pose[0] = frame.p.x();
+    pose[1] = frame.p.y();
+    pose[2] = frame.p.z();
+    frame.M.GetQuaternion(pose[3], pose[4], pose[5], pose[6]);
+    return pose;
+}
+
+KDL::Frame ArmKinematics::toFrame(const double* values) {
+    double qx = values[3], qy = values[4], qz = values[5], qw = values[6];
+    const double norm = std::sqrt(qx * qx + qy * qy + qz * qz + qw * qw);
+    if (norm > 1e-12) {
+        qx /= norm;
+        qy /= norm;
+        qz /= norm;
+        qw /= norm;
+    } else {
+        qx = qy = qz = 0.0;
+        qw = 1.0;
+    }
+    return KDL::Frame(KDL::Rotation::Quaternion(qx, qy, qz, qw), KDL::Vector(values[0], values[1], values[2]));
+}
+
+KDL::Frame ArmKinematics::fromCoordinate(const std::vector<double>& coordinate) {
+    return KDL::Frame(KDL::Rotation::RPY(coordinate[3], coordinate[4], coordinate[5]),
+                      KDL::Vector(coordinate[0], coordinate[1], coordinate[2]));
+}
+
+}  // namespace sim
+}  // namespace kelm

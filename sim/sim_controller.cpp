@@ -1,0 +1,213 @@
+#include "sim_controller.h"
+
+#include <stdexcept>
+
+#include "log_manager.h"
+#include "sim_json.h"
+
+namespace kelm {
+namespace sim {
+namespace {
+
+// Far behind its deadlines (the process was stopped, the machine swapped):
+// start afresh instead of sending the missed frames in a burst.
+constexpr int kResyncPeriods = 50;
+
+std::string compactText(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
+
+bool parseObject(const std::string& text, Json::Value& value) {
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = false;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    return reader->parse(text.data(), text.data() + text.size(), &value, &errors) && value.isObject();
+}
+
+double unixNow() {
+    const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration<double>(since_epoch).count();
+}
+
+}  // namespace
+
+SimController::SimController(SimOptions options)
+    : options_(std::move(options)),
+      model_(options_.arms, options_.dof, options_.hand, options_.wall),
+      server_(options_.ip, options_.port,
+              WebSocketServer::Handlers{nullptr,
+                                        [this](WebSocketServer::ConnectionId id, const std::string& text) {
+                                            onText(id, text);
+                                        },
+                                        nullptr}) {
+    for (const auto& command : options_.drop_replies) faults_.dropReplies(command);
+    for (const auto& command : options_.refuse) faults_.refuse(command);
+    if (options_.reply_delay_ms > 0)
+        faults_.delayReplies(FaultInjector::kAnyCommand, std::chrono::milliseconds(options_.reply_delay_ms));
+    for (const auto& error : options_.errors) model_.raiseError(error.arm, error.code, error.message);
+}
+
+SimController::~SimController() { stop(); }
+
+void SimController::start() {
+    if (running_) return;
+    try {
+        server_.start();
+    } catch (const std::exception& error) {
+        throw std::runtime_error("cannot listen on " + options_.ip + ":" + std::to_string(options_.port) + ": " +
+                                 error.what());
+    }
+    {
+        std::lock_guard<std::mutex> lock(reply_mutex_);
+        reply_thread_stop_ = false;
+    }
+    reply_thread_ = std::thread([this] { replyLoop(); });
+    running_ = true;
+    frame_thread_ = std::thread([this] { frameLoop(); });
+}
+
+void SimController::stop() {
+    running_ = false;
+    if (frame_thread_.joinable()) frame_thread_.join();
+    server_.stop();
+    {
+        std::lock_guard<std::mutex> lock(reply_mutex_);
+        reply_thread_stop_ = true;
+        pending_replies_ = {};
+    }
+    reply_cv_.notify_all();
+    if (reply_thread_.joinable()) reply_thread_.join();
+}
+
+SimStats SimController::stats() const {
+    SimStats stats;
+    stats.frames_sent = frames_sent_.load();
+    stats.requests = requests_.load();
+    stats.replies_sent = replies_sent_.load();
+    stats.replies_dropped = replies_dropped_.load();
+    stats.bad_messages = bad_messages_.load();
+    stats.refused_streams = model_.refusedStreamMessages();
+    stats.late_frames = late_frames_.load();
+    stats.connections = server_.connectionCount();
+    return stats;
+}
+
+void SimController::closeConnections(bool clean) {
+    for (const auto id : server_.connectionIds()) {
+        if (clean) server_.closeConnection(id);
+        else server_.dropConnection(id);
+    }
+}
+
+void SimController::onText(WebSocketServer::ConnectionId connection, const std::string& text) {
+    const Clock::time_point received = Clock::now();
+    if (!received_message_observers.empty()) received_message_observers.callEach(text, received);
+    ++requests_;
+    Json::Value request;
+    if (!parseObject(text, request)) {
+        ++bad_messages_;
+        KELM_LOG(LOG_ERROR, "simulator: a message that is no JSON object: %s", text.c_str());
+        reply(connection, SimModel::refusal(Json::Value(Json::objectValue), "not a JSON object"), received);
+        return;
+    }
+    const std::string command = readString(request, "command");
+    if (!SimModel::isStreaming(command)) {
+        if (auto reason = faults_.takeRefusal(command)) {
+            reply(connection, SimModel::refusal(request, *reason), received);
+            return;
+        }
+    }
+    const std::optional<Json::Value> answer = model_.handle(request);
+    if (answer) reply(connection, *answer, received);
+}
+
+void SimController::reply(WebSocketServer::ConnectionId connection, const Json::Value& reply,
+                          Clock::time_point received) {
+    const std::string command = reply["command"].asString();
+    if (faults_.takeDrop(command)) {
+        ++replies_dropped_;
+        return;
+    }
+    const Clock::time_point due =
+        received + std::chrono::microseconds(options_.reply_latency_us) + faults_.delayFor(command);
+    std::string text = compactText(reply);
+    if (Clock::now() >= due) {
+        if (server_.sendText(connection, text)) ++replies_sent_;
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(reply_mutex_);
+        pending_replies_.push(PendingReply{due, reply_order_++, connection, std::move(text)});
+    }
+    reply_cv_.notify_all();
+}
+
+void SimController::replyLoop() {
+    std::unique_lock<std::mutex> lock(reply_mutex_);
+    while (!reply_thread_stop_) {
+        if (pending_replies_.empty()) {
+            reply_cv_.wait(lock);
+            continue;
+        }
+        const Clock::time_point due = pending_replies_.top().due;
+        if (Clock::now() < due) {
+            reply_cv_.wait_until(lock, due);
+            continue;
+        }
+        PendingReply next = pending_replies_.top();
+        pending_replies_.pop();
+        lock.unlock();
+        if (server_.sendText(next.connection, next.text)) ++replies_sent_;
+        lock.lock();
+    }
+}
+
+void SimController::frameLoop() {
+    const double period_seconds = 1.0 / options_.rate;
+    const auto period = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(period_seconds));
+    const Clock::time_point started = Clock::now();
+    Clock::time_point deadline = started;
+    std::uint64_t frame_number = 0;
+    while (running_) {
+        deadline += period;
+        const Clock::time_point now = Clock::now();
+        if (now > deadline + period) {
+            ++late_frames_;
+            if (now > deadline + kResyncPeriods * period) deadline = now;
+        }
+        std::this_thread::sleep_until(deadline);
+        model_.step(period_seconds);
+        applyTimedFaults(std::chrono::duration<double>(Clock::now() - started).count());
+        if (faults_.streaming()) sendFrame(++frame_number);
+    }
+}
+
+void SimController::sendFrame(std::uint64_t frame_number) {
+    count_ += 1 + faults_.takeCountSkip();
+    if (options_.count_gap_every > 0 && frame_number % options_.count_gap_every == 0) ++count_;
+    const std::string& text = model_.writeFrame(writer_, count_, unixNow());
+    const bool malformed = faults_.takeMalformedFrame() ||
+                           (options_.malformed_every > 0 && frame_number % options_.malformed_every == 0);
+    if (malformed) server_.broadcastText(text.substr(0, text.size() / 2));
+    else server_.broadcastText(text);
+    ++frames_sent_;
+    if (!sent_frame_observers.empty()) sent_frame_observers.callEach(count_, Clock::now());
+}
+
+void SimController::applyTimedFaults(double seconds_running) {
+    if (options_.stop_streaming_after > 0.0 && seconds_running >= options_.stop_streaming_after &&
+        !timed_silence_done_) {
+        timed_silence_done_ = true;
+        faults_.setStreaming(false);
+    }
+    if (options_.close_after > 0.0 && seconds_running >= options_.close_after && !timed_close_done_) {
+        timed_close_done_ = true;
+        closeConnections(true);
+    }
+}
+
+}  // namespace sim
+}  // namespace kelm

@@ -1,0 +1,123 @@
+// SimController: a simulated arm controller on a WebSocket port.
+//
+// It serves the controller's side of the wire protocol: it answers each
+// request of a client on that client's connection (after the configured
+// latency), and broadcasts a state frame to every client at the set rate
+// from a frame loop that keeps absolute deadlines on the steady clock.
+// Faults can be injected through faults() and the members below.
+//
+// Threads: start() and stop() belong to the owner. The server runs one
+// thread per connection (requests), the frame loop one thread, and delayed
+// replies one more. All other members are safe from any thread.
+//
+// Observers, for latency measurement: received_message_observers are called
+// on the connection's thread with each received text and its steady-clock
+// receive time, before it is handled; sent_frame_observers on the frame
+// loop with each frame's count and the time its send returned. Both cost
+// one look at an empty map when unused.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <queue>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "callback_map.h"
+#include "sim_faults.h"
+#include "sim_model.h"
+#include "sim_options.h"
+#include "state_frame_writer.h"
+#include "websocket_server.h"
+
+namespace kelm {
+namespace sim {
+
+// Counters since start(), for the console and tests.
+struct SimStats {
+    std::uint64_t frames_sent = 0;
+    std::uint64_t requests = 0;
+    std::uint64_t replies_sent = 0;
+    std::uint64_t replies_dropped = 0;
+    std::uint64_t bad_messages = 0;       // not a JSON object
+    std::uint64_t refused_streams = 0;    // streamed targets the arm did not take
+    std::uint64_t late_frames = 0;        // cycles that missed their deadline by a whole period
+    std::size_t connections = 0;
+};
+
+class SimController {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    explicit SimController(SimOptions options);
+    ~SimController();
+    SimController(const SimController&) = delete;
+    SimController& operator=(const SimController&) = delete;
+
+    // Binds, then starts the frame loop. Throws std::runtime_error when the
+    // address cannot be bound.
+    void start();
+    // Stops the frame loop and the server; harmless when stopped.
+    void stop();
+
+    unsigned short port() const { return server_.port(); }
+    const SimOptions& options() const { return options_; }
+    SimModel& model() { return model_; }
+    FaultInjector& faults() { return faults_; }
+    SimStats stats() const;
+
+    // Closes every client connection: with a close frame when `clean`,
+    // otherwise by cutting the TCP connection.
+    void closeConnections(bool clean);
+
+    CallbackMap<void(const std::string&, Clock::time_point)> received_message_observers;
+    CallbackMap<void(std::uint64_t, Clock::time_point)> sent_frame_observers;
+
+private:
+    struct PendingReply {
+        Clock::time_point due;
+        std::uint64_t order;
+        WebSocketServer::ConnectionId connection;
+        std::string text;
+        bool operator>(const PendingReply& other) const {
+            return due != other.due ? due > other.due : order > other.order;
+        }
+    };
+
+    void onText(WebSocketServer::ConnectionId connection, const std::string& text);
+    void reply(WebSocketServer::ConnectionId connection, const Json::Value& reply, Clock::time_point received);
+    void frameLoop();
+    void sendFrame(std::uint64_t frame_number);
+    void applyTimedFaults(double seconds_running);
+    void replyLoop();
+
+    SimOptions options_;
+    SimModel model_;
+    FaultInjector faults_;
+    WebSocketServer server_;
+
+    std::atomic<bool> running_{false};
+    std::thread frame_thread_;
+    StateFrameWriter writer_;  // frame loop only
+    std::uint64_t count_ = 0;  // frame loop only
+    bool timed_close_done_ = false;    // frame loop only
+    bool timed_silence_done_ = false;  // frame loop only
+
+    std::mutex reply_mutex_;
+    std::condition_variable reply_cv_;
+    std::priority_queue<PendingReply, std::vector<PendingReply>, std::greater<PendingReply>> pending_replies_;
+    std::uint64_t reply_order_ = 0;
+    bool reply_thread_stop_ = false;
+    std::thread reply_thread_;
+
+    std::atomic<std::uint64_t> frames_sent_{0}, requests_{0}, replies_sent_{0}, replies_dropped_{0};
+    std::atomic<std::uint64_t> bad_messages_{0}, late_frames_{0};
+};
+
+}  // namespace sim
+}  // namespace kelm

@@ -1,0 +1,87 @@
+// kelm_sim: the controller simulator as a console program. Prints one line
+// at start-up and, unless --quiet, a status line once a second; ends
+// cleanly on SIGINT or SIGTERM.
+#include <signal.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <thread>
+
+#include "sim_controller.h"
+
+namespace {
+
+volatile std::sig_atomic_t stop_requested = 0;
+
+void onStopSignal(int) { stop_requested = 1; }
+
+void installStopHandlers() {
+    struct sigaction action {};
+    action.sa_handler = onStopSignal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+std::string armSummary(const kelm::sim::ArmTelemetry& arm) {
+    std::string text = arm.name + " " + kelm::sim::armModeName(arm.mode) + (arm.servo ? " servo on" : " servo off");
+    text += arm.motion_state == 1 ? " running" : arm.motion_state == -1 ? " error " + std::to_string(arm.error_code)
+                                                                        : " standby";
+    return text;
+}
+
+void printStatus(kelm::sim::SimController& controller, const kelm::sim::SimStats& last, double seconds) {
+    const kelm::sim::SimStats now = controller.stats();
+    const double rate = static_cast<double>(now.frames_sent - last.frames_sent) / seconds;
+    std::printf("kelm_sim: %.1f frames/s, %zu client(s), %llu requests, %llu replies", rate, now.connections,
+                static_cast<unsigned long long>(now.requests), static_cast<unsigned long long>(now.replies_sent));
+    for (int i = 0; i < controller.model().armCount(); ++i)
+        std::printf("; %s", armSummary(controller.model().telemetry(i)).c_str());
+    std::printf("\n");
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    kelm::sim::SimOptions options;
+    std::string error;
+    switch (kelm::sim::parseSimOptions(argc, argv, options, error)) {
+        case kelm::sim::ParseResult::Help:
+            std::printf("%s", kelm::sim::simUsage(argv[0]).c_str());
+            return 0;
+        case kelm::sim::ParseResult::Error:
+            std::fprintf(stderr, "kelm_sim: %s\n%s", error.c_str(), kelm::sim::simUsage(argv[0]).c_str());
+            return 1;
+        case kelm::sim::ParseResult::Run:
+            break;
+    }
+    installStopHandlers();
+    kelm::sim::SimController controller(options);
+    try {
+        controller.start();
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "kelm_sim: %s\n", failure.what());
+        return 1;
+    }
+    std::printf("kelm_sim: listening on ws://%s:%u, %d arm(s) of %d joints, state frames at %.0f Hz\n",
+                options.ip.c_str(), static_cast<unsigned>(controller.port()), options.arms, options.dof, options.rate);
+    std::fflush(stdout);
+
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point last_status = Clock::now();
+    kelm::sim::SimStats last_stats = controller.stats();
+    while (!stop_requested) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        const double since = std::chrono::duration<double>(Clock::now() - last_status).count();
+        if (options.quiet || since < 1.0) continue;
+        printStatus(controller, last_stats, since);
+        last_stats = controller.stats();
+        last_status = Clock::now();
+    }
+    controller.stop();
+    std::printf("kelm_sim: stopped\n");
+    return 0;
+}

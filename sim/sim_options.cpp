@@ -1,0 +1,226 @@
+#include "sim_options.h"
+
+#include <getopt.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <sstream>
+
+namespace kelm {
+namespace sim {
+namespace {
+
+enum OptionId {
+    kIp = 'i',
+    kPort = 'p',
+    kArms = 'a',
+    kDof = 'd',
+    kRate = 'r',
+    kQuiet = 'q',
+    kHelp = 'h',
+    kOperator = 1000,
+    kAmplitude,
+    kPeriod,
+    kWall,
+    kReplyLatency,
+    kDropReplies,
+    kDelayReplies,
+    kRefuse,
+    kError,
+    kCountGap,
+    kMalformed,
+    kStopStreaming,
+    kCloseAfter,
+};
+
+const option kLongOptions[] = {
+    {"ip", required_argument, nullptr, kIp},
+    {"port", required_argument, nullptr, kPort},
+    {"arms", required_argument, nullptr, kArms},
+    {"dof", required_argument, nullptr, kDof},
+    {"rate", required_argument, nullptr, kRate},
+    {"operator", required_argument, nullptr, kOperator},
+    {"amplitude", required_argument, nullptr, kAmplitude},
+    {"period", required_argument, nullptr, kPeriod},
+    {"wall", required_argument, nullptr, kWall},
+    {"reply-latency-us", required_argument, nullptr, kReplyLatency},
+    {"drop-replies", required_argument, nullptr, kDropReplies},
+    {"delay-replies", required_argument, nullptr, kDelayReplies},
+    {"refuse", required_argument, nullptr, kRefuse},
+    {"error", required_argument, nullptr, kError},
+    {"count-gap-every", required_argument, nullptr, kCountGap},
+    {"malformed-every", required_argument, nullptr, kMalformed},
+    {"stop-streaming-after", required_argument, nullptr, kStopStreaming},
+    {"close-after", required_argument, nullptr, kCloseAfter},
+    {"quiet", no_argument, nullptr, kQuiet},
+    {"help", no_argument, nullptr, kHelp},
+    {nullptr, 0, nullptr, 0},
+};
+
+bool readNumber(const char* text, double low, double high, double& value) {
+    char* end = nullptr;
+    const double number = std::strtod(text, &end);
+    if (end == text || *end != '\0' || !std::isfinite(number) || number < low || number > high) return false;
+    value = number;
+    return true;
+}
+
+bool readInteger(const char* text, long low, long high, long& value) {
+    char* end = nullptr;
+    const long number = std::strtol(text, &end, 10);
+    if (end == text || *end != '\0' || number < low || number > high) return false;
+    value = number;
+    return true;
+}
+
+// HEIGHT or HEIGHT,STIFFNESS
+bool readWall(const std::string& text, WallSettings& wall) {
+    const size_t comma = text.find(',');
+    double height = 0.0, stiffness = wall.stiffness;
+    if (!readNumber(text.substr(0, comma).c_str(), -10.0, 10.0, height)) return false;
+    if (comma != std::string::npos && !readNumber(text.substr(comma + 1).c_str(), 1.0, 1e7, stiffness)) return false;
+    wall.enabled = true;
+    wall.height = height;
+    wall.stiffness = stiffness;
+    return true;
+}
+
+// ARM:CODE or ARM:CODE:MESSAGE
+bool readInjectedError(const std::string& text, InjectedError& error) {
+    const size_t first = text.find(':');
+    if (first == std::string::npos) return false;
+    const size_t second = text.find(':', first + 1);
+    long arm = 0, code = 0;
+    if (!readInteger(text.substr(0, first).c_str(), 0, 1, arm)) return false;
+    const std::string code_text = text.substr(first + 1, second == std::string::npos ? std::string::npos : second - first - 1);
+    if (!readInteger(code_text.c_str(), 1, 1000000, code)) return false;
+    error.arm = static_cast<int>(arm);
+    error.code = static_cast<int>(code);
+    error.message = second == std::string::npos ? "injected fault " + code_text : text.substr(second + 1);
+    return true;
+}
+
+// Applies one option; false when its argument is bad.
+bool applyOption(int id, const char* argument, SimOptions& options) {
+    long integer = 0;
+    switch (id) {
+        case kIp: options.ip = argument; return !options.ip.empty();
+        case kPort:
+            if (!readInteger(argument, 0, 65535, integer)) return false;
+            options.port = static_cast<unsigned short>(integer);
+            return true;
+        case kArms:
+            if (!readInteger(argument, 1, 2, integer)) return false;
+            options.arms = static_cast<int>(integer);
+            return true;
+        case kDof:
+            if (!readInteger(argument, 1, 7, integer)) return false;
+            options.dof = static_cast<int>(integer);
+            return true;
+        case kRate: return readNumber(argument, 1.0, 20000.0, options.rate);
+        case kOperator:
+            options.hand.enabled = std::string(argument) == "on";
+            return options.hand.enabled || std::string(argument) == "off";
+        case kAmplitude: return readNumber(argument, 0.0, 1.5, options.hand.amplitude);
+        case kPeriod: return readNumber(argument, 0.1, 600.0, options.hand.period);
+        case kWall: return readWall(argument, options.wall);
+        case kReplyLatency:
+            if (!readInteger(argument, 0, 10000000, integer)) return false;
+            options.reply_latency_us = static_cast<int>(integer);
+            return true;
+        case kDropReplies: options.drop_replies.emplace_back(argument); return true;
+        case kDelayReplies:
+            if (!readInteger(argument, 0, 600000, integer)) return false;
+            options.reply_delay_ms = static_cast<int>(integer);
+            return true;
+        case kRefuse: options.refuse.emplace_back(argument); return true;
+        case kError: {
+            InjectedError error;
+            if (!readInjectedError(argument, error)) return false;
+            options.errors.push_back(error);
+            return true;
+        }
+        case kCountGap:
+            if (!readInteger(argument, 1, 1000000000, integer)) return false;
+            options.count_gap_every = static_cast<int>(integer);
+            return true;
+        case kMalformed:
+            if (!readInteger(argument, 1, 1000000000, integer)) return false;
+            options.malformed_every = static_cast<int>(integer);
+            return true;
+        case kStopStreaming: return readNumber(argument, 0.0, 1e6, options.stop_streaming_after);
+        case kCloseAfter: return readNumber(argument, 0.0, 1e6, options.close_after);
+        case kQuiet: options.quiet = true; return true;
+        default: return false;
+    }
+}
+
+}  // namespace
+
+ParseResult parseSimOptions(int argc, char** argv, SimOptions& options, std::string& error) {
+    optind = 0;  // start afresh, also on a second parse in the same process
+    opterr = 0;
+    while (true) {
+        int index = 0;
+        const int id = getopt_long(argc, argv, ":i:p:a:d:r:qh", kLongOptions, &index);
+        if (id == -1) break;
+        if (id == kHelp) return ParseResult::Help;
+        if (id == '?' || id == ':') {
+            const std::string name = optopt ? std::string("-") + static_cast<char>(optopt) : std::string(argv[optind - 1]);
+            error = (id == ':' ? "missing value for option " : "unknown option ") + name;
+            return ParseResult::Error;
+        }
+        if (!applyOption(id, optarg, options)) {
+            error = "bad value '" + std::string(optarg ? optarg : "") + "' for option " + argv[optind - 1];
+            return ParseResult::Error;
+        }
+    }
+    if (optind < argc) {
+        error = std::string("unexpected argument ") + argv[optind];
+        return ParseResult::Error;
+    }
+    for (const auto& injected : options.errors) {
+        if (injected.arm >= options.arms) {
+            error = "--error names arm " + std::to_string(injected.arm) + " of " + std::to_string(options.arms);
+            return ParseResult::Error;
+        }
+    }
+    return ParseResult::Run;
+}
+
+std::string simUsage(const char* program) {
+    std::ostringstream text;
+    text << "Usage: " << program << " [options]\n"
+         << "Simulates an arm controller: serves its WebSocket protocol and streams state frames.\n\n"
+         << "Server and arms:\n"
+         << "  -i, --ip ADDRESS            address to bind (default 127.0.0.1)\n"
+         << "  -p, --port PORT             port to bind, 0 for any free one (default 8090)\n"
+         << "  -a, --arms N                arms of the controller, 1 or 2 (default 1)\n"
+         << "  -d, --dof N                 joints per arm, 1 to 7 (default 6)\n"
+         << "  -r, --rate HZ               state frames per second (default 500)\n"
+         << "      --reply-latency-us US   least time before a reply (default 300)\n"
+         << "Operator and environment:\n"
+         << "      --operator on|off       the simulated hand moves arms in drag mode and as\n"
+         << "                              teleoperation master (default on)\n"
+         << "      --amplitude RAD         largest joint excursion of the hand (default 0.2)\n"
+         << "      --period S              period of the hand's motion (default 4)\n"
+         << "      --wall Z[,K]            a virtual wall below height Z [m] with stiffness K\n"
+         << "                              [N/m] (default 2000) that tool tips press into\n"
+         << "Fault injection:\n"
+         << "      --drop-replies CMD      never answer CMD (\"all\": any command); repeatable\n"
+         << "      --delay-replies MS      answer every request MS milliseconds late\n"
+         << "      --refuse CMD            refuse CMD (\"all\": any command); repeatable\n"
+         << "      --error ARM:CODE[:MSG]  the arm reports this error from the start (3001 is a\n"
+         << "                              warning); repeatable\n"
+         << "      --count-gap-every N     every Nth frame skips one count\n"
+         << "      --malformed-every N     every Nth frame is cut short (not valid JSON)\n"
+         << "      --stop-streaming-after S  stop sending state frames after S seconds\n"
+         << "      --close-after S         close every connection after S seconds\n"
+         << "Console:\n"
+         << "  -q, --quiet                 no status line\n"
+         << "  -h, --help                  this text\n";
+    return text.str();
+}
+
+}  // namespace sim
+}  // namespace kelm

@@ -1,0 +1,52 @@
+// SimOptions: every setting of the controller simulator, and the parser of
+// its command line. Plain data; parseSimOptions is not re-entrant (getopt).
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "sim_environment.h"
+
+namespace kelm {
+namespace sim {
+
+// An error or warning that an arm reports from the start.
+struct InjectedError {
+    int arm = 0;
+    int code = 0;
+    std::string message;
+};
+
+struct SimOptions {
+    std::string ip = "127.0.0.1";
+    unsigned short port = 8090;  // 0 picks a free port
+    int arms = 1;                // 1 or 2
+    int dof = 6;                 // 1 to 7
+    double rate = 500.0;         // state frames per second
+    // Least time between a request and its reply; a real controller is not
+    // instantaneous, and a reply must not overtake the client's bookkeeping.
+    int reply_latency_us = 300;
+    OperatorSettings hand;
+    WallSettings wall;
+    bool quiet = false;          // no status line
+
+    // Faults from the start.
+    std::vector<std::string> drop_replies;    // commands whose replies are dropped; "all" for any
+    int reply_delay_ms = 0;                   // added to every reply
+    std::vector<std::string> refuse;          // commands always refused; "all" for any
+    std::vector<InjectedError> errors;
+    int count_gap_every = 0;                  // every Nth frame skips a count
+    int malformed_every = 0;                  // every Nth frame is malformed
+    double stop_streaming_after = 0.0;        // [s], 0: never
+    double close_after = 0.0;                 // [s] until all connections are closed, 0: never
+};
+
+enum class ParseResult { Run, Help, Error };
+
+// Reads argv into `options`; on Error, `error` says what was wrong.
+ParseResult parseSimOptions(int argc, char** argv, SimOptions& options, std::string& error);
+// The --help text.
+std::string simUsage(const char* program);
+
+}  // namespace sim
+}  // namespace kelm
