@@ -202,6 +202,7 @@ int KelmDualBot::release_left_external_force_cbk() { return left_->release_get_e
 
 // ---- right arm ----
 
+ArmStatus KelmDualBot::get_right_status() { return right_->get_status(); }
 ArmConfig KelmDualBot::get_right_config() { return right_->get_config(); }
 std::vector<double> KelmDualBot::get_right_joint_pos() { return right_->get_joint_pos(); }
 std::vector<double> KelmDualBot::get_right_joint_vel() { return right_->get_joint_vel(); }
