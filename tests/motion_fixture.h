@@ -1,0 +1,84 @@
+// Fixture for the tests of the kernel's motions and controller services: a
+// kernel connected to a test peer that accepts every request, with a six-joint
+// arm whose limits are known, and helpers to read what reached the wire.
+//
+// The arm's joint count, limits and gripper are set on the kernel's members
+// directly; the peer pushes no state frames, so nothing else writes them.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kelm_kernel.h"
+#include "log_capture.h"
+#include "test_peer.h"
+
+namespace kelm {
+namespace test {
+
+inline bool isReal(const Json::Value& value) { return value.type() == Json::realValue; }
+inline bool isInteger(const Json::Value& value) {
+    return value.type() == Json::intValue || value.type() == Json::uintValue;
+}
+
+// Reals of a JSON array, for comparing with what a test passed in.
+inline std::vector<double> realsOf(const Json::Value& array) {
+    std::vector<double> values;
+    for (const Json::Value& value : array) values.push_back(value.asDouble());
+    return values;
+}
+
+class MotionTest : public ::testing::Test {
+protected:
+    static constexpr int kDof = 6;
+    const std::vector<double> kLower{-3.0, -2.0, -2.5, -3.0, -1.5, -6.0};
+    const std::vector<double> kUpper{3.0, 2.0, 2.5, 3.0, 1.5, 6.0};
+    const std::vector<double> kHome{0.0, 0.5, -0.5, 0.0, 1.0, 0.0};
+    const std::vector<double> kPose{0.3, 0.1, 0.4, 0.0, 0.0, 0.0, 1.0};
+
+    // The kernel files a request as pending only after sending it, so an
+    // instant answer could overtake the filing and be dropped; the peer
+    // answers a few milliseconds late, as a real controller does.
+    static constexpr std::chrono::milliseconds kReplyDelay{5};
+
+    void SetUp() override {
+        peer.replyToAll(TestPeer::recv("Task_Recieve"), kReplyDelay);
+        kernel = std::make_unique<KelmKernelImpl>(peer.host(), peer.port(), 1.0, kArmIndex);
+        ASSERT_TRUE(kernel->is_connected());
+        kernel->status.dof = kDof;
+        kernel->config.limit_lower = kLower;
+        kernel->config.limit_upper = kUpper;
+    }
+
+    // The one request with `command` the kernel sent, failing the test if
+    // there was none or more than one.
+    Json::Value onlySent(const std::string& command) {
+        const std::vector<Json::Value> sent = peer.receivedCommands(command);
+        EXPECT_EQ(sent.size(), 1u) << "requests with command " << command;
+        return sent.empty() ? Json::Value() : sent.front();
+    }
+
+    // Proves that a refused call put nothing on the wire: a jog sent after it
+    // must be the first message the peer received.
+    void expectNothingSent() {
+        ASSERT_EQ(kernel->move_joint_jog(0, 1, 1.0), 1);
+        const std::vector<ReceivedMessage> received = peer.received();
+        ASSERT_FALSE(received.empty());
+        EXPECT_EQ(received.front().json["task_id"], "TASK_MOVJ_JOG") << "first message: " << received.front().text;
+    }
+
+    static constexpr int kArmIndex = 1;
+    LogCapture log;
+    TestPeer peer;
+    std::unique_ptr<KelmKernelImpl> kernel;
+    std::string task_key;
+};
+
+}  // namespace test
+}  // namespace kelm
