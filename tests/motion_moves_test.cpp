@@ -111,38 +111,27 @@ TEST_F(MotionTest, JointTargetIsRefusedWhileLimitsAreUnknown) {
 }
 
 TEST_F(MotionTest, JointAndLineMovesDifferInTargetKeyAndAcceleration) {
-    ASSERT_EQ(kernel->move_joint(kHome, task_key, 100.0, 2, 3, true), 1);
+    ASSERT_EQ(kernel->move_joint(kPose, task_key, 100.0, 2, 3, false), 1);
     const Json::Value joint = onlySent("webRecieveTasks");
-    ASSERT_EQ(kernel->move_line(kPose, task_key, 50.0, 2, 3, false), 1);
+    ASSERT_EQ(kernel->move_line(kHome, task_key, 50.0, 2, 3, true), 1);
     const Json::Value line = peer.receivedCommands("webRecieveTasks").back();
 
     EXPECT_EQ(joint["task_id"], "TASK_MOVJ");
+    EXPECT_EQ(joint["point_type"]["space"], 1);
+    EXPECT_EQ(realsOf(joint["data"]["target_pos"]), kPose);
+    EXPECT_FALSE(joint["data"].isMember("acc"));
     EXPECT_EQ(line["task_id"], "TASK_MOVL");
+    EXPECT_EQ(line["point_type"]["space"], 0);
+    EXPECT_EQ(realsOf(line["data"]["point"]), kHome);
+    EXPECT_TRUE(isReal(line["data"]["point"][0]));
+    EXPECT_EQ(line["data"]["acc"], line["data"]["speed"]);
     for (const Json::Value& body : {joint, line}) {
         EXPECT_EQ(body["task_level"], "Task_General");
-        EXPECT_TRUE(isInteger(body["arm_index"]));
-        EXPECT_EQ(body["arm_index"], kArmIndex);
+        EXPECT_TRUE(isInteger(body["arm_index"]) && body["arm_index"] == kArmIndex);
         EXPECT_TRUE(isInteger(body["data"]["tool"]) && body["data"]["tool"] == 2);
         EXPECT_TRUE(isInteger(body["data"]["user"]) && body["data"]["user"] == 3);
         EXPECT_TRUE(isReal(body["data"]["speed"]));
     }
-    EXPECT_EQ(joint["point_type"]["space"], 0);
-    EXPECT_EQ(realsOf(joint["data"]["target_pos"]), kHome);
-    EXPECT_FALSE(joint["data"].isMember("acc"));
-    EXPECT_FALSE(joint["data"].isMember("point"));
-
-    EXPECT_EQ(line["point_type"]["space"], 1);
-    EXPECT_EQ(realsOf(line["data"]["point"]), kPose);
-    EXPECT_TRUE(isReal(line["data"]["acc"]));
-    EXPECT_EQ(line["data"]["acc"], line["data"]["speed"]);
-    EXPECT_TRUE(isReal(line["data"]["point"][6]));
-}
-
-TEST_F(MotionTest, MoveJointWithPoseSendsSevenValuesUnderTargetPos) {
-    ASSERT_EQ(kernel->move_joint(kPose, task_key, 100.0, 0, 0, false), 1);
-    const Json::Value sent = onlySent("webRecieveTasks");
-    EXPECT_EQ(sent["point_type"]["space"], 1);
-    EXPECT_EQ(realsOf(sent["data"]["target_pos"]), kPose);
 }
 
 TEST_F(MotionTest, JogsSendTheirNumbersUntouched) {
@@ -168,11 +157,6 @@ TEST_F(MotionTest, JogsSendTheirNumbersUntouched) {
         EXPECT_FALSE(body.isMember("point_type"));
         EXPECT_EQ(body["arm_index"], kArmIndex);
     }
-}
-
-TEST_F(MotionTest, JogReportsARefusedReply) {
-    peer.replyTo("webRecieveTasks", TestPeer::recv("Task_Refused"), kReplyDelay);
-    EXPECT_EQ(kernel->move_joint_jog(0, 1, 1.0), -1);
 }
 
 TEST_F(MotionTest, MoveDirectlyMapsGripperValuesWithoutUpperClamp) {

@@ -52,11 +52,6 @@ TEST_F(MotionTest, ToppraChecksAllValuesBeforeAnyLength) {
     expectNothingSent();
 }
 
-TEST_F(MotionTest, ToppraSendsAnEmptyPathForTheControllerToJudge) {
-    ASSERT_EQ(kernel->move_toppra({}, task_key, 40.0, 0, 0, true), 1);
-    EXPECT_EQ(onlySent("webRecieveTasks")["data"]["point_num"], 0);
-}
-
 struct PvtCase {
     const char* what;
     Points points;
