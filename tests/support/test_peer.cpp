@@ -1,6 +1,6 @@
 #include "test_peer.h"
 
-#include <atomic>
+#include <algorithm>
 #include <memory>
 #include <thread>
 
@@ -229,6 +229,11 @@ void TestPeer::clearRules() {
     default_rule_.reset();
 }
 
+void TestPeer::setMinimumReplyDelay(Milliseconds delay) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    minimum_reply_delay_ = delay;
+}
+
 bool TestPeer::sendText(const std::string& text) { return server_->broadcastText(text) > 0; }
 
 bool TestPeer::sendJson(const Json::Value& value) { return sendText(toJsonText(value)); }
@@ -299,11 +304,13 @@ void TestPeer::answer(WebSocketServer::ConnectionId connection, const Json::Valu
     scheduler_->schedule(rule->delay, [this, connection, reply] { server_->sendText(connection, reply); });
 }
 
+// The rule for `command`, its delay raised to the minimum reply delay.
 std::optional<TestPeer::Rule> TestPeer::ruleFor(const std::string& command) const {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = rules_.find(command);
-    if (it != rules_.end()) return it->second;
-    return default_rule_;
+    std::optional<Rule> rule = it != rules_.end() ? std::optional<Rule>(it->second) : default_rule_;
+    if (rule) rule->delay = std::max(rule->delay, minimum_reply_delay_);
+    return rule;
 }
 
 }  // namespace test

@@ -17,6 +17,12 @@
 // members (which win over the echo, for tests of mismatched replies).
 // Without a rule, a request gets no answer; replyToAll() sets the default.
 //
+// Replies leave no sooner than kMinimumReplyDelay after their request came
+// in: a requester files its wait only after the request has gone out, so an
+// instant reply on loopback can overtake it and be dropped (about 1 in 500
+// round trips). Tests of that very race, and benchmarks, lower it with
+// setMinimumReplyDelay().
+//
 // Threads: all members are safe from any thread. Rules run on the
 // connection's thread of the peer; delayed replies and streams on one
 // scheduler thread of the peer. Waits are bounded by their time-out.
@@ -63,6 +69,7 @@ public:
     using Responder = std::function<Json::Value(const Json::Value& request)>;
 
     static constexpr Milliseconds kDefaultWait{3000};
+    static constexpr Milliseconds kMinimumReplyDelay{5};
     static constexpr const char* kHost = "127.0.0.1";
 
     // Starts listening at once.
@@ -118,6 +125,8 @@ public:
     // Answers requests that have no rule of their own.
     void replyToAll(const Json::Value& members, Milliseconds delay = Milliseconds(0));
     void clearRules();
+    // The least time between a request and its reply (kMinimumReplyDelay at first).
+    void setMinimumReplyDelay(Milliseconds delay);
 
     // ---- pushing to the clients ----
     // Sends to every connected client. True if at least one got it.
@@ -150,6 +159,7 @@ private:
     std::vector<bool> claimed_;
     std::map<std::string, Rule> rules_;
     std::optional<Rule> default_rule_;
+    Milliseconds minimum_reply_delay_ = kMinimumReplyDelay;
     std::size_t stream_generation_ = 0;  // a running stream stops when this moves on
     std::size_t streamed_ = 0;
     std::unique_ptr<WebSocketServer> server_;
