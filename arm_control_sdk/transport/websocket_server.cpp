@@ -10,15 +10,18 @@
 #include <Poco/Net/NetException.h>
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/StreamSocket.h>
 #include <Poco/Net/WebSocket.h>
 #include <Poco/ThreadPool.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 #include "log_manager.h"
@@ -45,6 +48,27 @@ void callHandler(const char* name, const Handler& handler, Args&&... args) {
     } catch (...) {
         KELM_LOG(LOG_ERROR, "WebSocket server: %s handler failed with an unknown exception", name);
     }
+}
+
+// Poco's acceptor thread looks at its stop flag only between polls of a
+// quarter second; throw-away connections wake it so that stop() is quick.
+void stopAcceptor(Poco::Net::HTTPServer& server, const std::string& bind_address, unsigned short port) {
+    const std::string host = bind_address == "0.0.0.0" ? "127.0.0.1" : bind_address;
+    std::atomic<bool> stopped{false};
+    std::thread waker([&] {
+        while (!stopped) {
+            try {
+                Poco::Net::StreamSocket poke;
+                poke.connect(Poco::Net::SocketAddress(host, port), Poco::Timespan(0, 100000));
+            } catch (const Poco::Exception&) {
+                // Nothing to wake any more.
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    });
+    server.stopAll(true);
+    stopped = true;
+    waker.join();
 }
 
 }  // namespace
@@ -287,7 +311,7 @@ void WebSocketServer::stop() {
         pool = std::move(impl_->pool);
     }
     if (!server) return;
-    server->stopAll(true);
+    stopAcceptor(*server, impl_->bind_address, impl_->port);
     for (const auto& connection : impl_->all()) connection->drop();
     {
         std::unique_lock<std::mutex> lock(impl_->mutex);
