@@ -112,6 +112,24 @@ TEST_F(KernelFrames, AbsentKeysKeepTheirValuesAndDataCallbacksStillFire) {
     EXPECT_EQ(kernel->arm_count.load(), 1);
 }
 
+TEST_F(KernelFrames, CachedVectorsKeepTheirStorageFromFrameToFrame) {
+    connectKernel();
+    auto storage = [&] {
+        std::lock_guard<std::mutex> lock(kernel->state_mutex);
+        return std::vector<const double*>{kernel->joint_pos.data(),       kernel->joint_vel.data(),
+                                          kernel->joint_tau.data(),       kernel->plan_joint_pos.data(),
+                                          kernel->plan_joint_vel.data(),  kernel->plan_joint_tau.data(),
+                                          kernel->joint_external_tau.data(), kernel->cart_external_force.data()};
+    };
+    ASSERT_TRUE(deliver(twoArmFrame(1)));
+    const std::vector<const double*> first = storage();
+    ArmFrame moved = realisticArm(0);
+    for (double& position : moved.joint_pos) position += 0.5;
+    ASSERT_TRUE(deliver(stateFrame(2, {moved})));
+    EXPECT_EQ(storage(), first);
+    EXPECT_EQ(kernel->get_joint_pos(), asFloats(moved.joint_pos));
+}
+
 TEST_F(KernelFrames, ArmLevelPoseDecidesWhetherJointPositionsAreRead) {
     connectKernel();
     ASSERT_TRUE(deliver(twoArmFrame(1)));
