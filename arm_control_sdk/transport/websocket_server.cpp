@@ -37,6 +37,7 @@ constexpr std::size_t kMaxMessageBytes = 64u * 1024u * 1024u;
 constexpr int kMaxConnections = 64;
 // How long stop() waits for the connection threads to finish their handlers.
 constexpr std::chrono::seconds kStopTimeout(5);
+const Poco::Timespan kUpgradeRequestTimeout(2, 0);
 
 template <typename Handler, typename... Args>
 void callHandler(const char* name, const Handler& handler, Args&&... args) {
@@ -66,7 +67,7 @@ void stopAcceptor(Poco::Net::HTTPServer& server, const std::string& bind_address
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
     });
-    server.stopAll(true);
+    server.stop();
     stopped = true;
     waker.join();
 }
@@ -290,6 +291,8 @@ void WebSocketServer::start() {
     params->setMaxThreads(kMaxConnections);
     params->setMaxQueued(kMaxConnections);
     params->setKeepAlive(false);
+    // Bounds the wait for an upgrade request; an upgraded socket blocks freely.
+    params->setTimeout(kUpgradeRequestTimeout);
     impl_->pool = std::make_unique<Poco::ThreadPool>(2, kMaxConnections + 2);
     Impl* impl = impl_.get();
     auto factory = new UpgradeHandlerFactory(
@@ -319,8 +322,10 @@ void WebSocketServer::stop() {
             KELM_LOG(LOG_ERROR, "WebSocket server: %d connection threads still busy after stop", impl_->serving_threads);
         }
     }
-    server.reset();
+    // Poco's connection objects unregister from the server as they are
+    // destroyed on the pool's threads: the server goes only after them.
     pool->joinAll();
+    server.reset();
 }
 
 bool WebSocketServer::running() const {
