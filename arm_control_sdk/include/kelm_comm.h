@@ -112,6 +112,7 @@ private:
     void storeReply(const std::string& command, const std::string& task_key, const Json::Value& reply);
     Json::Value waitForReply(const MsgHeader& header, int timeout);
     void broadcastFinishedTasks(const Json::Value& message);
+    void fireSubscriptionOnce(const std::string& key);
 };
 
 }  // namespace kelm

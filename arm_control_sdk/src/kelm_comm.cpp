@@ -242,13 +242,20 @@ void KelmCommManager::broadcastFinishedTasks(const Json::Value& message) {
         if (!hasStringLastTaskKey(arm)) continue;
         const std::string key = arm["task"]["last_task_key"].asString();
         task_completion_callbacks.callEach(key);
-        auto subscribed = subscriptions.snapshot();
-        auto subscription = subscribed->find(key);
-        if (subscription != subscribed->end()) {
-            subscription->second(key);
-            subscriptions.erase(key);
-        }
+        fireSubscriptionOnce(key);
     }
+}
+
+void KelmCommManager::fireSubscriptionOnce(const std::string& key) {
+    const TextCallback subscription = subscriptions.find(key);
+    if (!subscription) {
+        // An empty entry throws and stays registered; an absent one does nothing.
+        if (subscriptions.contains(key)) throw std::bad_function_call();
+        return;
+    }
+    // Erased before the call, so that a waiter woken by it finds the entry gone.
+    subscriptions.erase(key);
+    subscription(key);
 }
 
 void KelmCommManager::storeReply(const std::string& command, const std::string& task_key, const Json::Value& reply) {
