@@ -1,0 +1,540 @@
+// End-to-end tests of the teleoperation tool. The built kelm_teleop runs as a
+// child process against two simulated controllers inside this process: the
+// master on 127.0.0.2:8090 (chosen with --ip) and the slave on 127.0.0.1:8090,
+// the tool's fixed slave address. The tests check what reaches each
+// controller, what the tool prints and the code it exits with.
+//
+// Both simulators record, on the steady clock of this process, every message
+// they receive and every state frame they send, so that messages can be put
+// in order across the two controllers and each streamed message can be traced
+// back to the frame it came from.
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "sim_controller.h"
+#include "teleop_process.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using kelm::sim::ArmTelemetry;
+using kelm::sim::SimController;
+using kelm::sim::SimOptions;
+
+constexpr const char* kMasterHost = "127.0.0.2";
+constexpr const char* kSlaveHost = "127.0.0.1";
+constexpr const char* kTeleopPath = KELM_TELEOP_PATH;
+constexpr double kFrameRate = 200.0;
+constexpr size_t kFramesToRelay = 100;
+
+// Generous limits: bring-up alone takes two ready sequences, two homing moves
+// and two settling pauses of one second.
+constexpr auto kBringUpLimit = 60s;
+constexpr auto kStreamLimit = 20s;
+constexpr auto kExitLimit = 20s;
+
+const std::vector<double> kHomePose{0.0, 0.0, 0.0, 0.0, -1.57, 0.0};
+const std::string kRunningLine = "程序运行中... 按 Ctrl+C 退出\n";
+
+// One message a controller received.
+struct Request {
+    Json::Value json;
+    Clock::time_point at;
+};
+
+// One state frame a controller sent, with the arm state it reported.
+struct SentFrame {
+    std::uint64_t count = 0;
+    Clock::time_point at;
+    ArmTelemetry arm;
+};
+
+// A simulated controller on port 8090 that records its traffic.
+class RecordingController {
+public:
+    explicit RecordingController(SimOptions options) : controller_(std::move(options)) {
+        controller_.received_message_observers.set(
+            "recorder", [this](const std::string& text, Clock::time_point at) { recordRequest(text, at); });
+        controller_.sent_frame_observers.set(
+            "recorder", [this](std::uint64_t count, Clock::time_point at) { recordFrame(count, at); });
+        controller_.start();
+    }
+    ~RecordingController() { controller_.stop(); }
+
+    SimController& sim() { return controller_; }
+
+    std::vector<Request> requests() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return requests_;
+    }
+    // Every received message with this command, in arrival order.
+    std::vector<Request> requests(const std::string& command) const {
+        std::vector<Request> matching;
+        for (const auto& request : requests()) {
+            if (request.json["command"].asString() == command) matching.push_back(request);
+        }
+        return matching;
+    }
+    std::vector<SentFrame> frames() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return frames_;
+    }
+    bool waitForRequests(const std::string& command, size_t count, Clock::duration timeout) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] {
+            return std::count_if(requests_.begin(), requests_.end(), [&](const Request& request) {
+                       return request.json["command"].asString() == command;
+                   }) >= static_cast<std::ptrdiff_t>(count);
+        });
+    }
+
+private:
+    void recordRequest(const std::string& text, Clock::time_point at) {
+        Json::Value json;
+        Json::CharReaderBuilder builder;
+        std::string errors;
+        std::istringstream stream(text);
+        if (!Json::parseFromStream(builder, stream, &json, &errors)) json = Json::Value(text);
+        std::lock_guard<std::mutex> lock(mutex_);
+        requests_.push_back(Request{std::move(json), at});
+        changed_.notify_all();
+    }
+    void recordFrame(std::uint64_t count, Clock::time_point at) {
+        // Called on the frame loop right after the send, before the next
+        // step, so the model still holds what the frame reported.
+        SentFrame frame{count, at, controller_.model().telemetry(0)};
+        std::lock_guard<std::mutex> lock(mutex_);
+        frames_.push_back(std::move(frame));
+    }
+
+    SimController controller_;
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<Request> requests_;
+    std::vector<SentFrame> frames_;
+};
+
+SimOptions controllerOptions(const char* host) {
+    SimOptions options;
+    options.ip = host;
+    options.port = 8090;
+    options.rate = kFrameRate;
+    options.quiet = true;
+    return options;
+}
+
+// ---- what the tool prints ----
+
+std::string bringUpText(const std::string& mode_line, const std::string& force_text, bool mirrored) {
+    return std::string("主臂IP：127.0.0.2; 从臂IP：127.0.0.1\n") + mode_line + "\n" + "夹抓夹持力矩：" + force_text +
+           "\n" + (mirrored ? "遥操方向为镜向。\n" : "遥操方向为同向。\n");
+}
+
+const char* const kModeAnnouncements[] = {"即将初始化普通关节同臂遥操。", "即将初始化笛卡尔末端遥操。",
+                                           "即将初始化力反馈同臂遥操。"};
+const char* const kModeStarts[] = {"启动普通关节同臂遥操\n", "启动笛卡尔末端遥操\n", "启动力反馈同臂遥操\n"};
+
+std::string modeEnteredText(int mode) {
+    return std::string(kModeStarts[mode]) +
+           (mode == 2 ? "主臂kelm1进入主臂模式, 从臂kelm2进入从臂模式.\n" : "主臂kelm1进入拖动模式, 从臂kelm2进入MIT模式.\n") +
+           "遥操同步成功，可以拖动主臂.\n";
+}
+
+std::string usageText() {
+    return std::string("用法: ") + kTeleopPath +
+           " [选项]\n"
+           "选项:\n"
+           "  --mode MODE     模式选择 0:普通关节同臂遥操，1:笛卡尔末端遥操，2:力反馈同臂遥操 (默认: 0)\n"
+           "  --ip IP         设置主臂的IP地址 (默认: 10.42.0.102)\n"
+           "  --force clamping force       设置夹持力 (默认: 10.0)\n"
+           "  --mirror mirror control      镜像操作 (默认: 0 (false))\n"
+           "  -h, --help      显示此帮助信息\n";
+}
+
+// ---- tracing streamed messages back to frames ----
+
+// A value as the client reads it from a frame's joint or pose arrays.
+double atFloatPrecision(double value) { return static_cast<double>(static_cast<float>(value)); }
+
+// The gripper target the tool derives from the master's reading.
+double mappedGripper(double reading, double divisor) {
+    const double target = reading / divisor;
+    return target > 0.08 ? 0.08 : std::max(target, 0.0);
+}
+
+std::vector<double> doubles(const Json::Value& array) {
+    std::vector<double> values;
+    for (const auto& value : array) values.push_back(value.asDouble());
+    return values;
+}
+
+std::vector<double> mirroredAt(std::vector<double> values, std::initializer_list<size_t> indices) {
+    for (size_t i : indices) values[i] = -values[i];
+    return values;
+}
+
+using FrameMatch = std::function<bool(const SentFrame& frame, const Json::Value& message)>;
+
+// Checks that the streamed messages stand one for one for consecutive frames:
+// message i came from frame j0 + i, for one j0, with nothing skipped and
+// nothing sent twice. j0 is found from a message that fits exactly one frame.
+void expectOneMessagePerFrame(const std::vector<SentFrame>& frames, const std::vector<Request>& messages,
+                              const FrameMatch& matches) {
+    ASSERT_GE(messages.size(), kFramesToRelay);
+    std::optional<size_t> first_frame;
+    for (size_t k = messages.size() / 2; k < messages.size() && !first_frame; ++k) {
+        std::vector<size_t> candidates;
+        for (size_t j = 0; j < frames.size(); ++j) {
+            if (matches(frames[j], messages[k].json)) candidates.push_back(j);
+        }
+        if (candidates.size() == 1 && candidates[0] >= k) first_frame = candidates[0] - k;
+    }
+    ASSERT_TRUE(first_frame) << "no streamed message fits exactly one frame; first message: "
+                             << messages.front().json.toStyledString();
+    ASSERT_LE(*first_frame + messages.size(), frames.size());
+    for (size_t i = 0; i < messages.size(); ++i) {
+        const SentFrame& frame = frames[*first_frame + i];
+        ASSERT_TRUE(matches(frame, messages[i].json))
+            << "message " << i << " of " << messages.size() << " does not fit frame count " << frame.count << ": "
+            << messages[i].json.toStyledString();
+    }
+}
+
+// A joint-mode tracking message carries the master's joints of that frame
+// (mirrored when asked) and its gripper reading divided by 0.6.
+FrameMatch jointTrackingOf(bool mirrored) {
+    return [mirrored](const SentFrame& frame, const Json::Value& message) {
+        std::vector<double> expected;
+        for (double joint : frame.arm.joints) expected.push_back(atFloatPrecision(joint));
+        if (mirrored) expected = mirroredAt(expected, {0, 3, 5});
+        return message["task_id"] == "TASK_TRACKING" && message["point_type"]["space"] == 0 &&
+               doubles(message["data"]["way_point"]) == expected &&
+               message["data"]["grp_point"].asDouble() == mappedGripper(frame.arm.gripper_pos, 0.6);
+    };
+}
+
+// A pose-mode tracking message carries the master's end pose (mirrored in the
+// x-z plane when asked) and its gripper reading divided by 0.8.
+FrameMatch poseTrackingOf(bool mirrored) {
+    return [mirrored](const SentFrame& frame, const Json::Value& message) {
+        std::vector<double> expected;
+        for (double value : frame.arm.pose) expected.push_back(atFloatPrecision(value));
+        if (mirrored) expected = mirroredAt(expected, {1, 3, 5});
+        return message["task_id"] == "TASK_TRACKING" && message["point_type"]["space"] == 1 &&
+               doubles(message["data"]["way_point"]) == expected &&
+               message["data"]["grp_point"].asDouble() == mappedGripper(frame.arm.gripper_pos, 0.8);
+    };
+}
+
+// A torque message to the master carries the slave's external joint torques
+// of that frame (mirrored when asked) and its gripper torque, unscaled.
+FrameMatch feedbackOf(bool mirrored) {
+    return [mirrored](const SentFrame& frame, const Json::Value& message) {
+        std::vector<double> expected = frame.arm.external_tau;
+        if (mirrored) expected = mirroredAt(expected, {0, 3, 5});
+        return message["is_master"] == true && doubles(message["redundancy_tau"]) == expected &&
+               message["eeff_tau"].asDouble() == frame.arm.gripper_tau;
+    };
+}
+
+// The time of the first message with `command` whose `key` equals `value`.
+std::optional<Clock::time_point> firstTime(const RecordingController& controller, const std::string& command,
+                                           const std::string& key, const Json::Value& value) {
+    for (const auto& request : controller.requests(command)) {
+        if (request.json[key] == value) return request.at;
+    }
+    return std::nullopt;
+}
+
+// ---- fixture ----
+
+class TeleopEndToEnd : public ::testing::Test {
+protected:
+    void startControllers(SimOptions master_options, SimOptions slave_options) {
+        master_.emplace(std::move(master_options));
+        slave_.emplace(std::move(slave_options));
+    }
+    void startControllers() { startControllers(controllerOptions(kMasterHost), controllerOptions(kSlaveHost)); }
+
+    // Runs the tool against the master controller with `args` added.
+    std::unique_ptr<TeleopProcess> startTool(std::vector<std::string> args) {
+        args.insert(args.begin(), {"--ip", kMasterHost});
+        return std::make_unique<TeleopProcess>(kTeleopPath, args);
+    }
+
+    // Waits for the run loop, then for `count` streamed messages at `controller`.
+    void waitForStream(TeleopProcess& tool, RecordingController& controller, const std::string& command) {
+        ASSERT_TRUE(tool.waitForStdout(kRunningLine, kBringUpLimit))
+            << "stdout:\n" << tool.stdoutText() << "stderr:\n" << tool.stderrText();
+        ASSERT_TRUE(controller.waitForRequests(command, kFramesToRelay, kStreamLimit));
+    }
+
+    // Exit code after the tool has ended, with its output complete.
+    static std::optional<int> finish(TeleopProcess& tool) {
+        const auto code = tool.waitForExit(kExitLimit);
+        tool.waitForClosedOutput(kExitLimit);
+        return code;
+    }
+
+    // Homing: MOVJ to the home pose at speed 50, the master's first, the
+    // slave's only after the master reported its move finished.
+    void expectHomedInOrder() {
+        const auto master_moves = master_->requests("webRecieveTasks");
+        const auto slave_moves = slave_->requests("webRecieveTasks");
+        ASSERT_EQ(master_moves.size(), 1u);
+        ASSERT_EQ(slave_moves.size(), 1u);
+        for (const auto* move : {&master_moves[0].json, &slave_moves[0].json}) {
+            EXPECT_EQ((*move)["task_id"], "TASK_MOVJ");
+            EXPECT_EQ(doubles((*move)["data"]["target_pos"]), kHomePose);
+            EXPECT_EQ((*move)["data"]["speed"].asDouble(), 50.0);
+            EXPECT_EQ((*move)["point_type"]["space"], 0);
+        }
+        const std::string master_key = master_moves[0].json["task_key"].asString();
+        const auto frames = master_->frames();
+        const auto finished = std::find_if(frames.begin(), frames.end(),
+                                           [&](const SentFrame& frame) { return frame.arm.last_task_key == master_key; });
+        ASSERT_NE(finished, frames.end()) << "the master never reported its homing move finished";
+        EXPECT_LT(finished->at, slave_moves[0].at);
+        // Homing starts only once both ready sequences are over.
+        const auto slave_ready = slave_->requests("getJointParams");
+        ASSERT_FALSE(slave_ready.empty());
+        EXPECT_LT(slave_ready.back().at, master_moves[0].at);
+    }
+
+    // Ready sequences: the master's is complete (its configuration read)
+    // before the slave hears anything.
+    void expectReadyInOrder() {
+        const auto master_config = master_->requests("getJointParams");
+        const auto slave_requests = slave_->requests();
+        ASSERT_FALSE(master_config.empty());
+        ASSERT_FALSE(slave_requests.empty());
+        EXPECT_LT(master_config.front().at, slave_requests.front().at);
+        EXPECT_EQ(master_->requests().front().json["command"], "setControllerErrorReset");
+        EXPECT_EQ(slave_requests.front().json["command"], "setControllerErrorReset");
+    }
+
+    // Both grippers go to 0.06 with the clamping force, after both homing moves.
+    void expectGrippersSet(double force) {
+        const auto slave_move = slave_->requests("webRecieveTasks");
+        for (auto* controller : {&*master_, &*slave_}) {
+            const auto grippers = controller->requests("setEffectorCtr");
+            ASSERT_EQ(grippers.size(), 1u);
+            EXPECT_DOUBLE_EQ(grippers[0].json["pos"].asDouble(), 0.06);
+            EXPECT_DOUBLE_EQ(grippers[0].json["tau"].asDouble(), force);
+            ASSERT_FALSE(slave_move.empty());
+            EXPECT_GT(grippers[0].at, slave_move[0].at);
+        }
+    }
+
+    // The exit path: mode 1 to the master, then to the slave.
+    void expectPositionModeRestored() {
+        const auto master_mode = firstTime(*master_, "setControlMode", "mode", 1);
+        const auto slave_mode = firstTime(*slave_, "setControlMode", "mode", 1);
+        ASSERT_TRUE(master_mode);
+        ASSERT_TRUE(slave_mode);
+        EXPECT_LT(*master_mode, *slave_mode);
+    }
+
+    std::optional<RecordingController> master_;
+    std::optional<RecordingController> slave_;
+};
+
+// ---- the three modes, each run until a real Ctrl+C ----
+
+struct ModeCase {
+    const char* name;
+    int mode;
+    bool mirrored;
+    std::vector<std::string> extra_args;
+    std::string expected_stdout_prefix;  // lines before the bring-up text, if any
+    std::string force_text;              // clamping force as the tool prints it
+    double force;
+};
+
+class TeleopModes : public TeleopEndToEnd, public ::testing::WithParamInterface<ModeCase> {};
+
+TEST_P(TeleopModes, BringsUpRelaysEveryFrameAndLeavesOnCtrlC) {
+    const ModeCase& run = GetParam();
+    SimOptions slave_options = controllerOptions(kSlaveHost);
+    // A wall the slave's tool tip always presses into, so that the torques
+    // fed back change from frame to frame.
+    slave_options.wall.enabled = true;
+    slave_options.wall.height = 5.0;
+    startControllers(controllerOptions(kMasterHost), slave_options);
+
+    std::vector<std::string> args{"--mode", std::to_string(run.mode), "--mirror", run.mirrored ? "1" : "0"};
+    args.insert(args.end(), run.extra_args.begin(), run.extra_args.end());
+    auto tool = startTool(args);
+    waitForStream(*tool, *slave_, "trajectoryTrackingTasks");
+    if (run.mode == 2) {
+        ASSERT_TRUE(master_->waitForRequests("setRedundancyTau", kFramesToRelay, kStreamLimit));
+    }
+    tool->interrupt();
+    ASSERT_EQ(finish(*tool), 0) << tool->stderrText();
+
+    EXPECT_EQ(tool->stdoutText(), run.expected_stdout_prefix +
+                                      bringUpText(kModeAnnouncements[run.mode], run.force_text, run.mirrored) +
+                                      "双臂初始化到安全位置.\n" + modeEnteredText(run.mode) + kRunningLine +
+                                      "\n捕获到 Ctrl+C, 准备退出...\n退出遥操，臂恢复为位置模式.\n");
+    expectReadyInOrder();
+    expectHomedInOrder();
+    expectGrippersSet(run.force);
+
+    if (run.mode == 2) {
+        EXPECT_TRUE(firstTime(*master_, "setTeleoperationMode", "is_master", 1));
+        EXPECT_TRUE(firstTime(*slave_, "setTeleoperationMode", "is_master", 2));
+    } else {
+        EXPECT_TRUE(firstTime(*master_, "setControlMode", "mode", 3));
+        EXPECT_TRUE(firstTime(*slave_, "setControlMode", "mode", 2));
+    }
+    const FrameMatch tracking = run.mode == 1 ? poseTrackingOf(run.mirrored) : jointTrackingOf(run.mirrored);
+    expectOneMessagePerFrame(master_->frames(), slave_->requests("trajectoryTrackingTasks"), tracking);
+    if (run.mode == 2) {
+        expectOneMessagePerFrame(slave_->frames(), master_->requests("setRedundancyTau"), feedbackOf(run.mirrored));
+    } else {
+        EXPECT_TRUE(master_->requests("setRedundancyTau").empty());
+    }
+    expectPositionModeRestored();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    AllModes, TeleopModes,
+    ::testing::Values(
+        ModeCase{"Joint", 0, false, {}, "", "10", 10.0},
+        ModeCase{"JointMirroredForceZeroKeepsDefault", 0, true, {"--force", "0"}, "夹持力必须大于0夹爪才能移动\n", "10",
+                 10.0},
+        ModeCase{"Pose", 1, false, {"--force", "5.5"}, "", "5.5", 5.5},
+        ModeCase{"PoseMirrored", 1, true, {}, "", "10", 10.0},
+        ModeCase{"ForceFeedback", 2, false, {}, "", "10", 10.0},
+        ModeCase{"ForceFeedbackMirrored", 2, true, {"--force", "-1"}, "夹持力必须大于0夹爪才能移动\n", "10", 10.0}),
+    [](const ::testing::TestParamInfo<ModeCase>& info) { return info.param.name; });
+
+// ---- events that end the run ----
+
+struct EventCase {
+    const char* name;
+    bool on_master;
+    int code;
+    const char* message;
+    const char* expected_line;
+};
+
+class TeleopEvents : public TeleopEndToEnd, public ::testing::WithParamInterface<EventCase> {};
+
+// A warning ends the run just as an error does, with exit code 0 and both
+// arms put back into position mode.
+TEST_P(TeleopEvents, EndTheRunWithExitZero) {
+    const EventCase& event = GetParam();
+    startControllers();
+    auto tool = startTool({});
+    waitForStream(*tool, *slave_, "trajectoryTrackingTasks");
+    RecordingController& reporter = event.on_master ? *master_ : *slave_;
+    reporter.sim().model().raiseError(0, event.code, event.message);
+    ASSERT_EQ(finish(*tool), 0) << tool->stderrText();
+
+    const std::string output = tool->stdoutText();
+    const std::string expected_line = std::string(event.expected_line) + "\n";
+    const size_t event_line = output.find(kRunningLine + expected_line);
+    ASSERT_NE(event_line, std::string::npos) << output;
+    const std::string ending = "检测到错误，准备退出...\n退出遥操，臂恢复为位置模式.\n";
+    ASSERT_GE(output.size(), ending.size());
+    EXPECT_EQ(output.substr(output.size() - ending.size()), ending) << output;
+    // The event is reported on every frame until the tool has gone; nothing
+    // else is printed in between.
+    std::string between = output.substr(event_line + kRunningLine.size());
+    between = between.substr(0, between.size() - ending.size());
+    for (size_t at = 0; at < between.size(); at += expected_line.size()) {
+        ASSERT_EQ(between.compare(at, expected_line.size(), expected_line), 0) << output;
+    }
+    expectPositionModeRestored();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    WarningsAndErrors, TeleopEvents,
+    ::testing::Values(EventCase{"SlaveWarning", false, 3001, "joint 3 warm", "收到警告, msg = joint 3 warm"},
+                      EventCase{"MasterError", true, 5, "collision", "收到错误, code = 5, msg = collision"}),
+    [](const ::testing::TestParamInfo<EventCase>& info) { return info.param.name; });
+
+// ---- failed bring-up ----
+
+TEST_F(TeleopEndToEnd, UnreachableMasterTriesBothArmsThenAsksForARestart) {
+    startControllers();
+    TeleopProcess tool(kTeleopPath, {"--ip", "127.0.0.3"});
+    ASSERT_EQ(finish(tool), 1) << tool.stderrText();
+    EXPECT_EQ(tool.stdoutText(), std::string("主臂IP：127.0.0.3; 从臂IP：127.0.0.1\n") + kModeAnnouncements[0] +
+                                     "\n夹抓夹持力矩：10\n遥操方向为同向。\n连接失败，请检查IP，重新启动\n");
+    // The slave's ready sequence still ran to its end; nothing moved.
+    EXPECT_EQ(slave_->requests("getJointParams").size(), 1u);
+    EXPECT_TRUE(slave_->requests("webRecieveTasks").empty());
+    EXPECT_TRUE(master_->requests().empty());
+}
+
+TEST_F(TeleopEndToEnd, SlaveRefusingMitModeEndsWithExitOneAndLeavesTheMasterInDragMode) {
+    startControllers();
+    auto tool = startTool({});
+    ASSERT_TRUE(tool->waitForStdout("双臂初始化到安全位置.\n", kBringUpLimit)) << tool->stdoutText();
+    // The ready sequences are over, so only the change into MIT mode meets the refusal.
+    slave_->sim().faults().refuse("setControlMode");
+    ASSERT_EQ(finish(*tool), 1) << tool->stderrText();
+
+    EXPECT_EQ(tool->stdoutText(), bringUpText(kModeAnnouncements[0], "10", false) + "双臂初始化到安全位置.\n" +
+                                      kModeStarts[0] + "初始化失败！！！请检查机器是否连接或者有错误.\n");
+    const auto master_modes = master_->requests("setControlMode");
+    ASSERT_FALSE(master_modes.empty());
+    EXPECT_EQ(master_modes.back().json["mode"], 3);
+    EXPECT_EQ(slave_->requests("setControlMode").back().json["mode"], 2);
+    EXPECT_TRUE(slave_->requests("trajectoryTrackingTasks").empty());
+}
+
+// ---- command line ----
+
+struct CommandLineCase {
+    const char* name;
+    std::vector<std::string> args;
+    std::string expected_stdout;
+    int exit_code;
+};
+
+class TeleopCommandLine : public TeleopEndToEnd, public ::testing::WithParamInterface<CommandLineCase> {};
+
+// Options that end the tool before any arm is touched.
+TEST_P(TeleopCommandLine, EndsBeforeTouchingAnArm) {
+    const CommandLineCase& run = GetParam();
+    startControllers();
+    TeleopProcess tool(kTeleopPath, run.args);
+    ASSERT_EQ(finish(tool), run.exit_code) << tool.stderrText();
+    EXPECT_EQ(tool.stdoutText(), run.expected_stdout);
+    EXPECT_EQ(master_->sim().stats().requests, 0u);
+    EXPECT_EQ(slave_->sim().stats().requests, 0u);
+}
+
+const std::string kDefaultAddressLine = "主臂IP：10.42.0.102; 从臂IP：127.0.0.1\n";
+const std::string kForceWarning = "夹持力必须大于0夹爪才能移动\n";
+
+INSTANTIATE_TEST_SUITE_P(
+    Options, TeleopCommandLine,
+    ::testing::Values(CommandLineCase{"Help", {"-h"}, usageText(), 0},
+                      CommandLineCase{"HelpAfterAddress", {"--ip", "1.2.3.4", "--help"}, usageText(), 0},
+                      CommandLineCase{"HelpBeforeUnknownOption", {"--help", "--bogus"}, usageText(), 0},
+                      CommandLineCase{"UnknownOption", {"--bogus"}, usageText(), 1},
+                      CommandLineCase{"UnknownShortOption", {"-x"}, usageText(), 1},
+                      CommandLineCase{"MissingArgument", {"--ip"}, usageText(), 1},
+                      CommandLineCase{"ModeOutOfRange", {"--mode", "3"}, kDefaultAddressLine, 1},
+                      CommandLineCase{"ShortModeOutOfRange", {"-m", "-1"}, kDefaultAddressLine, 1},
+                      CommandLineCase{"ForceNotANumberWarns", {"-f", "nan", "-m", "3"},
+                                      kForceWarning + kDefaultAddressLine, 1}),
+    [](const ::testing::TestParamInfo<CommandLineCase>& info) { return info.param.name; });
+
+}  // namespace
