@@ -92,9 +92,9 @@ public:
     };
 
     // The status fields of the arm, each readable from any thread without a
-    // lock. The receive thread is the only writer, except `connected`, which
-    // get_status stores. Read a field with `.load()` (for example
-    // `body["arm_index"] = status.arm_index.load();`).
+    // lock. The receive thread writes them from the frames; `arm_index` is
+    // set once by the constructor and `connected` by get_status. Read a field
+    // with `.load()` (for example `body["arm_index"] = status.arm_index.load();`).
     struct SharedStatus {
         std::atomic<int> arm_index{0};
         std::atomic<bool> connected{false};
@@ -106,7 +106,7 @@ public:
         std::atomic<bool> debug{false};
 
         std::string arm_name() const;
-        // Stores a new name; the writer calls it only when the name changed.
+        // Stores the name in place; an unchanged name allocates nothing.
         void set_arm_name(const std::string& name);
         ArmStatus load() const;
 
@@ -251,9 +251,11 @@ public:
 
     // ---- streaming ----
     // Publishes the next way-point without waiting or logging. A joint target
-    // (`dof` values) is clamped to the limits in `config`; a pose (7 values)
-    // gets its quaternion normalised. `gripper` < 0 means no gripper data; it
-    // is clamped to 0.08. -1 for an illegal value or wrong length (logged).
+    // (`dof` values, controller units) is clamped to the limits in `config`,
+    // and refused while those are unknown (before set_kelm_ready); a pose
+    // (x, y, z, quaternion x, y, z, w) gets its quaternion normalised.
+    // `gripper` < 0 means no gripper data; it is clamped to 0.08. -1 for an
+    // illegal value, a wrong length or a failed send; refusals are logged.
     int tracking(const std::vector<double>& target, bool is_joint, const double& gripper);
     // Publishes one torque per joint and the end-effector torque unchanged.
     int set_redundancy_tau(const std::vector<double>& redundancy_tau, const double& eeff_tau);
