@@ -184,7 +184,13 @@ public:
     // the task's end, an arm error or a lost connection, whichever comes
     // first, and returns 1; get_status() tells which. A refused motion
     // returns -1 at once and does not wait. Targets are checked against the
-    // arm's joint count and limits; NaN or infinite values are refused.
+    // arm's joint count and limits (read by set_ready, so call it first);
+    // NaN or infinite values are refused. An arm serves one blocking wait at
+    // a time: two threads blocking on the same arm wake each other.
+    //
+    // Timed points: stamps in seconds from the start of the motion, each
+    // above 0, increasing, less than 3600 s apart; gripper positions [m]
+    // are clamped to 0 to 0.08.
 
     // Joint move to `target`. A negative `time` lets the controller time the
     // move; otherwise the move takes `time` seconds (0 is refused).
@@ -195,10 +201,10 @@ public:
     int move_line_joint(const std::vector<double>& target, bool block);
     // Straight-line move to a Cartesian pose.
     int move_line_pose(const std::array<double, 7>& pose, bool block);
-    // Moves through the joint points of `traj`. With one time stamp [s] per
+    // Moves through the joint points of `traj`. With one time stamp per
     // point the points are timed by `times` and `gripper` gives gripper
     // positions along the way (empty for none); otherwise the controller
-    // times the path and `gripper` and `times` are ignored.
+    // times the path at full speed and `gripper` and `times` are ignored.
     int move_joint_traj(const std::vector<std::vector<double>>& traj, std::vector<double> gripper,
                         std::vector<double> times, bool block);
     // As move_joint_traj, through Cartesian poses.
