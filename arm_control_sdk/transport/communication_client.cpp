@@ -4,6 +4,7 @@
 #include <cmath>
 #include <condition_variable>
 #include <exception>
+#include <system_error>
 #include <utility>
 
 #include "log_manager.h"
@@ -161,10 +162,16 @@ int CommunicationClient::connect(const std::string& ip, int port, double timeout
     if (!client->open(timeout)) return -1;
 
     auto connection = std::make_shared<Connection>(client);
-    {
+    try {
+        // The new thread asks onReceiveThread() only after the lock is gone.
         std::lock_guard<std::mutex> lock(state_mutex_);
+        std::thread thread(&CommunicationClient::receiveLoop, this, connection, delivery_);
         connection_ = connection;
-        receive_thread_ = std::thread(&CommunicationClient::receiveLoop, this, connection, delivery_);
+        receive_thread_ = std::move(thread);
+    } catch (const std::system_error& e) {
+        KELM_LOG(LOG_ERROR, "connect to %s:%d failed: no receive thread: %s", ip.c_str(), port, e.what());
+        client->abort();
+        return -1;
     }
     connection->waitUntilUpReported();
     return 1;

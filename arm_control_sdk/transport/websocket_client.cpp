@@ -4,14 +4,13 @@
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
-#include <Poco/Net/NetException.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/Net/WebSocket.h>
 #include <Poco/Timespan.h>
 
+#include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <utility>
 
 #include "log_manager.h"
@@ -25,6 +24,8 @@ using Poco::Net::WebSocket;
 
 // A peer that stops reading must not block every sender for ever.
 const Poco::Timespan kSendTimeout(5, 0);
+// Longer waits are cut to this, which keeps the deadline arithmetic in range.
+constexpr double kLongestConnectWaitSeconds = 3600.0;
 
 Poco::Timespan toTimespan(std::chrono::steady_clock::duration duration) {
     const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(duration).count();
@@ -43,9 +44,10 @@ bool WebSocketClient::isOpen() const { return open_; }
 
 bool WebSocketClient::open(double timeout_seconds) {
     abort();
+    const double bounded_seconds = timeout_seconds > 0.0 ? std::min(timeout_seconds, kLongestConnectWaitSeconds) : 0.0;
     const auto deadline = std::chrono::steady_clock::now() +
                           std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                              std::chrono::duration<double>(timeout_seconds));
+                              std::chrono::duration<double>(bounded_seconds));
     try {
         Poco::Net::StreamSocket tcp;
         tcp.connect(Poco::Net::SocketAddress(host_, port_), toTimespan(deadline - std::chrono::steady_clock::now()));
