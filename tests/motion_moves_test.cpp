@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "motion_fixture.h"
+#include "state_frame_builder.h"
 
 namespace kelm {
 namespace test {
@@ -108,6 +109,28 @@ TEST_F(MotionTest, JointTargetIsRefusedWhileLimitsAreUnknown) {
     EXPECT_EQ(kernel->move_toppra({kHome}, task_key, 100.0, 0, 0, true), -1);
     EXPECT_EQ(kernel->move_pvt({kHome}, {}, {1.0}, task_key, true), -1);
     expectNothingSent();
+}
+
+// The joint count comes from the state frames and the limits from the ready
+// sequence's configuration request, not from anything the test sets.
+TEST_F(MotionTest, FramesAndReadySequenceSupplyJointCountAndLimits) {
+    kernel->status.dof = 0;
+    kernel->config = ArmConfig{};
+    const std::vector<double> upper{1, 2, 3, 4, 5, 6, 7};
+    Json::Value params;
+    params["dof"] = 7;
+    for (double limit : upper) {
+        params["limit_upper"].append(limit);
+        params["limit_lower"].append(-limit);
+    }
+    peer.replyTo("getJointParams", jsonObject({{"params", params}}), kReplyDelay);
+    ASSERT_TRUE(peer.sendJson(stateFrame(1, {realisticArm(0), realisticArm(kArmIndex, 7)})));
+    ASSERT_TRUE(waitUntil([this] { return kernel->status.dof == 7; }));
+    ASSERT_EQ(kernel->set_kelm_ready(false, 0.0), 1);
+
+    EXPECT_EQ(kernel->move_joint(upper, task_key, 100.0, 0, 0, true), 1);
+    EXPECT_EQ(kernel->move_joint(kHome, task_key, 100.0, 0, 0, true), -1);
+    EXPECT_TRUE(log.contains("move_joint: 输入目标维度与臂维度不一致，输入维度: 6, 臂维度: 7", LOG_ERROR));
 }
 
 TEST_F(MotionTest, JointAndLineMovesDifferInTargetKeyAndAcceleration) {
