@@ -18,7 +18,6 @@
 namespace kelm {
 namespace {
 
-using test::BoundedCall;
 using test::FakeArmController;
 using test::waitUntil;
 
@@ -158,17 +157,6 @@ TEST_F(DualBotTest, VersionIsTheLeftTextFollowedByTheRight) {
     controller.setVersion(kLeft, "a");
     controller.setVersion(kRight, "b");
     EXPECT_EQ(bot.get_version(), "ab");
-}
-
-TEST_F(DualBotTest, BlockingTwinWaitsForItsTaskAndNoOther) {
-    BoundedCall call(controller.peer, [&] { return bot.move_right_joint(kJointTarget, 1.0, true); });
-    auto request = controller.peer.waitForCommand("webRecieveTasks");
-    ASSERT_TRUE(request);
-    const std::string key = (*request)["task_key"].asString();
-    controller.finishTask(kLeft, "some other task");
-    EXPECT_FALSE(call.returnedWithin(std::chrono::milliseconds(300)));
-    controller.finishTask(kRight, key);
-    EXPECT_EQ(call.result(), 1);
 }
 
 TEST_F(DualBotTest, RightPoseCallbackRoundTripLeavesTheLeftOneAlone) {

@@ -151,11 +151,6 @@ TEST_F(SingleColTest, BlockingMotionReturnsOnlyOnceAFrameReportsItsTaskFinished)
     }
 }
 
-TEST_F(SingleColTest, NonBlockingMotionReturnsWithoutItsTaskEnding) {
-    BoundedCall call(controller.peer, [&] { return arm.move_line_joint(kJointTarget, false); });
-    EXPECT_EQ(call.result(), 1);
-}
-
 TEST_F(SingleColTest, MotionRefusedByTheControllerDoesNotWait) {
     controller.refuse("webRecieveTasks", 0);
     BoundedCall call(controller.peer, [&] { return arm.move_joint(kJointTarget, 1.0, true); });
@@ -217,20 +212,6 @@ TEST_F(SingleColTest, JointCallbackIsReplacedUnderItsFixedNameAndReleased) {
     ASSERT_TRUE(framesPass(3));
     EXPECT_EQ(second, second_after_release);
     EXPECT_EQ(arm.release_pose_cbk(), 0);
-}
-
-TEST_F(SingleColTest, ForwardedQueriesReadTheirReplies) {
-    controller.setVersion(0, "3.1.4");
-    EXPECT_EQ(arm.get_version(), "3.1.4");
-    const ArmConfig config = arm.get_config();
-    ASSERT_EQ(config.dof, 6);
-    EXPECT_EQ(config.limit_upper[5], FakeArmController::kJointLimit);
-    controller.setTeachList(0, {"wave", "pick"});
-    std::vector<std::string> names{"stale"};
-    EXPECT_EQ(arm.check_teach(names), 1);
-    EXPECT_EQ(names, (std::vector<std::string>{"wave", "pick"}));
-    EXPECT_EQ(arm.get_status().dof, 6);
-    EXPECT_TRUE(arm.is_connected());
 }
 
 }  // namespace
