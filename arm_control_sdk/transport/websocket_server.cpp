@@ -202,15 +202,24 @@ void WebSocketServer::Impl::serve(Poco::Net::HTTPServerRequest& request, Poco::N
     threads_done.notify_all();
 }
 
+// The upgrade answer goes out under the server's lock and the connection is
+// registered before the lock is released: a client that has seen its
+// connection accepted can be reached by the very next sendText() or
+// broadcastText().
 std::shared_ptr<ServerConnection> WebSocketServer::Impl::accept(Poco::Net::HTTPServerRequest& request,
                                                                 Poco::Net::HTTPServerResponse& response) {
-    std::unique_ptr<WebSocket> socket;
+    std::unique_lock<std::mutex> lock(mutex);
+    if (!accepting) return nullptr;
     try {
-        socket = std::make_unique<WebSocket>(request, response);
+        auto socket = std::make_unique<WebSocket>(request, response);
         socket->setMaxPayloadSize(static_cast<int>(kMaxMessageBytes));
         socket->setReceiveTimeout(Poco::Timespan(0));
         socket->setNoDelay(true);
+        auto connection = std::make_shared<ServerConnection>(next_id++, std::move(socket));
+        connections.emplace(connection->id, connection);
+        return connection;
     } catch (const Poco::Exception& e) {
+        lock.unlock();
         KELM_LOG(LOG_ERROR, "WebSocket server: refused a request for %s: %s", request.getURI().c_str(),
                  e.displayText().c_str());
         if (!response.sent()) {
@@ -220,11 +229,6 @@ std::shared_ptr<ServerConnection> WebSocketServer::Impl::accept(Poco::Net::HTTPS
         }
         return nullptr;
     }
-    std::lock_guard<std::mutex> lock(mutex);
-    if (!accepting) return nullptr;
-    auto connection = std::make_shared<ServerConnection>(next_id++, std::move(socket));
-    connections.emplace(connection->id, connection);
-    return connection;
 }
 
 void WebSocketServer::Impl::receiveUntilClosed(ServerConnection& connection) {

@@ -5,7 +5,8 @@
 // connection an id and a thread of its own, and hands every complete text (or
 // binary) message to on_text. Pings are answered, fragmented messages are
 // reassembled, and a close frame from the client is answered before the
-// connection ends.
+// connection ends. A client whose upgrade has completed is already counted
+// and reachable by sendText() and broadcastText().
 //
 // Threads:
 // - on_open, on_text and on_close of one connection run on that connection's
