@@ -1,5 +1,6 @@
 #include "arm_kinematics.h"
 
+#include <Eigen/Dense>
 #include <kdl/chainiksolverpos_lma.hpp>
 #include <kdl/jntarray.hpp>
 #include <kdl/segment.hpp>
@@ -33,9 +34,21 @@ bool wrapIntoLimits(std::vector<double>& joints, const JointLimits& limits) {
     return true;
 }
 
+// Rotation from `from` to `to` as a vector in the base frame. KDL's own
+// difference reads angles below 1e-6 as zero, too coarse for a solver.
+KDL::Vector rotationError(const KDL::Rotation& from, const KDL::Rotation& to) {
+    const KDL::Rotation turn = to * from.Inverse();
+    const KDL::Vector sine(turn(2, 1) - turn(1, 2), turn(0, 2) - turn(2, 0), turn(1, 0) - turn(0, 1));
+    const double cosine = 0.5 * (turn(0, 0) + turn(1, 1) + turn(2, 2) - 1.0);
+    if (cosine < 0.9) return turn.GetRot();
+    const double sine_norm = 0.5 * length(sine);
+    if (sine_norm < 1e-300) return KDL::Vector::Zero();
+    return sine * (0.5 * std::atan2(sine_norm, cosine) / sine_norm);
+}
+
 bool reaches(const KDL::Frame& reached, const KDL::Frame& target) {
-    const KDL::Twist error = KDL::diff(reached, target);
-    return error.vel.Norm() < kPositionTolerance && error.rot.Norm() < kRotationTolerance;
+    return length(target.p - reached.p) < kPositionTolerance &&
+           length(rotationError(reached.M, target.M)) < kRotationTolerance;
 }
 
 }  // namespace
@@ -130,10 +143,31 @@ bool ArmKinematics::solveFrom(const KDL::Frame& target, const std::vector<double
     solver.CartToJnt(initial, target, solution);
     std::vector<double> candidate(dof_);
     for (int i = 0; i < dof_; ++i) candidate[i] = solution(i);
+    refine(target, candidate);
     if (!wrapIntoLimits(candidate, limits)) return false;
     if (!reaches(flange(candidate), target)) return false;
     joints = std::move(candidate);
     return true;
+}
+
+// A few Gauss-Newton steps from the solver's answer to full precision.
+void ArmKinematics::refine(const KDL::Frame& target, std::vector<double>& joints) const {
+    constexpr int kSteps = 4;
+    std::vector<double> jacobian_values;
+    for (int step = 0; step < kSteps; ++step) {
+        const KDL::Frame reached = flange(joints);
+        const KDL::Vector position_error = target.p - reached.p;
+        const KDL::Vector rotation_error = rotationError(reached.M, target.M);
+        Eigen::Matrix<double, 6, 1> error;
+        error << position_error.x(), position_error.y(), position_error.z(), rotation_error.x(), rotation_error.y(),
+            rotation_error.z();
+        if (error.norm() < 1e-14) return;
+        jacobian(joints, jacobian_values);
+        const Eigen::Map<const Eigen::Matrix<double, 6, Eigen::Dynamic, Eigen::RowMajor>> matrix(
+            jacobian_values.data(), 6, dof_);
+        const Eigen::VectorXd delta = matrix.jacobiSvd(Eigen::ComputeThinU | Eigen::ComputeThinV).solve(error);
+        for (int i = 0; i < dof_; ++i) joints[i] += delta(i);
+    }
 }
 
 Pose ArmKinematics::toPose(const KDL::Frame& frame) {

@@ -15,6 +15,7 @@
 #include <kdl/frames.hpp>
 
 #include <array>
+#include <cmath>
 #include <vector>
 
 namespace kelm {
@@ -39,6 +40,10 @@ struct JointLimits {
     std::vector<double> dec;    // [rad/s^2]
     std::vector<double> jerk;   // [rad/s^3]
 };
+
+// Euclidean length. KDL's Vector::Norm() reads lengths below 1e-6 as 0,
+// too coarse for solver tolerances.
+inline double length(const KDL::Vector& v) { return std::sqrt(KDL::dot(v, v)); }
 
 // The longest chain the model offers.
 constexpr int kMaxDof = 7;
@@ -76,6 +81,7 @@ public:
 private:
     bool solveFrom(const KDL::Frame& target, const std::vector<double>& seed, const JointLimits& limits,
                    std::vector<double>& joints) const;
+    void refine(const KDL::Frame& target, std::vector<double>& joints) const;
 
     int dof_;
     KDL::Chain chain_;

@@ -140,7 +140,7 @@ private:
     static void appendLine(const KDL::Frame& from, const KDL::Frame& to, std::vector<KDL::Frame>& tips) {
         KDL::Vector axis;
         const double angle = (from.M.Inverse() * to.M).GetRotAngle(axis);
-        const int samples = samplesFor((to.p - from.p).Norm(), angle);
+        const int samples = samplesFor(length(to.p - from.p), angle);
         for (int j = 1; j <= samples; ++j) {
             const double f = static_cast<double>(j) / samples;
             tips.emplace_back(slerp(from.M, to.M, f), from.p + (to.p - from.p) * f);
@@ -295,11 +295,11 @@ private:
     // first tip's to the last's.
     static void appendCircle(const std::array<KDL::Frame, 3>& tips, const KDL::Vector& centre, KDL::Vector normal,
                              double angle, std::vector<KDL::Frame>& frames) {
-        normal.Normalize();
+        normal = normal / length(normal);
         const KDL::Vector radius = tips[0].p - centre;
         KDL::Vector unused;
         const double turn = (tips[0].M.Inverse() * tips[2].M).GetRotAngle(unused);
-        const int samples = samplesFor(std::fabs(angle) * radius.Norm(), turn);
+        const int samples = samplesFor(std::fabs(angle) * length(radius), turn);
         for (int j = 1; j <= samples; ++j) {
             const double f = static_cast<double>(j) / samples;
             const KDL::Vector position = centre + KDL::Rotation::Rot2(normal, angle * f) * radius;
@@ -316,7 +316,7 @@ private:
         const KDL::Vector centre = tips[0].p + ((b * dot(a, a) - a * dot(b, b)) * normal) / (2.0 * area);
         const KDL::Vector from = tips[0].p - centre;
         const KDL::Vector to = tips[2].p - centre;
-        double angle = std::atan2(dot(normal, from * to) / normal.Norm(), dot(from, to));
+        double angle = std::atan2(dot(normal, from * to) / length(normal), dot(from, to));
         if (angle <= 0.0) angle += 2.0 * kPi;
         const double radian = readDouble(data_, "radian", 0.0);
         if (radian > 0.0) angle = radian;
@@ -328,10 +328,10 @@ private:
         const KDL::Vector centre = tips[1].p;
         const KDL::Vector from = tips[0].p - centre;
         const KDL::Vector to = tips[2].p - centre;
-        if (from.Norm() < 1e-6) return fail("the arc's start lies on its centre");
+        if (length(from) < 1e-6) return fail("the arc's start lies on its centre");
         const KDL::Vector normal = from * to;
-        if (normal.Norm() < 1e-9) return fail("the arc's end point does not define its plane");
-        double angle = std::atan2(normal.Norm(), dot(from, to));
+        if (length(normal) < 1e-9) return fail("the arc's end point does not define its plane");
+        double angle = std::atan2(length(normal), dot(from, to));
         const double radian = readDouble(data_, "radian", 0.0);
         const bool other_way = readInt(data_, "dir", 0) == 1;
         if (radian > 0.0) angle = other_way ? -radian : radian;

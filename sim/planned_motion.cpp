@@ -66,7 +66,7 @@ bool PlannedMotion::sample(double t, std::vector<double>& joints, double& grippe
     const double total = knot_param.back();
     double u = timed ? t : profile.at(t) * total;
     u = std::clamp(u, 0.0, total);
-    if (knot_param.size() == 1 || total <= 0.0) {
+    if (knot_param.size() == 1 || u >= total) {
         joints = knot_joints.back();
         if (!knot_gripper.empty()) gripper = knot_gripper.back();
         return !knot_gripper.empty();
