@@ -90,8 +90,6 @@ public:
         change(arm_index, [&](Arm& arm) { arm.version = version; });
     }
 
-    TestPeer peer;
-
 private:
     struct Arm {
         int dof = 6;
@@ -169,6 +167,11 @@ private:
     std::vector<Arm> arms_;
     std::set<std::pair<std::string, int>> refused_;
     unsigned long long count_ = 0;
+
+public:
+    // Declared last so that it goes first: its threads call frame() and
+    // answer() until it is destroyed.
+    TestPeer peer;
 };
 
 // Runs a member on a thread of its own. If it has not returned when the test
