@@ -42,6 +42,12 @@ void SimArm::abortTasks() {
 }
 
 void SimArm::step(double dt) {
+    // A task that ended in an earlier cycle is reported now: the frame that
+    // showed the arm at the task's end has gone out before its key does.
+    if (!finished_keys_.empty()) {
+        telemetry_.last_task_key = finished_keys_.front();
+        finished_keys_.pop_front();
+    }
     previous_joints_ = joints_;
     if (operatorHolds()) {
         stepOperator(dt);
@@ -53,10 +59,6 @@ void SimArm::step(double dt) {
         if (!gripper_in_task_) stepGripper(dt);
     }
     stepRecording(dt);
-    if (!finished_keys_.empty()) {
-        telemetry_.last_task_key = finished_keys_.front();
-        finished_keys_.pop_front();
-    }
     refreshTelemetry(dt);
 }
 
