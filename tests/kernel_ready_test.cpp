@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -18,30 +19,19 @@ using std::chrono::milliseconds;
 
 // An arm behind the peer: streams its state every 10 ms, accepts every
 // request, and switches servo and mode when told to after a given number of
-// commands.
-class ScriptedArm {
+// commands. The peer's rules and stream share ownership of it, so a frame
+// being built while a test ends never outlives its arm.
+class ScriptedArm : public std::enable_shared_from_this<ScriptedArm> {
 public:
-    explicit ScriptedArm(TestPeer& peer) : peer_(peer) {
-        peer.replyToAll(TestPeer::recv("Task_Recieve"));
-        peer.replyWith("setServoEnable", [this](const Json::Value&) {
-            if (++servo_requests >= servo_on_at_request) servo = true;
-            return TestPeer::recv("Task_Recieve");
-        });
-        peer.replyWith("setControlMode", [this](const Json::Value&) {
-            setFsmState("POSITION");
-            return TestPeer::recv("Task_Recieve");
-        });
-        Json::Value params = jsonObject({{"dof", 6}});
-        for (int i = 0; i < 6; ++i) {
-            params["limit_lower"].append(-3.0);
-            params["limit_upper"].append(3.0);
-        }
-        peer.replyTo("getJointParams", jsonObject({{"params", params}}));
+    static std::shared_ptr<ScriptedArm> behind(TestPeer& peer) {
+        auto arm = std::make_shared<ScriptedArm>();
+        arm->answerRequestsOf(peer);
+        return arm;
     }
-    ~ScriptedArm() { peer_.stopStream(); }
 
-    void startStreaming() {
-        peer_.startStream([this] { return frame(); }, std::chrono::microseconds(10000));
+    void startStreaming(TestPeer& peer) {
+        auto self = shared_from_this();
+        peer.startStream([self] { return self->frame(); }, std::chrono::microseconds(10000));
     }
 
     void setFsmState(const std::string& state) {
@@ -61,6 +51,25 @@ public:
     std::atomic<int> servo_on_at_request{1};
 
 private:
+    void answerRequestsOf(TestPeer& peer) {
+        auto self = shared_from_this();
+        peer.replyToAll(TestPeer::recv("Task_Recieve"));
+        peer.replyWith("setServoEnable", [self](const Json::Value&) {
+            if (++self->servo_requests >= self->servo_on_at_request) self->servo = true;
+            return TestPeer::recv("Task_Recieve");
+        });
+        peer.replyWith("setControlMode", [self](const Json::Value&) {
+            self->setFsmState("POSITION");
+            return TestPeer::recv("Task_Recieve");
+        });
+        Json::Value params = jsonObject({{"dof", 6}});
+        for (int i = 0; i < 6; ++i) {
+            params["limit_lower"].append(-3.0);
+            params["limit_upper"].append(3.0);
+        }
+        peer.replyTo("getJointParams", jsonObject({{"params", params}}));
+    }
+
     Json::Value frame() {
         ArmFrame arm = realisticArm(0);
         arm.servo = servo;
@@ -75,11 +84,10 @@ private:
         return state;
     }
 
-    TestPeer& peer_;
     std::mutex mutex_;
     std::string fsm_state_ = "IDLE";
     std::string last_task_key_ = "none";
-    uint64_t count_ = 0;
+    uint64_t count_ = 0;  // the peer's one scheduler thread builds the frames
 };
 
 class KernelReady : public KernelOnPeer {
@@ -101,13 +109,15 @@ protected:
         ASSERT_TRUE(waitUntil([&] { return handled.load() > 0; }));
     }
 
-    ScriptedArm arm{peer};
+    void TearDown() override { peer.stopStream(); }
+
+    std::shared_ptr<ScriptedArm> arm = ScriptedArm::behind(peer);
 };
 
 TEST_F(KernelReady, ShortPathWhenTheArmIsAlreadyReady) {
-    arm.servo = true;
-    arm.setFsmState("POSITION");
-    arm.startStreaming();
+    arm->servo = true;
+    arm->setFsmState("POSITION");
+    arm->startStreaming(peer);
     waitForFirstFrame();
     log.clear();
 
@@ -119,10 +129,10 @@ TEST_F(KernelReady, ShortPathWhenTheArmIsAlreadyReady) {
 }
 
 TEST_F(KernelReady, RunningArmCountsAsReady) {
-    arm.servo = true;
-    arm.setFsmState("POSITION");
-    arm.motion_state = Kelm_Running;
-    arm.startStreaming();
+    arm->servo = true;
+    arm->setFsmState("POSITION");
+    arm->motion_state = Kelm_Running;
+    arm->startStreaming(peer);
     waitForFirstFrame();
 
     EXPECT_EQ(kernel->set_kelm_ready(true, 3000.0), 1);
@@ -133,19 +143,19 @@ TEST_F(KernelReady, RunningArmCountsAsReady) {
 }
 
 TEST_F(KernelReady, RetriesTheServoUntilItComesOnWithinTheBudget) {
-    arm.servo_on_at_request = 2;
-    arm.startStreaming();
+    arm->servo_on_at_request = 2;
+    arm->startStreaming(peer);
     waitForFirstFrame();
 
     EXPECT_EQ(kernel->set_kelm_ready(true, 3000.0), 1);
-    EXPECT_EQ(arm.servo_requests.load(), 2);
+    EXPECT_EQ(arm->servo_requests.load(), 2);
     EXPECT_EQ(peer.receivedCommands("setControlMode").size(), 1u);
     EXPECT_EQ(peer.receivedCommands("setControlMode")[0]["mode"], 0);
     EXPECT_TRUE(log.contains("kelm is ready..."));
 }
 
 TEST_F(KernelReady, BudgetOfZeroSendsOnlyTheResetAndTheClosingRequests) {
-    arm.startStreaming();
+    arm->startStreaming(peer);
     waitForFirstFrame();
 
     EXPECT_EQ(kernel->set_kelm_ready(true, 0.0), -1);
@@ -157,10 +167,10 @@ TEST_F(KernelReady, BudgetOfZeroSendsOnlyTheResetAndTheClosingRequests) {
 }
 
 TEST_F(KernelReady, ErrorThatNeverClearsSpendsTheBudgetOnResets) {
-    arm.servo = true;
-    arm.setFsmState("POSITION");
-    arm.motion_state = Kelm_Error;
-    arm.startStreaming();
+    arm->servo = true;
+    arm->setFsmState("POSITION");
+    arm->motion_state = Kelm_Error;
+    arm->startStreaming(peer);
     waitForFirstFrame();
 
     EXPECT_EQ(kernel->set_kelm_ready(true, 300.0), -1);
@@ -170,12 +180,12 @@ TEST_F(KernelReady, ErrorThatNeverClearsSpendsTheBudgetOnResets) {
 }
 
 TEST_F(KernelReady, SingleAttemptTriesEachStepOnce) {
-    arm.servo_on_at_request = 1000;
-    arm.startStreaming();
+    arm->servo_on_at_request = 1000;
+    arm->startStreaming(peer);
     waitForFirstFrame();
 
     EXPECT_EQ(kernel->set_kelm_ready(false, 3000.0), -1);
-    EXPECT_EQ(arm.servo_requests.load(), 1);
+    EXPECT_EQ(arm->servo_requests.load(), 1);
     EXPECT_EQ(peer.receivedCommands("setControlMode").size(), 1u);
     EXPECT_TRUE(log.contains("kelm is not ready, try again with a lager delay time"));
     EXPECT_FALSE(log.contains("time out"));
@@ -204,16 +214,16 @@ protected:
 };
 
 TEST_F(KernelTaskWait, FinishedTaskEndsTheWait) {
-    arm.setLastTaskKey("move-1");
-    arm.startStreaming();
+    arm->setLastTaskKey("move-1");
+    arm->startStreaming(peer);
     EXPECT_EQ(kernel->task_blocking_wait("move-1", 5000), 1);
     EXPECT_FALSE(registeredAnywhere("move-1"));
     EXPECT_EQ(kernel->task_wait_flag.load(), 0);
 }
 
 TEST_F(KernelTaskWait, WarningDoesNotEndTheWaitButTimeOutCleansUp) {
-    arm.error = WARN_MESSAGE;
-    arm.startStreaming();
+    arm->error = WARN_MESSAGE;
+    arm->startStreaming(peer);
     EXPECT_EQ(kernel->task_blocking_wait("move-2", 300), 0);
     EXPECT_TRUE(log.contains("recieve a warnning"));
     EXPECT_FALSE(registeredAnywhere("move-2"));
@@ -222,15 +232,15 @@ TEST_F(KernelTaskWait, WarningDoesNotEndTheWaitButTimeOutCleansUp) {
 }
 
 TEST_F(KernelTaskWait, ErrorEndsTheWaitAndLeavesAStaleSubscription) {
-    arm.error = 3002;
-    arm.startStreaming();
+    arm->error = 3002;
+    arm->startStreaming(peer);
     EXPECT_EQ(kernel->task_blocking_wait("move-4", 5000), 1);
     EXPECT_TRUE(kernel->subscriptions.contains("move-4"));
     EXPECT_FALSE(kernel->error_catch_callbacks.contains("move-4"));
 
     // The stale subscription fires between waits ...
-    arm.error = 0;
-    arm.setLastTaskKey("move-4");
+    arm->error = 0;
+    arm->setLastTaskKey("move-4");
     ASSERT_TRUE(waitUntil([&] { return !kernel->subscriptions.contains("move-4"); }));
     EXPECT_EQ(kernel->task_wait_flag.load(), 1);
     EXPECT_EQ(kernel->task_blocking_wait("", 5000), 0);
