@@ -119,6 +119,7 @@ TEST_F(PvtTest, PointMessagesCountFromOne) {
         {"limit of the third joint of the second point", {kHome, beyond}, {}, {1.0, 2.0}, "给定点[2][3]超过关节限位."},
         {"short second point", {kHome, short_point}, {}, {1.0, 2.0}, "第[2]组数据只有5个,请保证关节数据长度为6."},
         {"short first point", {short_point}, {}, {1.0}, "第[1]组数据只有5个,请保证关节数据长度为6."},
+        {"long point", {{0, 0, 0, 0, 0, 0, 0}}, {}, {1.0}, "第[1]组数据只有7个,请保证关节数据长度为6."},
         {"illegal value after a short point", {short_point, illegal}, {}, {1.0, 2.0}, "非法值"},
     });
     const std::vector<double> short_pose(kPose.begin(), kPose.end() - 1);
