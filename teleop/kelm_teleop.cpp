@@ -18,6 +18,7 @@
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <utility>
