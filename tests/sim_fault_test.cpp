@@ -1,0 +1,170 @@
+// Fault injection of the controller simulator, seen through the arm kernel:
+// lost, late and refused replies, errors and warnings, gaps in the count,
+// malformed frames, closed connections, a silent stream, and the observers.
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include "sim_fixture.h"
+
+namespace kelm {
+namespace test {
+namespace {
+
+const std::vector<double> kHome{0.0, 0.0, 0.0, 0.0, -1.57, 0.0};
+
+class SimFaultTest : public SimFixture {
+protected:
+    void SetUp() override { startSimulator(); }
+};
+
+TEST_F(SimFaultTest, ReplyFaultsHitOnlyTheirCommandAndCount) {
+    KelmKernelImpl& kernel = connect(0);
+    ASSERT_TRUE(kernel.is_connected());
+    sim::FaultInjector& faults = simulator->faults();
+
+    faults.dropReplies("setDebugMode", 1);
+    EXPECT_EQ(kernel.set_speed_level(5.0, 1), 1) << "another command is answered";
+    EXPECT_EQ(kernel.set_debug(true), -1) << "the dropped reply times out";
+    EXPECT_EQ(kernel.set_debug(true), 1) << "one drop only";
+    EXPECT_EQ(simulator->stats().replies_dropped, 1u);
+
+    faults.refuse("setSpeedLevel", 2);
+    EXPECT_EQ(kernel.set_speed_level(5.0, 1), -1);
+    EXPECT_EQ(kernel.set_speed_level(5.0, 1), -1);
+    EXPECT_EQ(kernel.set_speed_level(5.0, 1), 1);
+
+    faults.delayReplies("setDebugMode", std::chrono::milliseconds(200));
+    EXPECT_EQ(kernel.set_debug(false), 1) << "late, but within the time-out";
+    faults.delayReplies("setDebugMode", std::chrono::milliseconds(1500));
+    EXPECT_EQ(kernel.set_debug(false), -1) << "later than the time-out";
+
+    faults.clearReplyFaults();
+    faults.refuse(sim::FaultInjector::kAnyCommand);
+    EXPECT_EQ(kernel.set_servo_enable(true), -1);
+    EXPECT_TRUE(kernel.get_version().empty()) << "a refused question has no answer to read";
+    faults.clearReplyFaults();
+    EXPECT_EQ(kernel.set_servo_enable(true), 1);
+}
+
+TEST_F(SimFaultTest, ErrorEndsTheTaskWaitUntilReset) {
+    KelmKernelImpl& kernel = connect(0);
+    ASSERT_EQ(kernel.set_kelm_ready(true, kReadyBudgetMs), 1);
+    std::mutex errors_mutex;
+    std::vector<std::pair<int, std::string>> errors;
+    kernel.register_error_catch_callback("errors", [&](int code, std::string message) {
+        std::lock_guard<std::mutex> lock(errors_mutex);
+        errors.emplace_back(code, message);
+    });
+    std::string key;
+    ASSERT_EQ(kernel.move_joint(kHome, key, 5.0, 0, 0, true), 1);  // slow: still running below
+    simulator->model().raiseError(0, 13, "task failed");
+    EXPECT_EQ(kernel.task_blocking_wait(key, kMoveWaitMs), 1);
+    ASSERT_TRUE(waitUntil([&] { return kernel.get_status().motion_state == -1; }));
+    {
+        std::lock_guard<std::mutex> lock(errors_mutex);
+        ASSERT_FALSE(errors.empty());
+        EXPECT_EQ(errors.front(), std::make_pair(13, std::string("task failed")));
+    }
+    EXPECT_EQ(kernel.move_joint(kHome, key, 100.0, 0, 0, true), -1);
+    ASSERT_EQ(kernel.clean_kelm_error(), 1);
+    EXPECT_TRUE(waitUntil([&] { return kernel.get_status().motion_state == 0; }));
+    EXPECT_EQ(kernel.move_joint(kHome, key, 100.0, 0, 0, true), 1);
+    EXPECT_EQ(kernel.task_blocking_wait(key, kMoveWaitMs), 1);
+}
+
+TEST_F(SimFaultTest, WarningIsReportedButMotionsGoOn) {
+    KelmKernelImpl& kernel = connect(0);
+    ASSERT_EQ(kernel.set_kelm_ready(true, kReadyBudgetMs), 1);
+    std::atomic<int> last_code{0};
+    kernel.register_error_catch_callback("errors", [&](int code, std::string) { last_code = code; });
+    simulator->model().raiseError(0, 3001, "cable strained");
+    ASSERT_TRUE(waitUntil([&] { return last_code.load() == 3001; }));
+    std::string key;
+    ASSERT_EQ(kernel.move_joint(kHome, key, 100.0, 0, 0, true), 1);
+    EXPECT_EQ(kernel.task_blocking_wait(key, kMoveWaitMs), 1);
+    EXPECT_NEAR(kernel.get_joint_pos()[4], kHome[4], 1e-6) << "the move ran to its end";
+}
+
+TEST_F(SimFaultTest, CountGapsAndMalformedFramesReachTheKernel) {
+    LogCapture log;
+    KelmKernelImpl& kernel = connect(0);
+    ASSERT_TRUE(kernel.is_connected());
+    ASSERT_TRUE(waitUntil([&] { return kernel.get_status().dof == 6; }));
+    log.clear();
+    simulator->faults().skipCounts(5);
+    EXPECT_TRUE(log.waitFor("miss msg"));
+    simulator->faults().malformFrames(1);
+    EXPECT_TRUE(log.waitFor("parse error"));
+}
+
+TEST_F(SimFaultTest, ClosedConnectionIsReportedToTheKernel) {
+    for (bool clean : {true, false}) {
+        KelmKernelImpl& kernel = connect(0);
+        ASSERT_TRUE(kernel.is_connected());
+        std::atomic<bool> lost{false};
+        kernel.register_connect_changed_callback("lost", [&](bool connected) {
+            if (!connected) lost = true;
+        });
+        simulator->closeConnections(clean);
+        EXPECT_TRUE(waitUntil([&] { return lost.load(); })) << (clean ? "close frame" : "cut");
+        EXPECT_FALSE(kernel.is_connected());
+        kernel.release_connect_changed_callback();
+    }
+}
+
+TEST_F(SimFaultTest, StreamStopsAndResumes) {
+    KelmKernelImpl& kernel = connect(0);
+    std::atomic<int> frames{0};
+    kernel.register_update_robot_state_callback("frames", [&](std::string) { ++frames; });
+    ASSERT_TRUE(waitUntil([&] { return frames.load() > 10; }));
+    simulator->faults().setStreaming(false);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // frames in flight arrive
+    const int stopped_at = frames.load();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(frames.load(), stopped_at);
+    EXPECT_EQ(kernel.set_debug(true), 1) << "replies still flow";
+    simulator->faults().setStreaming(true);
+    EXPECT_TRUE(waitUntil([&] { return frames.load() > stopped_at + 10; }));
+}
+
+TEST_F(SimFaultTest, ObserversSeeEachRequestAndFrame) {
+    std::mutex seen_mutex;
+    std::vector<std::string> requests;
+    std::atomic<std::uint64_t> last_count{0};
+    std::atomic<int> frames{0};
+    simulator->received_message_observers.set("requests", [&](const std::string& text, sim::SimController::Clock::time_point) {
+        std::lock_guard<std::mutex> lock(seen_mutex);
+        requests.push_back(text);
+    });
+    simulator->sent_frame_observers.set("frames", [&](std::uint64_t count, sim::SimController::Clock::time_point) {
+        EXPECT_GT(count, last_count.load());
+        last_count = count;
+        ++frames;
+    });
+    KelmKernelImpl& kernel = connect(0);
+    ASSERT_EQ(kernel.set_debug(true), 1);
+    EXPECT_TRUE(waitUntil([&] { return frames.load() > 20; }));
+    simulator->received_message_observers.clear();
+    simulator->sent_frame_observers.clear();
+    std::lock_guard<std::mutex> lock(seen_mutex);
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_NE(requests[0].find("setDebugMode"), std::string::npos);
+}
+
+TEST_F(SimFaultTest, CommandLineFaultsApplyFromTheStart) {
+    simulator->stop();
+    sim::SimOptions options = defaultOptions();
+    options.refuse = {"setServoEnable"};
+    options.errors = {{1, 21, "force sensor"}};
+    startSimulator(options);
+    KelmKernelImpl& first = connect(0);
+    EXPECT_EQ(first.set_servo_enable(true), -1);
+    KelmKernelImpl& second = connect(1);
+    EXPECT_TRUE(waitUntil([&] { return second.get_status().motion_state == -1; }));
+    EXPECT_NE(first.get_status().motion_state, -1);
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace kelm
