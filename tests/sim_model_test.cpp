@@ -330,6 +330,160 @@ TEST_F(SimModelTest, ModesFollowTheirRequests) {
     EXPECT_EQ(recv(request("setControlMode", bad)), kRecvRefused);
 }
 
+// Every task kind runs to its end where its request says.
+TEST_F(SimModelTest, EveryTaskKindEndsWhereItsRequestSays) {
+    makeReady();
+    const std::vector<double> home{0.0, 0.0, 0.0, 0.0, -1.57, 0.0};
+    const ArmKinematics kinematics(6);
+    const auto poseOf = [&](const std::vector<double>& joints) { return ArmKinematics::toPose(kinematics.flange(joints)); };
+    const auto list = [](const auto& values) {
+        Json::Value array(Json::arrayValue);
+        for (double value : values) array.append(value);
+        return array;
+    };
+    const auto shifted = [](Pose pose, double dx, double dy, double dz) {
+        pose[0] += dx;
+        pose[1] += dy;
+        pose[2] += dz;
+        return pose;
+    };
+    const std::vector<double> other{0.4, 0.3, -0.4, 0.5, -1.0, 0.7};
+    const Pose home_pose = poseOf(home);
+
+    struct Case {
+        const char* name;
+        Json::Value members;
+        std::function<void(const ArmTelemetry&)> check;
+        Pose passes_near{};  // when [6] is not 0, the tip must come within 2 mm of it
+    };
+    const auto endsAtJoints = [](std::vector<double> joints) {
+        return [joints](const ArmTelemetry& arm) {
+            for (size_t i = 0; i < joints.size(); ++i) EXPECT_NEAR(arm.joints[i], joints[i], 1e-9) << "joint " << i;
+        };
+    };
+    const auto endsAtPose = [](Pose pose) {
+        return [pose](const ArmTelemetry& arm) {
+            for (size_t i = 0; i < 7; ++i) EXPECT_NEAR(std::fabs(arm.pose[i]), std::fabs(pose[i]), 1e-6) << "value " << i;
+        };
+    };
+    std::vector<Case> cases;
+    {
+        Json::Value m;
+        m["task_id"] = "TASK_MOVJ";
+        m["point_type"]["space"] = 1;
+        m["data"]["target_pos"] = list(poseOf(other));
+        cases.push_back({"joint move to a pose", m, endsAtPose(poseOf(other))});
+    }
+    {
+        Json::Value m;
+        m["task_id"] = "TASK_MOVL";
+        m["point_type"]["space"] = 1;
+        m["data"]["point"] = list(shifted(poseOf(other), 0.05, -0.1, 0.08));
+        cases.push_back({"line to a pose", m, endsAtPose(shifted(poseOf(other), 0.05, -0.1, 0.08))});
+    }
+    {
+        Json::Value m;
+        m["task_id"] = "TASK_MOVL";
+        m["point_type"]["space"] = 0;
+        m["data"]["point"] = list(home);
+        cases.push_back({"line to joints", m, endsAtPose(home_pose)});
+    }
+    {
+        Json::Value m;
+        m["task_id"] = "TASK_MOVC";
+        m["point_type"]["space"] = 1;
+        m["data"]["type"] = 0;
+        m["data"]["points"].append(list(home_pose));
+        m["data"]["points"].append(list(shifted(home_pose, 0.0, 0.05, 0.05)));
+        m["data"]["points"].append(list(shifted(home_pose, 0.0, 0.1, 0.0)));
+        cases.push_back({"arc through three points", m, endsAtPose(shifted(home_pose, 0.0, 0.1, 0.0)),
+                         shifted(home_pose, 0.0, 0.05, 0.05)});
+    }
+    {
+        Json::Value m;
+        m["task_id"] = "TASK_MOVC";
+        m["point_type"]["space"] = 1;
+        m["data"]["type"] = 1;
+        m["data"]["dir"] = 0;
+        m["data"]["radian"] = 3.14159265358979323846 / 2;
+        m["data"]["points"].append(list(shifted(home_pose, 0.0, 0.1, 0.0)));
+        m["data"]["points"].append(list(shifted(home_pose, 0.0, 0.05, 0.0)));
+        m["data"]["points"].append(list(shifted(home_pose, 0.0, 0.05, 0.05)));
+        cases.push_back({"quarter arc about a centre", m, endsAtPose(shifted(home_pose, 0.0, 0.05, 0.05))});
+    }
+    {
+        Json::Value m;
+        m["task_id"] = "TASK_MOVT";
+        m["point_type"]["space"] = 0;
+        m["data"]["point_num"] = 2;
+        m["data"]["way_point1"] = list(other);
+        m["data"]["way_point2"] = list(home);
+        cases.push_back({"way-points", m, endsAtJoints(home), poseOf(other)});
+    }
+    {
+        Json::Value m;
+        m["task_id"] = "TASK_PVT";
+        m["point_type"]["space"] = 0;
+        m["data"]["pos"].append(list(other));
+        m["data"]["pos"].append(list(home));
+        m["data"]["time"] = list(std::vector<double>{1.0, 2.0});
+        m["gripper"]["gripper_linkage"] = 1;
+        m["gripper"]["eeffe_point"] = list(std::vector<double>{0.02, 0.07});
+        cases.push_back({"timed points", m, [&](const ArmTelemetry& arm) {
+                             endsAtJoints(home)(arm);
+                             EXPECT_NEAR(arm.gripper_pos, 0.07, 1e-12);
+                         }});
+    }
+    {
+        Json::Value m;
+        m["task_id"] = "TASK_MOVD";
+        m["target_points"].append(list(other));
+        m["target_points"].append(list(home));
+        m["gripper"]["gripper_linkage"] = 0;
+        cases.push_back({"direct points", m, endsAtJoints(home)});
+    }
+    {
+        Json::Value m;
+        m["task_id"] = "TASK_TIMER";
+        m["data"]["time"] = 0.3;
+        cases.push_back({"pause", m, endsAtJoints(home)});
+    }
+    {
+        Json::Value m;
+        m["task_id"] = "TASK_MOVJ_JOG";
+        m["index"] = 2;
+        m["dir"] = 1;
+        m["data"]["speed"] = 50.0;
+        cases.push_back({"joint jog", m, endsAtJoints({0.0, 0.0, 0.05, 0.0, -1.57, 0.0})});
+    }
+    {
+        Json::Value m;
+        m["task_id"] = "TASK_MOVL_JOG";
+        m["index"] = 2;
+        m["dir"] = -1;
+        m["data"]["speed"] = 50.0;
+        Pose lower = poseOf({0.0, 0.0, 0.05, 0.0, -1.57, 0.0});
+        lower[2] -= 0.005;
+        cases.push_back({"line jog", m, endsAtPose(lower)});
+    }
+    for (const auto& c : cases) {
+        const Json::Value task = request("webRecieveTasks", c.members);
+        ASSERT_EQ(recv(task), kRecvTaken) << c.name;
+        double nearest = 1e9;
+        ASSERT_TRUE(stepUntil([&](const ArmTelemetry& arm) {
+            const double d = std::hypot(arm.pose[0] - c.passes_near[0], arm.pose[1] - c.passes_near[1],
+                                        arm.pose[2] - c.passes_near[2]);
+            nearest = std::min(nearest, d);
+            return arm.last_task_key == task["task_key"].asString();
+        })) << c.name;
+        SCOPED_TRACE(c.name);
+        c.check(model.telemetry(0));
+        if (c.passes_near[6] != 0.0) {
+            EXPECT_LT(nearest, 0.002);
+        }
+    }
+}
+
 TEST_F(SimModelTest, OperatorMovesDragModeSmoothlyWithinBounds) {
     makeReady();
     Json::Value drag;
