@@ -106,12 +106,13 @@ public:
         std::atomic<bool> debug{false};
 
         std::string arm_name() const;
-        // Stores the name in place; an unchanged name allocates nothing.
+        // Stores a new name; called by the receive thread only, and takes the
+        // lock only when the name changed.
         void set_arm_name(const std::string& name);
         ArmStatus load() const;
 
     private:
-        mutable std::mutex name_mutex_;  // guards arm_name_ only; held for one copy
+        mutable std::mutex name_mutex_;  // guards writes of arm_name_ and other threads' reads
         std::string arm_name_;
     };
 

@@ -21,6 +21,8 @@ std::string KelmKernelImpl::SharedStatus::arm_name() const {
 }
 
 void KelmKernelImpl::SharedStatus::set_arm_name(const std::string& name) {
+    // The one writer may compare without the lock: readers only read.
+    if (arm_name_ == name) return;
     std::lock_guard<std::mutex> lock(name_mutex_);
     arm_name_ = name;
 }
