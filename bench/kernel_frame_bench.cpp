@@ -102,6 +102,17 @@ void BM_FrameOnReceive(benchmark::State& state) {
 }
 BENCHMARK(BM_FrameOnReceive);
 
+// The kernel's own share: taking an already parsed frame over.
+void BM_TakeOverParsedFrame(benchmark::State& state) {
+    Sink sink;
+    auto kernel = readyKernel(sink);
+    const Json::Value root = test::twoArmFrame(2);
+    const std::size_t before = allocations_on_this_thread;
+    for (auto _ : state) kernel->webSendRobotStateData(root);
+    reportAllocations(state, allocations_on_this_thread - before);
+}
+BENCHMARK(BM_TakeOverParsedFrame);
+
 // parseRecieveData called with text alone, so it parses the frame itself.
 void BM_ParseRecieveDataStandalone(benchmark::State& state) {
     Sink sink;
