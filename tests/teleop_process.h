@@ -47,6 +47,9 @@ public:
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, out_pipe[1], STDOUT_FILENO);
         posix_spawn_file_actions_adddup2(&actions, err_pipe[1], STDERR_FILENO);
+        // Sockets of this process (the simulated controllers' listening
+        // sockets among them) must not live on in the child.
+        posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
         // The child starts with SIGINT at its default and unblocked, whatever
         // this process's threads do with it.
         posix_spawnattr_t attributes;
