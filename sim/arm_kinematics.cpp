@@ -126,17 +126,17 @@ void ArmKinematics::jacobian(const std::vector<double>& joints, std::vector<doub
 
 bool ArmKinematics::inverse(const KDL::Frame& target, const std::vector<double>& seed, const JointLimits& limits,
                             std::vector<double>& joints) const {
-    if (solveFrom(target, seed, limits, joints)) return true;
+    if (inverseNear(target, seed, limits, joints)) return true;
     for (const auto& fallback : kFallbackSeeds) {
         const std::vector<double> other(fallback.begin(), fallback.begin() + dof_);
-        if (solveFrom(target, other, limits, joints)) return true;
+        if (inverseNear(target, other, limits, joints)) return true;
     }
     return false;
 }
 
-bool ArmKinematics::solveFrom(const KDL::Frame& target, const std::vector<double>& seed, const JointLimits& limits,
-                              std::vector<double>& joints) const {
-    KDL::ChainIkSolverPos_LMA solver(chain_, 1e-14, 500, 1e-15);
+bool ArmKinematics::inverseNear(const KDL::Frame& target, const std::vector<double>& seed,
+                                const JointLimits& limits, std::vector<double>& joints) const {
+    KDL::ChainIkSolverPos_LMA solver(chain_, 1e-10, 150, 1e-15);
     KDL::JntArray initial(dof_);
     KDL::JntArray solution(dof_);
     for (int i = 0; i < dof_; ++i) initial(i) = seed[i];

@@ -71,6 +71,10 @@ public:
     // False when no solution within the limits reaches the target to 1e-9.
     bool inverse(const KDL::Frame& target, const std::vector<double>& seed, const JointLimits& limits,
                  std::vector<double>& joints) const;
+    // The same from `seed` alone, without the fallback seeds: quicker to
+    // give up, for streamed targets that come every few milliseconds.
+    bool inverseNear(const KDL::Frame& target, const std::vector<double>& seed, const JointLimits& limits,
+                     std::vector<double>& joints) const;
 
     static Pose toPose(const KDL::Frame& frame);
     // `values` holds at least 7 entries; the quaternion is normalised.
@@ -79,8 +83,6 @@ public:
     static KDL::Frame fromCoordinate(const std::vector<double>& coordinate);
 
 private:
-    bool solveFrom(const KDL::Frame& target, const std::vector<double>& seed, const JointLimits& limits,
-                   std::vector<double>& joints) const;
     void refine(const KDL::Frame& target, std::vector<double>& joints) const;
 
     int dof_;

@@ -207,14 +207,9 @@ bool SimArm::track(std::vector<double> joints, double gripper) {
     return true;
 }
 
-bool SimArm::trackPose(const Pose& pose, double gripper) {
-    if (!takesStream()) return false;
-    const KDL::Frame flange = ArmKinematics::fromCoordinate(users_[0]) * ArmKinematics::toFrame(pose.data()) *
-                              ArmKinematics::fromCoordinate(tools_[0]).Inverse();
-    std::vector<double> solution;
-    const std::vector<double>& seed = tracking_ ? tracking_target_ : joints_;
-    if (!kinematics_->inverse(flange, seed, limits_, solution)) return false;
-    return track(std::move(solution), gripper);
+KDL::Frame SimArm::streamedFlange(const Pose& pose) const {
+    return ArmKinematics::fromCoordinate(users_[0]) * ArmKinematics::toFrame(pose.data()) *
+           ArmKinematics::fromCoordinate(tools_[0]).Inverse();
 }
 
 void SimArm::setRedundancyTau(std::vector<double> tau, double effector_tau) {

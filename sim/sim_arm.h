@@ -99,12 +99,16 @@ public:
     size_t queuedTasks() const { return tasks_.size(); }
 
     // ---- streaming ----
+    // Whether streamed targets are followed now (servo on, no error, no
+    // task, a mode that takes them).
+    bool takesStream() const;
     // Follow `joints` (clamped to the limits); false when the mode takes no
     // stream, which the caller counts.
     bool track(std::vector<double> joints, double gripper);
-    // The same for a tool-tip pose with tool and user 0; false also without
-    // an inverse solution.
-    bool trackPose(const Pose& pose, double gripper);
+    // Seed for the inverse kinematics of the next streamed pose.
+    const std::vector<double>& trackingSeed() const { return tracking_ ? tracking_target_ : joints_; }
+    // Flange frame for a streamed tool-tip pose, in tool 0 and user 0.
+    KDL::Frame streamedFlange(const Pose& pose) const;
     void setRedundancyTau(std::vector<double> tau, double effector_tau);
     const std::vector<double>& redundancyTau() const { return redundancy_tau_; }
     double effectorTau() const { return effector_tau_; }
@@ -132,7 +136,6 @@ private:
     };
 
     bool operatorHolds() const;
-    bool takesStream() const;
     void abortTasks();
     void finishTask(const std::string& key);
     void stepTasks(double dt);

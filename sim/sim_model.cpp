@@ -28,7 +28,7 @@ const std::vector<std::pair<std::string, SimModel::Route>>& SimModel::routes() {
         {"setDebugMode", {&SimModel::onDebug, false}},
         {"getArmIntrinsicProperties", {&SimModel::onProperties, false}},
         {"getJointParams", {&SimModel::onJointParams, false}},
-        {"trajectoryTrackingTasks", {&SimModel::onTracking, false}},
+        {"trajectoryTrackingTasks", {&SimModel::onTracking, true}},
         {"setRedundancyTau", {&SimModel::onRedundancyTau, false}},
         {"webRecieveTasks", {&SimModel::onTask, true}},
         {"getKinematics", {&SimModel::onKinematics, true}},
@@ -250,20 +250,36 @@ std::string SimModel::onJointParams(const Json::Value& request, Json::Value& rep
     return std::string();
 }
 
+// Locks itself: the inverse kinematics of a pose runs outside the lock.
 std::string SimModel::onTracking(const Json::Value& request, Json::Value&) {
-    std::string refused;
-    SimArm* arm = armOf(request, refused);
-    if (!arm) return refused;
     const Json::Value& data = request["data"];
     std::vector<double> target;
     if (!readNumbers(data["way_point"], target)) return "way_point must hold finite numbers";
     const double gripper = readDouble(data, "grp_point", -1.0);
-    if (readInt(request["point_type"], "space", 0) == 1) {
-        if (target.size() != 7) return "a Cartesian way_point holds 7 values";
-        Pose pose;
-        std::copy(target.begin(), target.end(), pose.begin());
-        return arm->trackPose(pose, gripper) ? std::string() : "way_point not taken";
+    const bool cartesian = readInt(request["point_type"], "space", 0) == 1;
+    if (cartesian && target.size() != 7) return "a Cartesian way_point holds 7 values";
+    std::string refused;
+    SimArm* arm = nullptr;
+    if (cartesian) {
+        KDL::Frame flange;
+        std::vector<double> seed;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            arm = armOf(request, refused);
+            if (!arm) return refused;
+            if (!arm->takesStream()) return "way_point not taken";
+            Pose pose;
+            std::copy(target.begin(), target.end(), pose.begin());
+            flange = arm->streamedFlange(pose);
+            seed = arm->trackingSeed();
+        }
+        // The model and the limits of an arm never change: no lock needed.
+        if (!arm->kinematics().inverseNear(flange, seed, arm->limits(), target))
+            return "no inverse solution for way_point";
     }
+    std::lock_guard<std::mutex> lock(mutex_);
+    arm = armOf(request, refused);
+    if (!arm) return refused;
     return arm->track(std::move(target), gripper) ? std::string() : "way_point not taken";
 }
 
