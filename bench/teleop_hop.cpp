@@ -10,6 +10,10 @@
 // them on at float precision); messages whose values more than one frame
 // carried, while the arm stood still, are left out.
 //
+// It also reports how closely the slave follows: on each slave frame sent
+// while the tool streams, the largest joint difference between the slave and
+// the master's latest frame.
+//
 // Usage: teleop_hop [seconds of streaming, default 10]
 // Needs port 8090 on 127.0.0.1 and 127.0.0.2; not to be run beside the
 // end-to-end tests.
@@ -17,6 +21,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <map>
 #include <iterator>
@@ -52,6 +57,36 @@ public:
         JointKey key(joints.begin(), joints.end());
         std::lock_guard<std::mutex> lock(mutex_);
         sent_[key].push_back(at);
+    }
+
+    // The master's joints in the frame just sent.
+    void masterJoints(const std::vector<double>& joints) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        master_joints_ = joints;
+    }
+
+    // Compares the slave's joints with the master's latest, while measuring.
+    void slaveJoints(const std::vector<double>& joints) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!measuring_ || joints.size() != master_joints_.size()) return;
+        double error = 0.0;
+        for (size_t i = 0; i < joints.size(); ++i) error = std::max(error, std::fabs(joints[i] - master_joints_[i]));
+        error_sum_ += error;
+        error_max_ = std::max(error_max_, error);
+        ++error_count_;
+    }
+
+    void setMeasuring(bool on) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        measuring_ = on;
+    }
+
+    // Mean and largest tracking error [rad], over `count` slave frames.
+    void trackingError(double& mean, double& max, size_t& count) const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        count = error_count_;
+        mean = error_count_ > 0 ? error_sum_ / static_cast<double>(error_count_) : 0.0;
+        max = error_max_;
     }
 
     void messageReceived(const std::string& text, Clock::time_point at) {
@@ -105,6 +140,11 @@ private:
     mutable std::mutex mutex_;
     std::map<JointKey, std::vector<Clock::time_point>> sent_;
     std::vector<Received> received_;
+    std::vector<double> master_joints_;
+    bool measuring_ = false;
+    double error_sum_ = 0.0;
+    double error_max_ = 0.0;
+    size_t error_count_ = 0;
 };
 
 SimOptions controllerOptions(const char* host) {
@@ -129,8 +169,12 @@ int main(int argc, char** argv) {
     SimController master(controllerOptions("127.0.0.2"));
     SimController slave(controllerOptions("127.0.0.1"));
     master.sent_frame_observers.set("hop", [&](std::uint64_t, Clock::time_point at) {
-        recorder.frameSent(master.model().telemetry(0).joints, at);
+        const std::vector<double> joints = master.model().telemetry(0).joints;
+        recorder.frameSent(joints, at);
+        recorder.masterJoints(joints);
     });
+    slave.sent_frame_observers.set(
+        "hop", [&](std::uint64_t, Clock::time_point) { recorder.slaveJoints(slave.model().telemetry(0).joints); });
     slave.received_message_observers.set(
         "hop", [&](const std::string& text, Clock::time_point at) { recorder.messageReceived(text, at); });
     try {
@@ -147,7 +191,9 @@ int main(int argc, char** argv) {
                      tool.stderrText().c_str());
         return 1;
     }
+    recorder.setMeasuring(true);
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    recorder.setMeasuring(false);
     tool.interrupt();
     const auto exit_code = tool.waitForExit(kExitLimit);
     master.stop();
@@ -168,5 +214,11 @@ int main(int argc, char** argv) {
                 exit_code ? *exit_code : -1);
     std::printf("  median %.0f us, p90 %.0f us, p99 %.0f us, max %.0f us, mean %.0f us\n", percentile(hops, 0.5),
                 percentile(hops, 0.9), percentile(hops, 0.99), hops.back(), sum / static_cast<double>(hops.size()));
+    double error_mean = 0.0, error_max = 0.0;
+    size_t error_frames = 0;
+    recorder.trackingError(error_mean, error_max, error_frames);
+    std::printf("  slave tracking error (largest joint difference to the master's latest frame, %zu slave frames):"
+                " mean %.4f rad, max %.4f rad\n",
+                error_frames, error_mean, error_max);
     return 0;
 }
