@@ -278,7 +278,8 @@ protected:
         return std::make_unique<TeleopProcess>(kTeleopPath, args);
     }
 
-    // Waits for the run loop, then for `count` streamed messages at `controller`.
+    // Waits for the run loop, then for kFramesToRelay messages with `command`
+    // at `controller`.
     void waitForStream(TeleopProcess& tool, RecordingController& controller, const std::string& command) {
         ASSERT_TRUE(tool.waitForStdout(kRunningLine, kBringUpLimit))
             << "stdout:\n" << tool.stdoutText() << "stderr:\n" << tool.stderrText();
