@@ -83,4 +83,5 @@ void timer_end(TimerUnit& timer);
 }  // namespace kelm
 
 // Logs one line with the caller's source place.
-#define KELM_LOG(level, ...) ::kelm::getLogInstance()->log(__FILE__, __LINE__, (level), __VA_ARGS__)
+#define KELM_LOG(level, ...) \
+    ::kelm::getLogInstance()->log(__FILE__, __LINE__, static_cast<::kelm::LogLevel>(level), __VA_ARGS__)
