@@ -361,6 +361,38 @@ TEST_F(TransportTest, ListenerMaySendAndDisconnectOnTheReceiveThread) {
     for (const auto& message : listener.messages()) EXPECT_NE(message, "never delivered");
 }
 
+TEST_F(TransportTest, LossCallbackMayReconnectOnTheReceiveThread) {
+    std::atomic<int> reconnect_result{0};
+    client.connect_callback = [&](bool up) {
+        events.callback()(up);
+        if (!up && reconnect_result == 0) reconnect_result = client.connect(peer.host(), peer.port(), 1.0);
+    };
+    ASSERT_EQ(connectToPeer(), 1);
+    ASSERT_TRUE(peer.waitForConnections(1));
+    peer.dropConnections();
+    ASSERT_TRUE(waitUntil([&] { return reconnect_result != 0; }));
+    EXPECT_EQ(reconnect_result, 1);
+    ASSERT_TRUE(events.waitFor({true, false, true}));
+    EXPECT_TRUE(client.isConnected());
+    ASSERT_TRUE(peer.waitForConnections(1));
+    peer.sendText("after reconnect");
+    EXPECT_TRUE(listener.waitForCount(1));
+}
+
+TEST_F(TransportTest, LossCallbackCannotReconnectWhileAnotherThreadDisconnects) {
+    LogCapture log;
+    std::atomic<int> reconnect_result{0};
+    client.connect_callback = [&](bool up) {
+        events.callback()(up);
+        if (!up) reconnect_result = client.connect(peer.host(), peer.port(), 1.0);
+    };
+    ASSERT_EQ(connectToPeer(), 1);
+    client.disConnect();
+    EXPECT_EQ(reconnect_result, -1);
+    EXPECT_TRUE(log.contains("another thread is connecting or disconnecting", LOG_ERROR));
+    EXPECT_FALSE(client.isConnected());
+}
+
 TEST_F(TransportTest, ReleaseListenerWaitsForTheDeliveryInProgress) {
     std::atomic<bool> in_callback{false};
     std::atomic<bool> callback_done{false};

@@ -17,6 +17,10 @@ namespace {
 // it cuts the connection.
 constexpr std::chrono::milliseconds kCloseHandshakeTimeout(500);
 
+// The client whose receive thread this is, if it is one. Unlike the member
+// receive_thread_, it stays right while another thread is joining this one.
+thread_local const CommunicationClient* receiving_for = nullptr;
+
 Json::StreamWriterBuilder compactWriterBuilder() {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
@@ -163,7 +167,6 @@ int CommunicationClient::connect(const std::string& ip, int port, double timeout
 
     auto connection = std::make_shared<Connection>(client);
     try {
-        // The new thread asks onReceiveThread() only after the lock is gone.
         std::lock_guard<std::mutex> lock(state_mutex_);
         std::thread thread(&CommunicationClient::receiveLoop, this, connection, delivery_);
         connection_ = connection;
@@ -218,10 +221,7 @@ bool CommunicationClient::lockLifecycle(std::unique_lock<std::mutex>& lifecycle)
     return true;
 }
 
-bool CommunicationClient::onReceiveThread() {
-    std::lock_guard<std::mutex> lock(state_mutex_);
-    return receive_thread_.joinable() && receive_thread_.get_id() == std::this_thread::get_id();
-}
+bool CommunicationClient::onReceiveThread() const { return receiving_for == this; }
 
 // Stops the current connection and gets rid of its receive thread: joined,
 // or detached when this is that thread (it then only touches the shared
@@ -255,6 +255,7 @@ void CommunicationClient::stopConnection(const std::shared_ptr<Connection>& conn
 }
 
 void CommunicationClient::receiveLoop(std::shared_ptr<Connection> connection, std::shared_ptr<Delivery> delivery) {
+    receiving_for = this;
     connection->receive_thread = std::this_thread::get_id();
     reportConnectionState(*connection, true);
     connection->markUpReported();

@@ -18,7 +18,9 @@
 // - connect(), disConnect(), setClientHandle() and the listener operations
 //   may be called from any thread, also from inside a callback on the receive
 //   thread: disConnect() there ends the connection and reports it at once
-//   instead of waiting for its own thread.
+//   instead of waiting for its own thread; connect() there fails (-1) while
+//   another thread is connecting or disconnecting, which may be waiting for
+//   this very thread.
 // - Assign connect_callback only while no connection stands (before
 //   connect(), or after disConnect() has returned on another thread).
 //
@@ -91,7 +93,7 @@ private:
     void reportConnectionState(Connection& connection, bool up);
     void stopConnection(const std::shared_ptr<Connection>& connection);
     bool lockLifecycle(std::unique_lock<std::mutex>& lifecycle);
-    bool onReceiveThread();
+    bool onReceiveThread() const;  // on a receive thread of this client, current or earlier
     void endCurrentConnection();
 
     std::shared_ptr<Delivery> delivery_;
