@@ -423,7 +423,8 @@ INSTANTIATE_TEST_SUITE_P(
         ModeCase{"JointMirroredForceZeroKeepsDefault", 0, true, {"--force", "0"}, "夹持力必须大于0夹爪才能移动\n", "10",
                  10.0},
         ModeCase{"Pose", 1, false, {"--force", "5.5"}, "", "5.5", 5.5},
-        ModeCase{"PoseMirrored", 1, true, {}, "", "10", 10.0},
+        // An infinite force passes the tool's check; the gripper command clamps it.
+        ModeCase{"PoseMirroredInfiniteForce", 1, true, {"--force", "inf"}, "", "inf", 20.0},
         ModeCase{"ForceFeedback", 2, false, {}, "", "10", 10.0},
         ModeCase{"ForceFeedbackMirrored", 2, true, {"--force", "-1"}, "夹持力必须大于0夹爪才能移动\n", "10", 10.0}),
     [](const ::testing::TestParamInfo<ModeCase>& info) { return info.param.name; });
@@ -476,6 +477,23 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(EventCase{"SlaveWarning", false, 3001, "joint 3 warm", "收到警告, msg = joint 3 warm"},
                       EventCase{"MasterError", true, 5, "collision", "收到错误, code = 5, msg = collision"}),
     [](const ::testing::TestParamInfo<EventCase>& info) { return info.param.name; });
+
+// A lost connection alone does not end the run; Ctrl+C still does, and the
+// master is still put back into position mode.
+TEST_F(TeleopEndToEnd, LostSlaveConnectionDoesNotEndTheRun) {
+    startControllers();
+    auto tool = startTool({});
+    waitForStream(*tool, *slave_, "trajectoryTrackingTasks");
+    slave_->sim().closeConnections(false);
+    EXPECT_FALSE(tool->waitForExit(2s)) << "the tool ended on a lost connection";
+    tool->interrupt();
+    ASSERT_EQ(finish(*tool), 0) << tool->stderrText();
+    const std::string output = tool->stdoutText();
+    const std::string ending = kRunningLine + "\n捕获到 Ctrl+C, 准备退出...\n退出遥操，臂恢复为位置模式.\n";
+    ASSERT_GE(output.size(), ending.size());
+    EXPECT_EQ(output.substr(output.size() - ending.size()), ending) << output;
+    EXPECT_TRUE(firstTime(*master_, "setControlMode", "mode", 1));
+}
 
 // ---- failed bring-up ----
 
