@@ -60,6 +60,9 @@ kelm::sim::SimOptions simulatorFor(const Example& example) {
     options.port = 0;
     options.arms = example.arms;
     options.quiet = true;
+    // The client files its wait for a reply only after sending the request;
+    // on a busy machine a quicker reply could overtake that and be dropped.
+    options.reply_latency_us = 20000;
     return options;
 }
 

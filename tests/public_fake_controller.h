@@ -1,7 +1,7 @@
 // FakeArmController: a controller with one or more arms for the tests of the
 // public interfaces, built on the scriptable TestPeer.
 //
-// It streams a state frame every 10 ms that shows each arm ready (servo on,
+// It sends a state frame every 10 ms that shows each arm ready (servo on,
 // POSITION mode, standing by, joints at zero), answers the requests of the
 // public members with "Task_Recieve" unless told to refuse them for one arm,
 // and serves joint limits of +-3 rad, a version text and a list of taught
@@ -11,19 +11,21 @@
 // BoundedCall runs a blocking member on a thread of its own, so that a
 // test can watch whether it has returned.
 //
-// Threads: every member may be called from the test's thread while the
-// peer's threads build frames and answers.
+// Threads: every member may be called from the test's thread while a
+// thread of this object sends frames and the peer's threads answer.
 #pragma once
 
 #include <json/json.h>
 
 #include <array>
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <future>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -41,6 +43,7 @@ public:
     // for a reply only after sending the request, so an answer that came
     // back at once could overtake that and be dropped.
     static constexpr std::chrono::milliseconds kReplyDelay{10};
+    static constexpr std::chrono::milliseconds kFrameInterval{10};
 
     // One arm per entry of `dofs`, at that position of the frames' arm array.
     explicit FakeArmController(std::vector<int> dofs = {6}) : arms_(dofs.size()) {
@@ -55,9 +58,16 @@ public:
             peer.replyWith(
                 command, [this](const Json::Value& request) { return answer(request); }, kReplyDelay);
         }
-        peer.startStream([this] { return frame(); }, std::chrono::milliseconds(10));
+        streamer_ = std::thread([this] { streamFrames(); });
     }
-    ~FakeArmController() { peer.stopStream(); }
+    ~FakeArmController() {
+        {
+            std::lock_guard<std::mutex> lock(stream_mutex_);
+            stop_streaming_ = true;
+        }
+        stream_wake_.notify_all();
+        streamer_.join();
+    }
 
     std::string host() const { return peer.host(); }
     int port() const { return peer.port(); }
@@ -143,6 +153,18 @@ private:
         return root;
     }
 
+    // The frames go out from a thread of this object, which the destructor
+    // joins before the peer goes, so that no frame is under way then.
+    void streamFrames() {
+        std::unique_lock<std::mutex> lock(stream_mutex_);
+        while (!stop_streaming_) {
+            lock.unlock();
+            peer.sendJson(frame());
+            lock.lock();
+            stream_wake_.wait_for(lock, kFrameInterval, [this] { return stop_streaming_; });
+        }
+    }
+
     Json::Value answer(const Json::Value& request) {
         std::lock_guard<std::mutex> lock(mutex_);
         const std::string command = request["command"].asString();
@@ -167,6 +189,10 @@ private:
     std::vector<Arm> arms_;
     std::set<std::pair<std::string, int>> refused_;
     unsigned long long count_ = 0;
+    std::mutex stream_mutex_;
+    std::condition_variable stream_wake_;
+    bool stop_streaming_ = false;
+    std::thread streamer_;
 
 public:
     // Declared last so that it goes first: its threads call frame() and

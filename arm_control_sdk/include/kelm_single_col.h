@@ -98,7 +98,8 @@ public:
     int set_tool_index(int index);
     // The current tool coordinate index, as the last state frame said.
     int get_tool_index();
-    // The tool coordinate system `index` as a pose (x, y, z, qx, qy, qz, qw).
+    // The tool coordinate system `index` as a pose (x, y, z, qx, qy, qz, qw);
+    // zeros when the controller's answer is missing or unusable.
     std::array<double, 7> get_tool_coordinate(int index);
 
     // ---- recording and teaching ----
