@@ -191,10 +191,13 @@ void SimController::sendFrame(std::uint64_t frame_number) {
     const std::string& text = model_.writeFrame(writer_, count_, unixNow());
     const bool malformed = faults_.takeMalformedFrame() ||
                            (options_.malformed_every > 0 && frame_number % options_.malformed_every == 0);
+    // Taken before the send, so that it precedes anything a client does
+    // in answer to the frame, even when this thread is preempted.
+    const Clock::time_point sent = Clock::now();
     if (malformed) server_.broadcastText(text.substr(0, text.size() / 2));
     else server_.broadcastText(text);
     ++frames_sent_;
-    if (!sent_frame_observers.empty()) sent_frame_observers.callEach(count_, Clock::now());
+    if (!sent_frame_observers.empty()) sent_frame_observers.callEach(count_, sent);
 }
 
 void SimController::applyTimedFaults(double seconds_running) {

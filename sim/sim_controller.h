@@ -13,8 +13,8 @@
 // Observers, for latency measurement: received_message_observers are called
 // on the connection's thread with each received text and its steady-clock
 // receive time, before it is handled; sent_frame_observers on the frame
-// loop with each frame's count and the time its send returned. Both cost
-// one look at an empty map when unused.
+// loop, right after the send, with each frame's count and the time the send
+// began. Both cost one look at an empty map when unused.
 #pragma once
 
 #include <atomic>

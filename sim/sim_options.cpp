@@ -198,7 +198,7 @@ std::string simUsage(const char* program) {
          << "  -a, --arms N                arms of the controller, 1 or 2 (default 1)\n"
          << "  -d, --dof N                 joints per arm, 1 to 7 (default 6)\n"
          << "  -r, --rate HZ               state frames per second (default 500)\n"
-         << "      --reply-latency-us US   least time before a reply (default 300)\n"
+         << "      --reply-latency-us US   least time before a reply (default 10000)\n"
          << "Operator and environment:\n"
          << "      --operator on|off       the simulated hand moves arms in drag mode and as\n"
          << "                              teleoperation master (default on)\n"

@@ -23,9 +23,11 @@ struct SimOptions {
     int arms = 1;                // 1 or 2
     int dof = 6;                 // 1 to 7
     double rate = 500.0;         // state frames per second
-    // Least time between a request and its reply; a real controller is not
-    // instantaneous, and a reply must not overtake the client's bookkeeping.
-    int reply_latency_us = 300;
+    // Least time between a request and its reply. A real controller takes
+    // milliseconds; a client that files its request only after sending it
+    // loses a reply that comes back sooner, which a loaded machine with a
+    // preempted client thread makes likely at sub-millisecond latencies.
+    int reply_latency_us = 10000;
     OperatorSettings hand;
     WallSettings wall;
     bool quiet = false;          // no status line

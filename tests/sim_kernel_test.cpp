@@ -200,14 +200,17 @@ TEST_F(SimKernelTest, TeleoperationRingCarriesMotionAndForce) {
         const std::vector<double> tau = simulator->model().redundancyTau(0);
         return std::fabs(tau[1]) > 1e-3;
     }));
-    // The slave stays close behind the master.
-    EXPECT_TRUE(waitUntil([&] {
-        const sim::ArmTelemetry leader = simulator->model().telemetry(0);
-        const sim::ArmTelemetry follower = simulator->model().telemetry(1);
-        for (size_t i = 0; i < leader.joints.size(); ++i)
-            if (std::fabs(leader.joints[i] - follower.joints[i]) > 0.05) return false;
-        return true;
-    }));
+    // The slave stays close behind the master (the lag grows on a loaded
+    // machine, so look for a moment where the hand is slow).
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            const sim::ArmTelemetry leader = simulator->model().telemetry(0);
+            const sim::ArmTelemetry follower = simulator->model().telemetry(1);
+            for (size_t i = 0; i < leader.joints.size(); ++i)
+                if (std::fabs(leader.joints[i] - follower.joints[i]) > 0.05) return false;
+            return true;
+        },
+        std::chrono::milliseconds(10000)));
     master.release_get_tele_master_data_callback();
     slave.release_get_tele_slave_data_callback();
 }
