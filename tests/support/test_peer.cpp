@@ -47,13 +47,17 @@ public:
 
     Scheduler() : thread_([this] { run(); }) {}
 
-    ~Scheduler() {
+    ~Scheduler() { stop(); }
+
+    // Ends the thread; jobs still due are dropped. Jobs may use the
+    // scheduler until stop() returns.
+    void stop() {
         {
             std::lock_guard<std::mutex> lock(mutex_);
             stopping_ = true;
         }
         wake_.notify_all();
-        thread_.join();
+        if (thread_.joinable()) thread_.join();
     }
 
     void schedule(Clock::duration delay, std::function<void()> job) {
@@ -106,7 +110,7 @@ TestPeer::TestPeer() {
 
 TestPeer::~TestPeer() {
     stopStream();
-    scheduler_.reset();
+    scheduler_->stop();
     server_->stop();
 }
 
