@@ -1,0 +1,334 @@
+// teleop_latency: end-to-end latency and CPU cost of the teleoperation tool.
+//
+// It hosts a master controller on 127.0.0.2:8090 and a slave controller on
+// 127.0.0.1:8090 in this process (BenchController), starts the built
+// kelm_teleop against them and, once the tool runs, streams master frames at
+// each rate for a set time. Every tracking message the slave controller
+// receives is matched to the master frame it came from through the gripper
+// position (frame n carries n * 1e-8; the tool's gripper mapping is undone).
+// The slave controller streams frames at the same rate, as a real one would;
+// in the force-feedback mode they drive the torque stream back to the master.
+//
+// The same runs are made with two baselines over the same WebSocket client
+// and the same frames (see teleop_latency_relay.h): a raw relay (no JSON)
+// and a parse-once relay; their tracking messages are matched by order
+// (raw) or by gripper (parse-once).
+//
+// Usage: teleop_latency [--rates 500,1000,2000,5000] [--seconds 2]
+//                       [--modes joint,pose,force] [--no-baselines]
+//                       [--tool path/to/kelm_teleop]
+// A quick run (the defaults) takes about a minute and a half; for the
+// sustained-rate figure use --modes joint --rates 3000,4000,5000 --seconds 10.
+// Port 8090 of both addresses must be free.
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "teleop_latency_controller.h"
+#include "teleop_latency_relay.h"
+#include "teleop_process.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using kelm::bench::Arrival;
+using kelm::bench::BenchController;
+using kelm::bench::Clock;
+
+constexpr auto kStartLimit = 90s;
+constexpr auto kExitLimit = 20s;
+constexpr auto kDrainTime = 300ms;
+constexpr auto kPauseBetweenRuns = 200ms;
+const std::string kToolRunningLine = "程序运行中... 按 Ctrl+C 退出";
+const std::string kRelayReadyLine = "relay ready";
+
+// Who relays master frames to the slave in a session.
+struct Relayer {
+    std::string label;               // "joint", "pose", "force", "raw", "parse-once"
+    std::vector<std::string> args;   // of the child process
+    bool is_tool = false;
+    bool matched_by_order = false;   // raw relay: no content to match by
+    double gripper_divisor = kelm::bench::kJointGripperDivisor;
+};
+
+struct Options {
+    std::vector<double> rates{500, 1000, 2000, 5000};
+    double seconds = 2.0;
+    std::vector<std::string> modes{"joint", "pose", "force"};
+    bool baselines = true;
+    std::string tool;
+};
+
+struct RunResult {
+    std::string label;
+    double rate = 0;
+    size_t sent = 0, relayed = 0, missing = 0;
+    double median_us = 0, p99_us = 0, p999_us = 0, max_us = 0;
+    double cpu_us_per_frame = 0;
+    std::uint64_t torque_messages = 0;
+};
+
+std::string selfPath() {
+    char path[4096];
+    const ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
+    return length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string();
+}
+
+std::string defaultToolPath() {
+    const std::string self = selfPath();
+    const std::string dir = self.substr(0, self.find_last_of('/'));
+    return dir + "/../teleop/kelm_teleop";
+}
+
+std::vector<std::string> splitList(const std::string& text) {
+    std::vector<std::string> items;
+    std::stringstream stream(text);
+    std::string item;
+    while (std::getline(stream, item, ',')) {
+        if (!item.empty()) items.push_back(item);
+    }
+    return items;
+}
+
+std::optional<Options> parseOptions(int argc, char** argv) {
+    Options options;
+    options.tool = defaultToolPath();
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        const bool has_value = i + 1 < argc;
+        if (arg == "--rates" && has_value) {
+            options.rates.clear();
+            for (const auto& rate : splitList(argv[++i])) options.rates.push_back(std::stod(rate));
+        } else if (arg == "--seconds" && has_value) {
+            options.seconds = std::stod(argv[++i]);
+        } else if (arg == "--modes" && has_value) {
+            options.modes = splitList(argv[++i]);
+        } else if (arg == "--tool" && has_value) {
+            options.tool = argv[++i];
+        } else if (arg == "--no-baselines") {
+            options.baselines = false;
+        } else {
+            return std::nullopt;
+        }
+    }
+    return options;
+}
+
+// CPU time (user + system) of process `pid` so far, in microseconds, from
+// /proc/<pid>/stat; its resolution is one clock tick (usually 10 ms).
+double cpuMicroseconds(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    const size_t name_end = text.rfind(')');
+    if (name_end == std::string::npos) return 0.0;
+    std::istringstream fields(text.substr(name_end + 2));
+    std::string field;
+    double ticks = 0.0;
+    for (int index = 3; index <= 15 && fields >> field; ++index) {
+        if (index == 14 || index == 15) ticks += std::stod(field);  // utime, stime
+    }
+    return ticks * 1e6 / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+// Processes started by any thread of this one.
+std::set<pid_t> childProcesses() {
+    std::set<pid_t> children;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream list(task.path() / "children");
+        pid_t pid = 0;
+        while (list >> pid) children.insert(pid);
+    }
+    return children;
+}
+
+double percentile(const std::vector<double>& sorted, double fraction) {
+    if (sorted.empty()) return 0.0;
+    const auto rank = static_cast<size_t>(std::ceil(fraction * static_cast<double>(sorted.size())));
+    return sorted[std::min(sorted.size() - 1, rank == 0 ? 0 : rank - 1)];
+}
+
+// Latency of each sent frame that arrived, in microseconds.
+std::vector<double> matchArrivals(const Relayer& relayer, std::int64_t first,
+                                  const std::vector<Clock::time_point>& sent, const std::vector<Arrival>& arrivals) {
+    std::vector<double> latencies;
+    std::set<std::int64_t> seen;
+    for (size_t k = 0; k < arrivals.size(); ++k) {
+        const std::int64_t index = relayer.matched_by_order ? static_cast<std::int64_t>(k) : arrivals[k].sequence - first;
+        if (index < 0 || index >= static_cast<std::int64_t>(sent.size()) || !seen.insert(index).second) continue;
+        latencies.push_back(
+            std::chrono::duration<double, std::micro>(arrivals[k].at - sent[static_cast<size_t>(index)]).count());
+    }
+    std::sort(latencies.begin(), latencies.end());
+    return latencies;
+}
+
+// One session: both controllers, one tool or relay process, all rates.
+class Session {
+public:
+    Session(const Options& options, Relayer relayer) : options_(options), relayer_(std::move(relayer)) {}
+
+    std::vector<RunResult> run(const std::string& program) {
+        BenchController master(kelm::bench::kMasterHost, kelm::bench::kControllerPort);
+        BenchController slave(kelm::bench::kSlaveHost, kelm::bench::kControllerPort);
+        master.startModelStream();
+        slave.startModelStream();
+        const std::set<pid_t> children_before = childProcesses();
+        TeleopProcess process(program, relayer_.args);
+        pid_t pid = 0;
+        for (const pid_t child : childProcesses()) {
+            if (children_before.count(child) == 0) pid = child;
+        }
+        const std::string ready_line = relayer_.is_tool ? kToolRunningLine : kRelayReadyLine;
+        if (!process.waitForStdout(ready_line, kStartLimit)) {
+            std::cerr << relayer_.label << ": did not start; output:\n" << process.stdoutText() << process.stderrText();
+            return {};
+        }
+        master.stopModelStream();
+        slave.stopModelStream();
+        std::this_thread::sleep_for(kPauseBetweenRuns);
+
+        std::vector<RunResult> results;
+        for (const double rate : options_.rates) {
+            results.push_back(measure(master, slave, pid, rate));
+            std::this_thread::sleep_for(kPauseBetweenRuns);
+        }
+        process.interrupt();
+        if (!process.waitForExit(kExitLimit)) std::cerr << relayer_.label << ": did not exit on SIGINT" << std::endl;
+        return results;
+    }
+
+private:
+    RunResult measure(BenchController& master, BenchController& slave, pid_t pid, double rate) {
+        slave.startRecording(relayer_.gripper_divisor);
+        const std::uint64_t torques_before = master.redundancyTauCount();
+        const double cpu_before = cpuMicroseconds(pid);
+        const std::int64_t first = next_sequence_;
+        std::thread slave_stream([&] { slave.streamFrames(first, rate, options_.seconds); });
+        const std::vector<Clock::time_point> sent = master.streamFrames(first, rate, options_.seconds);
+        slave_stream.join();
+        std::this_thread::sleep_for(kDrainTime);
+        const double cpu_after = cpuMicroseconds(pid);
+        const std::vector<Arrival> arrivals = slave.stopRecording();
+        next_sequence_ += static_cast<std::int64_t>(sent.size());
+
+        const std::vector<double> latencies = matchArrivals(relayer_, first, sent, arrivals);
+        RunResult result;
+        result.label = relayer_.label;
+        result.rate = rate;
+        result.sent = sent.size();
+        result.relayed = latencies.size();
+        result.missing = sent.size() - latencies.size();
+        result.median_us = percentile(latencies, 0.5);
+        result.p99_us = percentile(latencies, 0.99);
+        result.p999_us = percentile(latencies, 0.999);
+        result.max_us = latencies.empty() ? 0.0 : latencies.back();
+        result.cpu_us_per_frame = sent.empty() ? 0.0 : (cpu_after - cpu_before) / static_cast<double>(sent.size());
+        result.torque_messages = master.redundancyTauCount() - torques_before;
+        return result;
+    }
+
+    const Options& options_;
+    Relayer relayer_;
+    std::int64_t next_sequence_ = 1;
+};
+
+void printResult(const RunResult& r) {
+    std::printf("%-10s %6.0f %8zu %8zu %8zu %9.0f %9.0f %9.0f %9.0f %10.1f", r.label.c_str(), r.rate, r.sent,
+                r.relayed, r.missing, r.median_us, r.p99_us, r.p999_us, r.max_us, r.cpu_us_per_frame);
+    if (r.label == "force") std::printf("   torque msgs to master %llu", static_cast<unsigned long long>(r.torque_messages));
+    std::printf("\n");
+    std::fflush(stdout);
+}
+
+const RunResult* find(const std::vector<RunResult>& results, const std::string& label, double rate) {
+    for (const auto& r : results) {
+        if (r.label == label && r.rate == rate) return &r;
+    }
+    return nullptr;
+}
+
+void printComparison(const std::vector<RunResult>& results, const Options& options) {
+    std::printf("\nratios, joint mode (tool / baseline)\n%6s %16s %16s %12s %12s\n", "rate", "median/parse-once",
+                "p99/parse-once", "median/raw", "p99/raw");
+    for (const double rate : options.rates) {
+        const RunResult* tool = find(results, "joint", rate);
+        const RunResult* parse = find(results, "parse-once", rate);
+        const RunResult* raw = find(results, "raw", rate);
+        if (!tool || !parse || !raw) continue;
+        std::printf("%6.0f %16.2f %16.2f %12.2f %12.2f\n", rate, tool->median_us / parse->median_us,
+                    tool->p99_us / parse->p99_us, tool->median_us / raw->median_us, tool->p99_us / raw->p99_us);
+    }
+
+    std::printf("\ngoals\n");
+    if (const RunResult* at1000 = find(results, "joint", 1000)) {
+        std::printf("  joint 1000 Hz: missing %zu (goal 0), p99 %.0f us (goal < 500)\n", at1000->missing,
+                    at1000->p99_us);
+        if (const RunResult* parse = find(results, "parse-once", 1000)) {
+            std::printf("  joint 1000 Hz vs parse-once: median x%.2f (goal <= 1.2), p99 x%.2f (goal <= 1.5)\n",
+                        at1000->median_us / parse->median_us, at1000->p99_us / parse->p99_us);
+        }
+    }
+    double best = 0.0;
+    for (const auto& r : results) {
+        if (r.label == "joint" && r.missing == 0 && r.p99_us < 2000.0) best = std::max(best, r.rate);
+    }
+    std::printf("  highest joint rate with p99 < 2 ms and nothing missing over %.0f s: %.0f Hz (goal >= 3000 for 10 s)\n",
+                options.seconds, best);
+}
+
+std::vector<Relayer> relayers(const Options& options) {
+    std::vector<Relayer> all;
+    const std::map<std::string, std::pair<std::string, double>> modes{
+        {"joint", {"0", 0.6}}, {"pose", {"1", 0.8}}, {"force", {"2", 0.6}}};
+    for (const auto& mode : options.modes) {
+        const auto entry = modes.find(mode);
+        if (entry == modes.end()) continue;
+        all.push_back(Relayer{mode, {"--mode", entry->second.first, "--ip", kelm::bench::kMasterHost}, true, false,
+                              entry->second.second});
+    }
+    if (options.baselines) {
+        all.push_back(Relayer{"raw", {"--relay", "raw"}, false, true, kelm::bench::kJointGripperDivisor});
+        all.push_back(Relayer{"parse-once", {"--relay", "parse"}, false, false, kelm::bench::kJointGripperDivisor});
+    }
+    return all;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc == 3 && std::string(argv[1]) == "--relay") return kelm::bench::runRelay(argv[2]);
+    const std::optional<Options> options = parseOptions(argc, argv);
+    if (!options) {
+        std::cerr << "usage: " << argv[0]
+                  << " [--rates 500,1000,2000,5000] [--seconds 2] [--modes joint,pose,force] [--no-baselines]"
+                     " [--tool path]"
+                  << std::endl;
+        return 1;
+    }
+    std::printf("%-10s %6s %8s %8s %8s %9s %9s %9s %9s %10s\n", "relay", "rate", "sent", "relayed", "missing",
+                "median_us", "p99_us", "p99.9_us", "max_us", "cpu_us/fr");
+    std::vector<RunResult> results;
+    for (const Relayer& relayer : relayers(*options)) {
+        Session session(*options, relayer);
+        const std::string program = relayer.is_tool ? options->tool : selfPath();
+        for (const RunResult& result : session.run(program)) {
+            printResult(result);
+            results.push_back(result);
+        }
+    }
+    printComparison(results, *options);
+    return 0;
+}
