@@ -18,9 +18,9 @@
 #include <exception>
 #include <iostream>
 #include <memory>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
+#include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -47,25 +47,55 @@ std::atomic<int> ctrl_c_flag{0};  // a record that Ctrl+C came; nothing reads it
 namespace {
 
 // The stream callbacks go on firing after main has returned, while the static
-// kernels are destroyed. This gate is declared after kelm2_ and so is closed
-// before either kernel is destroyed: from then on the callbacks no longer
-// touch the kernels. Callbacks hold it shared, so the two delivery threads
-// never wait for each other.
+// kernels are destroyed. The gate is closed before either kernel is destroyed
+// (its closer is declared after kelm2_) and waits for the callbacks inside it;
+// from then on the callbacks no longer touch the kernels. The gate holds only
+// atomics, so it is never destroyed itself and stays usable by callbacks that
+// arrive during the destruction of the kernels. The two delivery threads never
+// wait for each other.
 class StreamGate {
 public:
-    ~StreamGate() {
-        std::unique_lock<std::shared_mutex> lock(mutex_);
-        open_ = false;
+    // Admits one callback while the gate is open.
+    class Pass {
+    public:
+        explicit Pass(StreamGate& gate) : gate_(gate), admitted_(gate.enter()) {}
+        ~Pass() {
+            if (admitted_) gate_.leave();
+        }
+        Pass(const Pass&) = delete;
+        Pass& operator=(const Pass&) = delete;
+        explicit operator bool() const { return admitted_; }
+
+    private:
+        StreamGate& gate_;
+        bool admitted_;
+    };
+
+    // Closes the gate and returns once no callback is inside.
+    void close() {
+        closed_ = true;
+        while (inside_ != 0) std::this_thread::yield();
     }
-    std::shared_lock<std::shared_mutex> enter() const { return std::shared_lock<std::shared_mutex>(mutex_); }
-    bool isOpen() const { return open_; }  // call while holding enter()'s lock
 
 private:
-    mutable std::shared_mutex mutex_;
-    bool open_ = true;
+    bool enter() {
+        ++inside_;
+        if (!closed_) return true;
+        --inside_;
+        return false;
+    }
+    void leave() { --inside_; }
+
+    std::atomic<int> inside_{0};
+    std::atomic<bool> closed_{false};
 };
 
+static_assert(std::is_trivially_destructible<StreamGate>::value, "the gate must outlive the kernels");
 StreamGate stream_gate;
+
+struct StreamGateCloser {
+    ~StreamGateCloser() { stream_gate.close(); }
+} close_stream_gate_before_kernels;
 
 constexpr int kControllerPort = 8090;
 constexpr double kConnectTimeout = 1.0;
@@ -179,8 +209,8 @@ bool moveToHomePosition() {
 // slave's joint target.
 void slaveJointTracking(double /*time_stamp*/, std::vector<double> joint_pos, double gripper_pos) {
     try {
-        const auto gate = stream_gate.enter();
-        if (!stream_gate.isOpen()) return;
+        const StreamGate::Pass pass(stream_gate);
+        if (!pass) return;
         const double gripper = mapGripper(gripper_pos, kJointGripperDivisor);
         std::vector<double> target = std::move(joint_pos);
         if (mirror_control) mirrorJoints(target);
@@ -194,8 +224,8 @@ void slaveJointTracking(double /*time_stamp*/, std::vector<double> joint_pos, do
 // Cartesian target; the gripper comes from the master's cached state.
 void slavePoseTracking(double /*time_stamp*/, std::array<double, 7> pose) {
     try {
-        const auto gate = stream_gate.enter();
-        if (!stream_gate.isOpen()) return;
+        const StreamGate::Pass pass(stream_gate);
+        if (!pass) return;
         const double gripper = mapGripper(kelm1_->get_end_effector_pos(), kPoseGripperDivisor);
         std::vector<double> target(pose.begin(), pose.end());
         if (mirror_control) {
@@ -214,8 +244,8 @@ void slavePoseTracking(double /*time_stamp*/, std::array<double, 7> pose) {
 // only kelm1_: the slave's external torques go back to the master's hand.
 void masterRedundancyTau(double /*time_stamp*/, std::vector<double> joint_tau, double gripper_tau) {
     try {
-        const auto gate = stream_gate.enter();
-        if (!stream_gate.isOpen()) return;
+        const StreamGate::Pass pass(stream_gate);
+        if (!pass) return;
         std::vector<double> torques = std::move(joint_tau);
         if (mirror_control) mirrorJoints(torques);
         kelm1_->set_redundancy_tau(torques, gripper_tau);
