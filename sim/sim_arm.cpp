@@ -102,15 +102,7 @@ std::string SimArm::setTeleoperation(int role) {
     }
 }
 
-void SimArm::setSpeedLevel(double level, int response_level) {
-    speed_level_ = std::clamp(level, 0.0, 10.0);
-    response_level_ = std::clamp(response_level, 1, 10000);
-}
-
-void SimArm::setCollision(bool enabled, int level) {
-    collision_enabled_ = enabled;
-    collision_level_ = level;
-}
+void SimArm::setSpeedLevel(double level) { speed_level_ = std::clamp(level, 0.0, 10.0); }
 
 void SimArm::disable() {
     setServo(false);

@@ -77,8 +77,7 @@ public:
     std::string setServo(bool enable);
     std::string setControlMode(int mode);
     std::string setTeleoperation(int role);
-    void setSpeedLevel(double level, int response_level);
-    void setCollision(bool enabled, int level);
+    void setSpeedLevel(double level);
     void disable();
     void emergencyStop();
     void taskStop(bool at_once);
@@ -159,9 +158,6 @@ private:
     int error_code_ = 0;
     std::string error_msg_;
     double speed_level_ = 10.0;
-    int response_level_ = 1;
-    bool collision_enabled_ = false;
-    int collision_level_ = 0;
 
     std::deque<Task> tasks_;
     std::deque<std::string> finished_keys_;  // reported one per frame

@@ -164,10 +164,10 @@ std::string SimModel::onEffector(const Json::Value& request, Json::Value&) {
     return std::string();
 }
 
+// Taken and kept nowhere: the simulated arms meet nothing to collide with.
 std::string SimModel::onCollision(const Json::Value& request, Json::Value&) {
     std::string refused;
-    SimArm* arm = armOf(request, refused);
-    if (arm) arm->setCollision(readBool(request, "flag", false), readInt(request, "level", 0));
+    armOf(request, refused);
     return refused;
 }
 
@@ -212,7 +212,7 @@ std::string SimModel::onSpeedLevel(const Json::Value& request, Json::Value&) {
     if (!arm) return refused;
     const double level = readDouble(request, "level", NAN);
     if (!std::isfinite(level)) return "level must be a finite number";
-    arm->setSpeedLevel(level, readInt(request, "response_level", 1));
+    arm->setSpeedLevel(level);  // response_level tunes a real servo loop; the model has none
     return std::string();
 }
 
