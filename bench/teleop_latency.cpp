@@ -6,8 +6,9 @@
 // each rate for a set time. Every tracking message the slave controller
 // receives is matched to the master frame it came from through the gripper
 // position (frame n carries n * 1e-8; the tool's gripper mapping is undone).
-// The slave controller streams frames at the same rate, as a real one would;
-// in the force-feedback mode they drive the torque stream back to the master.
+// The slave controller streams frames at the same rate, as a real one would
+// (unless --no-slave-stream); in the force-feedback mode they drive the
+// torque stream back to the master.
 //
 // The same runs are made with two baselines over the same WebSocket client
 // and the same frames (see teleop_latency_relay.h): a raw relay (no JSON)
@@ -16,7 +17,7 @@
 //
 // Usage: teleop_latency [--rates 500,1000,2000,5000] [--seconds 2]
 //                       [--modes joint,pose,force] [--no-baselines]
-//                       [--tool path/to/kelm_teleop]
+//                       [--no-slave-stream] [--tool path/to/kelm_teleop]
 // A quick run (the defaults) takes about a minute and a half; for the
 // sustained-rate figure use --modes joint --rates 3000,4000,5000 --seconds 10.
 // Port 8090 of both addresses must be free.
@@ -69,6 +70,7 @@ struct Options {
     double seconds = 2.0;
     std::vector<std::string> modes{"joint", "pose", "force"};
     bool baselines = true;
+    bool slave_stream = true;
     std::string tool;
 };
 
@@ -120,6 +122,8 @@ std::optional<Options> parseOptions(int argc, char** argv) {
             options.tool = argv[++i];
         } else if (arg == "--no-baselines") {
             options.baselines = false;
+        } else if (arg == "--no-slave-stream") {
+            options.slave_stream = false;
         } else {
             return std::nullopt;
         }
@@ -216,9 +220,10 @@ private:
         const std::uint64_t torques_before = master.redundancyTauCount();
         const double cpu_before = cpuMicroseconds(pid);
         const std::int64_t first = next_sequence_;
-        std::thread slave_stream([&] { slave.streamFrames(first, rate, options_.seconds); });
+        std::thread slave_stream;
+        if (options_.slave_stream) slave_stream = std::thread([&] { slave.streamFrames(first, rate, options_.seconds); });
         const std::vector<Clock::time_point> sent = master.streamFrames(first, rate, options_.seconds);
-        slave_stream.join();
+        if (slave_stream.joinable()) slave_stream.join();
         std::this_thread::sleep_for(kDrainTime);
         const double cpu_after = cpuMicroseconds(pid);
         const std::vector<Arrival> arrivals = slave.stopRecording();
@@ -314,7 +319,7 @@ int main(int argc, char** argv) {
     if (!options) {
         std::cerr << "usage: " << argv[0]
                   << " [--rates 500,1000,2000,5000] [--seconds 2] [--modes joint,pose,force] [--no-baselines]"
-                     " [--tool path]"
+                     " [--no-slave-stream] [--tool path]"
                   << std::endl;
         return 1;
     }
