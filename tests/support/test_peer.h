@@ -23,9 +23,10 @@
 // round trips). Tests of that very race, and benchmarks, lower it with
 // setMinimumReplyDelay().
 //
-// Threads: all members are safe from any thread. Rules run on the
-// connection's thread of the peer; delayed replies and streams on one
-// scheduler thread of the peer. Waits are bounded by their time-out.
+// Threads: all members are safe from any thread. Responders run on the
+// connection's thread of the peer as the request arrives; the replies they
+// build (delayed by at least the minimum reply delay) and the streams go out
+// from one scheduler thread of the peer. Waits are bounded by their time-out.
 #pragma once
 
 #include <json/json.h>
