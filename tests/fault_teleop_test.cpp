@@ -76,7 +76,6 @@ TEST(FaultTeleop, MasterLostDuringTeleoperationKeepsToolRunningUntilCtrlC) {
     master.kill();
     // A lost connection alone does not end the tool.
     EXPECT_FALSE(tool.waitForExit(1500ms)) << tool.stdoutText();
-    const size_t tracked_before_interrupt = slave.count();
 
     tool.interrupt();
     const auto exit_code = tool.waitForExit(kExitLimit);
@@ -84,8 +83,6 @@ TEST(FaultTeleop, MasterLostDuringTeleoperationKeepsToolRunningUntilCtrlC) {
     EXPECT_EQ(*exit_code, 0);
     ASSERT_TRUE(tool.waitForClosedOutput(5s));
     EXPECT_NE(tool.stdoutText().find(kLeavingLine), std::string::npos) << tool.stdoutText();
-    // The stream stopped with the master's frames.
-    EXPECT_LE(slave.count(), tracked_before_interrupt + 1);
 }
 
 TEST(FaultTeleop, SlaveLostDuringHomingEndsTheWaitAndTheToolLeaves) {
