@@ -50,6 +50,7 @@ public:
         if (controller_) controller_->stop();
     }
     size_t count() const { return count_.load(); }
+    SimController& sim() { return *controller_; }
     // Waits, up to `limit`, until at least `n` counted messages have come.
     bool waitForCount(size_t n, std::chrono::milliseconds limit) const {
         const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -89,9 +90,17 @@ TEST(FaultTeleop, SlaveLostDuringHomingEndsTheWaitAndTheToolLeaves) {
     CountingController master(kMasterHost, "webRecieveTasks");
     CountingController slave(kSlaveHost, "webRecieveTasks");
     TeleopProcess tool(kTeleopPath, {"--mode", "0", "--ip", kMasterHost});
-    // The slave's homing move is the first motion it is sent; the arm rests
-    // away from home, so the move is still running when the slave dies.
+    // The slave's homing move is the first motion it is sent. Once its reply
+    // has gone out the tool is in the task wait; the arm rests away from
+    // home, so the move is still running when the slave dies.
     ASSERT_TRUE(slave.waitForCount(1, kBringUpLimit)) << tool.stdoutText();
+    const auto replies_before_move = slave.sim().stats().replies_sent;
+    const auto reply_deadline = std::chrono::steady_clock::now() + 10s;
+    while (slave.sim().stats().replies_sent == replies_before_move && std::chrono::steady_clock::now() < reply_deadline) {
+        std::this_thread::sleep_for(1ms);
+    }
+    ASSERT_GT(slave.sim().stats().replies_sent, replies_before_move) << "the homing move was never answered";
+    ASSERT_EQ(slave.sim().model().telemetry(0).motion_state, 1) << "the homing move ended before the slave died";
     slave.kill();
 
     // The wait for the slave's move ends with the connection; homing goes on
