@@ -34,6 +34,7 @@ using Poco::Net::WebSocket;
 
 constexpr std::size_t kMaxMessageBytes = 64u * 1024u * 1024u;
 constexpr int kMaxConnections = 64;
+constexpr int kListenBacklog = 64;
 // How long stop() waits for the connection threads to finish their handlers.
 constexpr std::chrono::seconds kStopTimeout(5);
 const Poco::Timespan kUpgradeRequestTimeout(2, 0);
@@ -287,7 +288,12 @@ WebSocketServer::~WebSocketServer() { stop(); }
 void WebSocketServer::start() {
     std::lock_guard<std::mutex> lock(impl_->mutex);
     if (impl_->server) return;
-    Poco::Net::ServerSocket socket(Poco::Net::SocketAddress(impl_->bind_address, impl_->port));
+    // Address reuse lets a restarted server take its port back at once; port
+    // reuse stays off, so a second server on a taken address and port fails
+    // instead of silently sharing the connections.
+    Poco::Net::ServerSocket socket;
+    socket.bind(Poco::Net::SocketAddress(impl_->bind_address, impl_->port), true, false);
+    socket.listen(kListenBacklog);
     impl_->port = socket.address().port();
 
     auto params = new Poco::Net::HTTPServerParams;
