@@ -195,6 +195,7 @@ bool SimArm::track(std::vector<double> joints, double gripper) {
     if (!tracking_) std::fill(tracking_velocity_.begin(), tracking_velocity_.end(), 0.0);
     tracking_target_ = std::move(joints);
     tracking_ = true;
+    ++stream_stats_.targets;
     if (gripper >= 0.0) gripper_target_ = std::min(gripper, 0.08);
     return true;
 }
@@ -208,6 +209,8 @@ void SimArm::setRedundancyTau(std::vector<double> tau, double effector_tau) {
     redundancy_tau_ = std::move(tau);
     redundancy_tau_.resize(telemetry_.dof, 0.0);
     effector_tau_ = effector_tau;
+    ++stream_stats_.torque_messages;
+    for (double value : redundancy_tau_) stream_stats_.torque_max = std::max(stream_stats_.torque_max, std::fabs(value));
 }
 
 void SimArm::setGripper(double position, double force) {

@@ -11,6 +11,7 @@
 // Commands return an empty text when taken and the reason when refused.
 #pragma once
 
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
@@ -33,6 +34,18 @@ enum class TeleRole { None, Master, Slave };
 
 constexpr int kCoordinateSlots = 16;
 constexpr int kWarningCode = 3001;
+
+// What the arm made of the streams it was sent, since it was built.
+struct StreamStats {
+    std::uint64_t targets = 0;              // streamed joint targets taken
+    std::uint64_t error_samples = 0;        // cycles spent following them
+    double error_sum = 0.0;                 // of each cycle's largest |target - joint| [rad]
+    double error_max = 0.0;                 // [rad]
+    std::uint64_t torque_messages = 0;      // redundancy torques received
+    double torque_max = 0.0;                // largest |torque| among them
+
+    double meanError() const { return error_samples == 0 ? 0.0 : error_sum / static_cast<double>(error_samples); }
+};
 
 // Everything a state frame reports about one arm, refreshed by step().
 struct ArmTelemetry {
@@ -111,6 +124,7 @@ public:
     void setRedundancyTau(std::vector<double> tau, double effector_tau);
     const std::vector<double>& redundancyTau() const { return redundancy_tau_; }
     double effectorTau() const { return effector_tau_; }
+    const StreamStats& streamStats() const { return stream_stats_; }
     void setGripper(double position, double force);
 
     // ---- coordinates, recordings ----
@@ -139,6 +153,7 @@ private:
     void finishTask(const std::string& key);
     void stepTasks(double dt);
     void stepTracking(double dt);
+    void recordTrackingError();
     void stepOperator(double dt);
     void stepGripper(double dt);
     void stepRecording(double dt);
@@ -172,6 +187,7 @@ private:
     std::vector<double> operator_anchor_;
     std::vector<double> redundancy_tau_;
     double effector_tau_ = 0.0;
+    StreamStats stream_stats_;
 
     double gripper_pos_ = 0.0, gripper_target_ = 0.0, gripper_force_ = 0.0, gripper_vel_ = 0.0;
     bool gripper_in_task_ = false;

@@ -103,6 +103,15 @@ void SimArm::stepTracking(double dt) {
             joints_[i] = std::clamp(joints_[i] + move, limits_.lower[i], limits_.upper[i]);
         }
     }
+    recordTrackingError();
+}
+
+void SimArm::recordTrackingError() {
+    double largest = 0.0;
+    for (size_t i = 0; i < joints_.size(); ++i) largest = std::max(largest, std::fabs(tracking_target_[i] - joints_[i]));
+    ++stream_stats_.error_samples;
+    stream_stats_.error_sum += largest;
+    stream_stats_.error_max = std::max(stream_stats_.error_max, largest);
 }
 
 void SimArm::stepOperator(double dt) {

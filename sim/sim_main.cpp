@@ -43,6 +43,21 @@ void printStatus(kelm::sim::SimController& controller, const kelm::sim::SimStats
     std::fflush(stdout);
 }
 
+// One line per arm that was streamed to, for whoever ran the session.
+void printStreamSummary(kelm::sim::SimController& controller) {
+    for (int i = 0; i < controller.model().armCount(); ++i) {
+        const kelm::sim::StreamStats stats = controller.model().streamStats(i);
+        if (stats.targets > 0) {
+            std::printf("kelm_sim: arm%d followed %llu streamed targets, tracking error mean %.5f rad, max %.5f rad\n", i,
+                        static_cast<unsigned long long>(stats.targets), stats.meanError(), stats.error_max);
+        }
+        if (stats.torque_messages > 0) {
+            std::printf("kelm_sim: arm%d received %llu redundancy torque messages, largest |torque| %.3f\n", i,
+                        static_cast<unsigned long long>(stats.torque_messages), stats.torque_max);
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -82,6 +97,7 @@ int main(int argc, char** argv) {
         last_status = Clock::now();
     }
     controller.stop();
+    printStreamSummary(controller);
     std::printf("kelm_sim: stopped\n");
     return 0;
 }

@@ -129,6 +129,11 @@ ArmTelemetry SimModel::telemetry(int arm) const {
     return arms_.at(arm).telemetry();
 }
 
+StreamStats SimModel::streamStats(int arm) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return arms_.at(arm).streamStats();
+}
+
 std::vector<double> SimModel::redundancyTau(int arm) const {
     std::lock_guard<std::mutex> lock(mutex_);
     return arms_.at(arm).redundancyTau();

@@ -51,6 +51,7 @@ public:
     void resetError(int arm);
     ArmTelemetry telemetry(int arm) const;
     std::vector<double> redundancyTau(int arm) const;
+    StreamStats streamStats(int arm) const;
     double effectorTau(int arm) const;
     // Streamed targets that the arm's mode or the kinematics turned down.
     std::uint64_t refusedStreamMessages() const { return refused_stream_messages_.load(); }
