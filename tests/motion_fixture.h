@@ -10,8 +10,8 @@
 #include <json/json.h>
 
 #include <chrono>
+#include <limits>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,6 +21,8 @@
 
 namespace kelm {
 namespace test {
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 inline bool isReal(const Json::Value& value) { return value.type() == Json::realValue; }
 inline bool isInteger(const Json::Value& value) {
@@ -34,13 +36,21 @@ inline std::vector<double> realsOf(const Json::Value& array) {
     return values;
 }
 
+// `values` with the one at `index` replaced.
+inline std::vector<double> with(std::vector<double> values, std::size_t index, double value) {
+    values.at(index) = value;
+    return values;
+}
+
 class MotionTest : public ::testing::Test {
 protected:
     static constexpr int kDof = 6;
     const std::vector<double> kLower{-3.0, -2.0, -2.5, -3.0, -1.5, -6.0};
     const std::vector<double> kUpper{3.0, 2.0, 2.5, 3.0, 1.5, 6.0};
     const std::vector<double> kHome{0.0, 0.5, -0.5, 0.0, 1.0, 0.0};
+    const std::vector<double> kShort{0.0, 0.5, -0.5, 0.0, 1.0};
     const std::vector<double> kPose{0.3, 0.1, 0.4, 0.0, 0.0, 0.0, 1.0};
+    const Pose kPoseArray{0.3, 0.1, 0.4, 0.0, 0.0, 0.0, 1.0};
 
     // The kernel files a request as pending only after sending it, so an
     // instant answer could overtake the filing and be dropped; the peer
@@ -62,6 +72,15 @@ protected:
         const std::vector<Json::Value> sent = peer.receivedCommands(command);
         EXPECT_EQ(sent.size(), 1u) << "requests with command " << command;
         return sent.empty() ? Json::Value() : sent.front();
+    }
+
+    void answer(const std::string& command, const Json::Value& members) {
+        peer.replyTo(command, members, kReplyDelay);
+    }
+
+    void expectRefused(int result, const std::string& message) {
+        EXPECT_EQ(result, -1);
+        EXPECT_TRUE(log.contains(message, LOG_ERROR)) << message;
     }
 
     // Proves that a refused call put nothing on the wire: a jog sent after it
