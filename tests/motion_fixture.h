@@ -12,6 +12,7 @@
 #include <chrono>
 #include <limits>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,17 @@ inline std::vector<double> realsOf(const Json::Value& array) {
     std::vector<double> values;
     for (const Json::Value& value : array) values.push_back(value.asDouble());
     return values;
+}
+
+// Expects `sent` to equal `expected` (JSON text) apart from the generated
+// task_key: the same keys, the same values and the same JSON types.
+inline void expectBody(Json::Value sent, const std::string& expected) {
+    sent.removeMember("task_key");
+    Json::Value want;
+    std::string errors;
+    std::istringstream text(expected);
+    ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), text, &want, &errors)) << errors;
+    EXPECT_EQ(sent, want);
 }
 
 // `values` with the one at `index` replaced.
