@@ -25,9 +25,12 @@ namespace test {
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-inline bool isReal(const Json::Value& value) { return value.type() == Json::realValue; }
-inline bool isInteger(const Json::Value& value) {
-    return value.type() == Json::intValue || value.type() == Json::uintValue;
+inline Json::Value parseJson(const std::string& text) {
+    Json::Value value;
+    std::string errors;
+    std::istringstream stream(text);
+    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), stream, &value, &errors)) << errors << text;
+    return value;
 }
 
 // Reals of a JSON array, for comparing with what a test passed in.
@@ -41,11 +44,7 @@ inline std::vector<double> realsOf(const Json::Value& array) {
 // task_key: the same keys, the same values and the same JSON types.
 inline void expectBody(Json::Value sent, const std::string& expected) {
     sent.removeMember("task_key");
-    Json::Value want;
-    std::string errors;
-    std::istringstream text(expected);
-    ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), text, &want, &errors)) << errors;
-    EXPECT_EQ(sent, want);
+    EXPECT_EQ(sent, parseJson(expected));
 }
 
 // `values` with the one at `index` replaced.
