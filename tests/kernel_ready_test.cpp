@@ -15,17 +15,29 @@ namespace kelm {
 namespace test {
 namespace {
 
-using std::chrono::milliseconds;
-
-// An arm behind the peer: streams its state every 10 ms, accepts every
-// request, and switches servo and mode when told to after a given number of
-// commands. The peer's rules and stream share ownership of it, so a frame
-// being built while a test ends never outlives its arm.
+// An arm behind the peer: streams its state every 10 ms once started,
+// accepts every request, turns its servo on at the given servo request and
+// goes to POSITION when the mode is set. The peer's rules and stream share
+// ownership of it, so a frame being built while a test ends never outlives it.
 class ScriptedArm : public std::enable_shared_from_this<ScriptedArm> {
 public:
     static std::shared_ptr<ScriptedArm> behind(TestPeer& peer) {
         auto arm = std::make_shared<ScriptedArm>();
-        arm->answerRequestsOf(peer);
+        peer.replyToAll(TestPeer::recv("Task_Recieve"));
+        peer.replyWith("setServoEnable", [arm](const Json::Value&) {
+            if (++arm->servo_requests >= arm->servo_on_at_request) arm->servo = true;
+            return TestPeer::recv("Task_Recieve");
+        });
+        peer.replyWith("setControlMode", [arm](const Json::Value&) {
+            arm->setFsmState("POSITION");
+            return TestPeer::recv("Task_Recieve");
+        });
+        Json::Value params = jsonObject({{"dof", 6}});
+        for (int i = 0; i < 6; ++i) {
+            params["limit_lower"].append(-3.0);
+            params["limit_upper"].append(3.0);
+        }
+        peer.replyTo("getJointParams", jsonObject({{"params", params}}));
         return arm;
     }
 
@@ -33,12 +45,10 @@ public:
         auto self = shared_from_this();
         peer.startStream([self] { return self->frame(); }, std::chrono::microseconds(10000));
     }
-
     void setFsmState(const std::string& state) {
         std::lock_guard<std::mutex> lock(mutex_);
         fsm_state_ = state;
     }
-
     void setLastTaskKey(const std::string& key) {
         std::lock_guard<std::mutex> lock(mutex_);
         last_task_key_ = key;
@@ -51,25 +61,6 @@ public:
     std::atomic<int> servo_on_at_request{1};
 
 private:
-    void answerRequestsOf(TestPeer& peer) {
-        auto self = shared_from_this();
-        peer.replyToAll(TestPeer::recv("Task_Recieve"));
-        peer.replyWith("setServoEnable", [self](const Json::Value&) {
-            if (++self->servo_requests >= self->servo_on_at_request) self->servo = true;
-            return TestPeer::recv("Task_Recieve");
-        });
-        peer.replyWith("setControlMode", [self](const Json::Value&) {
-            self->setFsmState("POSITION");
-            return TestPeer::recv("Task_Recieve");
-        });
-        Json::Value params = jsonObject({{"dof", 6}});
-        for (int i = 0; i < 6; ++i) {
-            params["limit_lower"].append(-3.0);
-            params["limit_upper"].append(3.0);
-        }
-        peer.replyTo("getJointParams", jsonObject({{"params", params}}));
-    }
-
     Json::Value frame() {
         ArmFrame arm = realisticArm(0);
         arm.servo = servo;
@@ -105,91 +96,69 @@ protected:
         return commands;
     }
 
-    void waitForFirstFrame() {
-        ASSERT_TRUE(waitUntil([&] { return handled.load() > 0; }));
-    }
-
     void TearDown() override { peer.stopStream(); }
 
     std::shared_ptr<ScriptedArm> arm = ScriptedArm::behind(peer);
 };
 
-TEST_F(KernelReady, ShortPathWhenTheArmIsAlreadyReady) {
-    arm->servo = true;
-    arm->setFsmState("POSITION");
+struct ReadyCase {
+    const char* name;
+    bool servo;
+    const char* fsm_state;
+    int motion_state;
+    int servo_on_at_request;
+    bool retry;
+    double budget_ms;
+    int result;
+    int servo_requests;  // -1: not checked
+    std::size_t min_resets;
+    const char* logged;      // may be null
+    const char* not_logged;  // may be null
+};
+
+class KernelReadyPaths : public KernelReady, public ::testing::WithParamInterface<ReadyCase> {};
+
+TEST_P(KernelReadyPaths, SendsWhatTheArmNeedsAndReportsTheOutcome) {
+    const ReadyCase& ready = GetParam();
+    arm->servo = ready.servo;
+    arm->setFsmState(ready.fsm_state);
+    arm->motion_state = ready.motion_state;
+    arm->servo_on_at_request = ready.servo_on_at_request;
     arm->startStreaming(peer);
-    waitForFirstFrame();
+    ASSERT_TRUE(waitUntil([&] { return handled.load() > 0; }));
     log.clear();
 
-    EXPECT_EQ(kernel->set_kelm_ready(true, 3000.0), 1);
-    EXPECT_EQ(sentCommands(), (std::vector<std::string>{"setControllerErrorReset", "stopSignals SIG_ARM_RECOVER",
-                                                        "getJointParams"}));
-    EXPECT_FALSE(log.contains("kelm is"));
-    EXPECT_EQ(kernel->config.limit_upper, std::vector<double>(6, 3.0));
+    EXPECT_EQ(kernel->set_kelm_ready(ready.retry, ready.budget_ms), ready.result);
+    if (ready.servo_requests >= 0) {
+        EXPECT_EQ(arm->servo_requests.load(), ready.servo_requests);
+    }
+    if (ready.servo_requests == 0 && ready.motion_state != Kelm_Error) {
+        EXPECT_EQ(sentCommands(), (std::vector<std::string>{"setControllerErrorReset", "stopSignals SIG_ARM_RECOVER",
+                                                            "getJointParams"}));
+    }
+    for (const Json::Value& mode : peer.receivedCommands("setControlMode")) EXPECT_EQ(mode["mode"], 0);
+    EXPECT_GE(peer.receivedCommands("setControllerErrorReset").size(), ready.min_resets);
+    EXPECT_TRUE(!ready.logged || log.contains(ready.logged));
+    EXPECT_FALSE(ready.not_logged && log.contains(ready.not_logged));
+    EXPECT_EQ(kernel->config.limit_upper, std::vector<double>(6, 3.0));  // read at the end, ready or not
 }
 
-TEST_F(KernelReady, RunningArmCountsAsReady) {
-    arm->servo = true;
-    arm->setFsmState("POSITION");
-    arm->motion_state = Kelm_Running;
-    arm->startStreaming(peer);
-    waitForFirstFrame();
+const char* const kNotReady = "kelm is not ready, try again with a lager delay time";
 
-    EXPECT_EQ(kernel->set_kelm_ready(true, 3000.0), 1);
-    EXPECT_EQ(sentCommands(), (std::vector<std::string>{"setControllerErrorReset", "stopSignals SIG_ARM_RECOVER",
-                                                        "getJointParams"}));
-    EXPECT_TRUE(log.contains("kelm is ready..."));
-    EXPECT_TRUE(log.contains("servo status--1, fsm mode--POSITION, robot state--Kelm_Running, connected--1"));
-}
-
-TEST_F(KernelReady, RetriesTheServoUntilItComesOnWithinTheBudget) {
-    arm->servo_on_at_request = 2;
-    arm->startStreaming(peer);
-    waitForFirstFrame();
-
-    EXPECT_EQ(kernel->set_kelm_ready(true, 3000.0), 1);
-    EXPECT_EQ(arm->servo_requests.load(), 2);
-    EXPECT_EQ(peer.receivedCommands("setControlMode").size(), 1u);
-    EXPECT_EQ(peer.receivedCommands("setControlMode")[0]["mode"], 0);
-    EXPECT_TRUE(log.contains("kelm is ready..."));
-}
-
-TEST_F(KernelReady, BudgetOfZeroSendsOnlyTheResetAndTheClosingRequests) {
-    arm->startStreaming(peer);
-    waitForFirstFrame();
-
-    EXPECT_EQ(kernel->set_kelm_ready(true, 0.0), -1);
-    EXPECT_EQ(sentCommands(), (std::vector<std::string>{"setControllerErrorReset", "stopSignals SIG_ARM_RECOVER",
-                                                        "getJointParams"}));
-    EXPECT_TRUE(log.contains("time out, duration time"));
-    EXPECT_TRUE(log.contains("kelm is not ready, try again with a lager delay time"));
-    EXPECT_TRUE(log.contains("servo status--0, fsm mode--IDLE, robot state--Kelm_Standby, connected--1"));
-}
-
-TEST_F(KernelReady, ErrorThatNeverClearsSpendsTheBudgetOnResets) {
-    arm->servo = true;
-    arm->setFsmState("POSITION");
-    arm->motion_state = Kelm_Error;
-    arm->startStreaming(peer);
-    waitForFirstFrame();
-
-    EXPECT_EQ(kernel->set_kelm_ready(true, 300.0), -1);
-    EXPECT_GE(peer.receivedCommands("setControllerErrorReset").size(), 3u);
-    EXPECT_TRUE(peer.receivedCommands("setServoEnable").empty());
-    EXPECT_TRUE(log.contains("robot state--Kelm_Error"));
-}
-
-TEST_F(KernelReady, SingleAttemptTriesEachStepOnce) {
-    arm->servo_on_at_request = 1000;
-    arm->startStreaming(peer);
-    waitForFirstFrame();
-
-    EXPECT_EQ(kernel->set_kelm_ready(false, 3000.0), -1);
-    EXPECT_EQ(arm->servo_requests.load(), 1);
-    EXPECT_EQ(peer.receivedCommands("setControlMode").size(), 1u);
-    EXPECT_TRUE(log.contains("kelm is not ready, try again with a lager delay time"));
-    EXPECT_FALSE(log.contains("time out"));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Paths, KernelReadyPaths,
+    ::testing::Values(
+        ReadyCase{"AlreadyReady", true, "POSITION", Kelm_Standby, 1, true, 3000, 1, 0, 1, nullptr, "kelm is"},
+        ReadyCase{"RunningCountsAsReady", true, "POSITION", Kelm_Running, 1, true, 3000, 1, 0, 1,
+                  "servo status--1, fsm mode--POSITION, robot state--Kelm_Running, connected--1", nullptr},
+        ReadyCase{"ServoRetriedWithinBudget", false, "IDLE", Kelm_Standby, 2, true, 3000, 1, 2, 1, "kelm is ready...",
+                  nullptr},
+        ReadyCase{"ZeroBudget", false, "IDLE", Kelm_Standby, 1, true, 0, -1, 0, 1,
+                  "servo status--0, fsm mode--IDLE, robot state--Kelm_Standby, connected--1", "kelm is ready"},
+        ReadyCase{"ErrorNeverClears", true, "POSITION", Kelm_Error, 1, true, 300, -1, 0, 3, "robot state--Kelm_Error",
+                  nullptr},
+        ReadyCase{"SingleAttempt", false, "IDLE", Kelm_Standby, 1000, false, 3000, -1, 1, 0, kNotReady, "time out"}),
+    [](const ::testing::TestParamInfo<ReadyCase>& info) { return info.param.name; });
 
 TEST(KernelReadyWithoutController, FailsAfterItsBudget) {
     LogCapture log;
@@ -213,22 +182,16 @@ protected:
     }
 };
 
-TEST_F(KernelTaskWait, FinishedTaskEndsTheWait) {
+TEST_F(KernelTaskWait, FinishedTaskEndsTheWaitAndAWarningDoesNot) {
     arm->setLastTaskKey("move-1");
     arm->startStreaming(peer);
     EXPECT_EQ(kernel->task_blocking_wait("move-1", 5000), 1);
-    EXPECT_FALSE(registeredAnywhere("move-1"));
     EXPECT_EQ(kernel->task_wait_flag.load(), 0);
-}
-
-TEST_F(KernelTaskWait, WarningDoesNotEndTheWaitButTimeOutCleansUp) {
     arm->error = WARN_MESSAGE;
-    arm->startStreaming(peer);
     EXPECT_EQ(kernel->task_blocking_wait("move-2", 300), 0);
     EXPECT_TRUE(log.contains("recieve a warnning"));
-    EXPECT_FALSE(registeredAnywhere("move-2"));
     EXPECT_EQ(kernel->task_blocking_wait("move-3", 0), 0);
-    EXPECT_FALSE(registeredAnywhere("move-3"));
+    for (const char* key : {"move-1", "move-2", "move-3"}) EXPECT_FALSE(registeredAnywhere(key)) << key;
 }
 
 TEST_F(KernelTaskWait, ErrorEndsTheWaitAndLeavesAStaleSubscription) {
@@ -238,13 +201,12 @@ TEST_F(KernelTaskWait, ErrorEndsTheWaitAndLeavesAStaleSubscription) {
     EXPECT_TRUE(kernel->subscriptions.contains("move-4"));
     EXPECT_FALSE(kernel->error_catch_callbacks.contains("move-4"));
 
-    // The stale subscription fires between waits ...
+    // The stale subscription fires between waits; the next wait starts afresh.
     arm->error = 0;
     arm->setLastTaskKey("move-4");
     ASSERT_TRUE(waitUntil([&] { return !kernel->subscriptions.contains("move-4"); }));
     EXPECT_EQ(kernel->task_wait_flag.load(), 1);
     EXPECT_EQ(kernel->task_blocking_wait("", 5000), 0);
-    // ... and the next wait starts afresh.
     EXPECT_EQ(kernel->task_blocking_wait("move-5", 50), 0);
 }
 

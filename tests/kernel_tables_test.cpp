@@ -1,4 +1,4 @@
-// The protocol tables, row by row where a wrong row would go unnoticed, and
+// The protocol tables, spot-checked where a wrong row would go unnoticed, and
 // the unpacking of remote IO blocks.
 #include <gtest/gtest.h>
 
@@ -16,48 +16,23 @@ namespace kelm {
 namespace test {
 namespace {
 
-TEST(KelmTables, ModeTablesAgreeRowForRow) {
-    const std::vector<std::pair<int, std::string>> rows = {{-1, "ERROR"}, {0, "IDLE"}, {1, "POSITION"},
-                                                           {2, "MIT"},    {3, "CURRENT"}, {4, "PF"},
-                                                           {5, "TELEOPERATION"}};
-    EXPECT_EQ(fsm_mode_str_map.size(), rows.size());
-    EXPECT_EQ(str_map_fsm_mode.size(), rows.size());
-    for (const auto& row : rows) {
+TEST(KelmTables, SpotChecks) {
+    for (const auto& row : std::vector<std::pair<int, std::string>>{{-1, "ERROR"}, {0, "IDLE"}, {2, "MIT"}, {5, "TELEOPERATION"}}) {
         EXPECT_EQ(fsm_mode_str_map.at(static_cast<FsmMode>(row.first)), row.second);
         EXPECT_EQ(str_map_fsm_mode.at(row.second), row.first);
     }
-    EXPECT_EQ(kelm_state_str.at(Kelm_Error), "Kelm_Error");
-    EXPECT_EQ(kelm_state_str.at(Kelm_Standby), "Kelm_Standby");
+    EXPECT_EQ(str_map_fsm_mode.size(), 7u);
     EXPECT_EQ(kelm_state_str.at(Kelm_Running), "Kelm_Running");
-}
-
-TEST(KelmTables, ColourTablesKeepTheirMixedDirections) {
-    EXPECT_EQ(enum_color_map.size(), 19u);
-    EXPECT_EQ(enum_color_map.at(COLOR_NONE), "\033[0m");
-    EXPECT_EQ(enum_color_map.at(COLOR_BLACK), "\033[30m");
-    EXPECT_EQ(enum_color_map.at(COLOR_WHITE_BACKGROUND), "\033[47m");
+    // The colour table maps names to codes and, for plain colours, codes back to names.
     EXPECT_EQ(enum_color_map.at(static_cast<LogColor>(18)), "\033[38;5;136m");
-
-    EXPECT_EQ(color_str_map.size(), 19u);
-    EXPECT_EQ(color_str_map.at("none"), "\033[0m");
     EXPECT_EQ(color_str_map.at("bold"), "\033[1m");
-    EXPECT_EQ(color_str_map.at("\033[0m"), "none");
-    EXPECT_EQ(color_str_map.at("\033[37m"), "white");
     EXPECT_EQ(color_str_map.at("\033[41m"), "red_background");
     EXPECT_EQ(color_str_map.count("\033[1m"), 0u);
-    EXPECT_EQ(color_str_map.count("\033[38;5;136m"), 0u);
-    EXPECT_EQ(color_str_map.count("red"), 0u);
-}
-
-TEST(KelmTables, ErrorCodesKeepTheControllersNumbers) {
     EXPECT_EQ(kelm_err_code_map.size(), 47u);
     EXPECT_EQ(kelm_err_code_map.count(static_cast<KelmErrorCode>(19)), 0u);
-    const std::vector<std::pair<int, std::string>> spot_checks = {
-        {0, "ERR_NONE"},           {13, "ERR_TASK_EXECUTION"},         {18, "ERR_DYNAMICS_ERROR"},
-        {20, "ERR_FORCE_SENSOR_OPERATION"}, {206, "ERR_EXTRA_ARM_COLLISION"}, {3001, "WARN_MESSAGE"},
-        {3203, "ERR_PLAN_SCENCE_ERROR"},    {3213, "ERR_KINEMATIC_CONSTRAINTS"}, {3504, "ERR_TASK_PLAN"},
-        {3506, "ERR_TASK_BROADCAST"},       {3508, "ERR_CM_UPDATE_ENV"}};
-    for (const auto& row : spot_checks) {
+    for (const auto& row : std::vector<std::pair<int, std::string>>{
+             {18, "ERR_DYNAMICS_ERROR"}, {206, "ERR_EXTRA_ARM_COLLISION"}, {3001, "WARN_MESSAGE"},
+             {3203, "ERR_PLAN_SCENCE_ERROR"}, {3508, "ERR_CM_UPDATE_ENV"}}) {
         EXPECT_EQ(kelm_err_code_map.at(static_cast<KelmErrorCode>(row.first)), row.second) << row.first;
     }
 }
@@ -66,21 +41,19 @@ TEST(KelmTables, ErrorCodesKeepTheControllersNumbers) {
 
 class KernelIO : public ::testing::Test {
 protected:
-    static Json::Value parse(const std::string& text) {
-        Json::Value root;
-        std::istringstream stream(text);
-        std::string errors;
-        EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), stream, &root, &errors)) << errors;
-        return root;
-    }
-
-    int parseIO(const std::string& text) { return kernel->parseIOInfo(parse(text), stations); }
-
     void SetUp() override {
         TestPeer unused;
         const unsigned short port = unused.port();
         unused.stop();
         kernel = std::make_unique<KelmKernelImpl>(TestPeer::kHost, port, 0.2, 0);
+    }
+
+    int parseIO(const std::string& text) {
+        Json::Value root;
+        std::istringstream stream(text);
+        std::string errors;
+        EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), stream, &root, &errors)) << errors;
+        return kernel->parseIOInfo(root, stations);
     }
 
     LogCapture log;
@@ -90,27 +63,21 @@ protected:
 
 TEST_F(KernelIO, UnpacksDigitalChannelsSixteenToAWord) {
     EXPECT_EQ(parseIO(R"({"rtu": [{"size": [20, 3], "di": [65535, 5], "do": [6]},
-                                  {"size": [16, 0, 16, 0], "di": [1, 2]},
-                                  {"size": [3, 0], "di": [255]}]})"),
+                                  {"size": [16, 0, 16, 0], "di": [1, 2]}]})"),
               1);
-    ASSERT_EQ(stations.size(), 3u);
+    ASSERT_EQ(stations.size(), 2u);
     std::vector<int> inputs(16, 1);
     inputs.insert(inputs.end(), {1, 0, 1, 0});
     EXPECT_EQ(stations[0].units[0].di_value, inputs);
     EXPECT_EQ(stations[0].units[0].do_value, (std::vector<int>{0, 1, 1}));
-    EXPECT_EQ(stations[1].units[0].di_value[0], 1);
     EXPECT_EQ(stations[1].units[1].di_value[1], 1);
     EXPECT_EQ(stations[1].units[1].di_value[0], 0);
-    EXPECT_EQ(stations[2].units[0].di_value, (std::vector<int>{1, 1, 1}));
     EXPECT_FALSE(log.contains("size error"));
-}
 
-TEST_F(KernelIO, TooFewWordsAreLoggedAndLeaveTheChannels) {
+    stations.clear();
     EXPECT_EQ(parseIO(R"({"rtu": [{"size": [17, 0, 0, 0], "di": [1]}]})"), 1);
     EXPECT_EQ(stations[0].units[0].di_value, std::vector<int>(17, 0));
-    // The counter stood past the end, so the empty second unit logs as well.
-    EXPECT_EQ(log.count("di_value_size error", LOG_ERROR), 2u);
-    EXPECT_EQ(log.count("do_value_size error"), 0u);
+    EXPECT_EQ(log.count("di_value_size error", LOG_ERROR), 2u);  // the empty second unit logs as well
 }
 
 TEST_F(KernelIO, AnalogWidthsAreTakenOnlyWhenTheirShapeFits) {
@@ -123,7 +90,11 @@ TEST_F(KernelIO, AnalogWidthsAreTakenOnlyWhenTheirShapeFits) {
     ASSERT_EQ(unit.ctrl_value.size(), 2u);
     EXPECT_EQ(unit.ctrl_value[1].value, 8u);
     EXPECT_EQ(unit.ctrl_value[1].bits, 0);
-    EXPECT_TRUE(unit.da_value.empty());
+
+    EXPECT_THROW(parseIO(R"({"rtu": [{"size": [0, 0], "ad": [["volts"]]}]})"), std::invalid_argument);
+    EXPECT_THROW(parseIO(R"({"rtu": [{"size": [0, 0], "ad": [["99999999999999999999999"]]}]})"), std::out_of_range);
+    ASSERT_TRUE(kernel->io_mutex.try_lock());
+    kernel->io_mutex.unlock();
 }
 
 TEST_F(KernelIO, StationsAreSkippedKeptOrEmptiedAsTheBlockSays) {
@@ -135,13 +106,6 @@ TEST_F(KernelIO, StationsAreSkippedKeptOrEmptiedAsTheBlockSays) {
     EXPECT_EQ(stations.size(), 2u);  // no rtu: untouched
     EXPECT_EQ(parseIO(R"({"rtu": []})"), 1);
     EXPECT_TRUE(stations.empty());
-}
-
-TEST_F(KernelIO, BadAnalogValueThrowsAndReleasesTheLock) {
-    EXPECT_THROW(parseIO(R"({"rtu": [{"size": [0, 0], "ad": [["volts"]]}]})"), std::invalid_argument);
-    EXPECT_THROW(parseIO(R"({"rtu": [{"size": [0, 0], "ad": [["99999999999999999999999"]]}]})"), std::out_of_range);
-    ASSERT_TRUE(kernel->io_mutex.try_lock());
-    kernel->io_mutex.unlock();
 }
 
 }  // namespace
