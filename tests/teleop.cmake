@@ -9,13 +9,3 @@ if(TARGET kelm_teleop AND TARGET kelm_sim_core)
   add_dependencies(teleop_e2e_test kelm_teleop)
 endif()
 
-# The tool's hop time from a master frame to the slave's tracking message, on
-# the same two simulated controllers; a program that prints figures, not a
-# test (it needs port 8090 to itself).
-if(KELM_BUILD_BENCH AND TARGET kelm_teleop AND TARGET kelm_sim_core)
-  add_executable(teleop_hop ${PROJECT_SOURCE_DIR}/bench/teleop_hop.cpp)
-  target_include_directories(teleop_hop PRIVATE ${CMAKE_CURRENT_LIST_DIR})
-  target_link_libraries(teleop_hop PRIVATE kelm_sim_core)
-  target_compile_definitions(teleop_hop PRIVATE KELM_TELEOP_PATH="$<TARGET_FILE:kelm_teleop>")
-  add_dependencies(teleop_hop kelm_teleop)
-endif()
