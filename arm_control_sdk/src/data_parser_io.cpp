@@ -16,6 +16,9 @@ namespace kelm {
 namespace {
 
 constexpr int kChannelsPerWord = 16;
+// No remote IO unit comes near this; a larger count is a corrupt message and
+// would otherwise make the parser allocate gigabytes.
+constexpr int kMaxChannelsPerUnit = 4096;
 constexpr double kWordsPerChannel = 0.0625;  // 1 / 16
 
 // Words that `channels` packed channels take up, rounded up.
@@ -65,6 +68,12 @@ void readStation(const Json::Value& station, KelmKernelImpl::RtuInfo& info) {
     const Json::Value& sizes = station["size"];
     if (sizes.size() % 2 != 0) return;
     const Json::ArrayIndex unit_count = sizes.size() / 2;
+    for (Json::ArrayIndex k = 0; k < sizes.size(); ++k) {
+        if (sizes[k].asInt() > kMaxChannelsPerUnit) {
+            KELM_LOG(LOG_ERROR, "rtu channel count %d above %d, station skipped", sizes[k].asInt(), kMaxChannelsPerUnit);
+            return;
+        }
+    }
     info.units.resize(unit_count);
 
     int di_word = 0;
