@@ -55,9 +55,6 @@ inline std::vector<double> with(std::vector<double> values, std::size_t index, d
 
 class MotionTest : public ::testing::Test {
 protected:
-    static constexpr int kDof = 6;
-    const std::vector<double> kLower{-3.0, -2.0, -2.5, -3.0, -1.5, -6.0};
-    const std::vector<double> kUpper{3.0, 2.0, 2.5, 3.0, 1.5, 6.0};
     const std::vector<double> kHome{0.0, 0.5, -0.5, 0.0, 1.0, 0.0};
     const std::vector<double> kShort{0.0, 0.5, -0.5, 0.0, 1.0};
     const std::vector<double> kPose{0.3, 0.1, 0.4, 0.0, 0.0, 0.0, 1.0};
@@ -72,9 +69,9 @@ protected:
         peer.replyToAll(TestPeer::recv("Task_Recieve"), kReplyDelay);
         kernel = std::make_unique<KelmKernelImpl>(peer.host(), peer.port(), 1.0, kArmIndex);
         ASSERT_TRUE(kernel->is_connected());
-        kernel->status.dof = kDof;
-        kernel->config.limit_lower = kLower;
-        kernel->config.limit_upper = kUpper;
+        kernel->status.dof = 6;
+        kernel->config.limit_lower = {-3.0, -2.0, -2.5, -3.0, -1.5, -6.0};
+        kernel->config.limit_upper = {3.0, 2.0, 2.5, 3.0, 1.5, 6.0};
     }
 
     // The one request with `command` the kernel sent, failing the test if
@@ -92,6 +89,22 @@ protected:
     void expectRefused(int result, const std::string& message) {
         EXPECT_EQ(result, -1);
         EXPECT_TRUE(log.contains(message, LOG_ERROR)) << message;
+    }
+
+    // Expects an accepted call (empty `message`) to have sent one motion and
+    // logged no error, a refused one to have logged `message` and sent nothing;
+    // then starts a fresh record of log and wire for the next call.
+    void expectOutcome(int result, const std::string& message) {
+        if (message.empty()) {
+            EXPECT_EQ(result, 1);
+            EXPECT_EQ(log.count("", LOG_ERROR), 0u);
+            onlySent("webRecieveTasks");
+        } else {
+            expectRefused(result, message);
+            expectNothingSent();
+        }
+        log.clear();
+        peer.clearReceived();
     }
 
     // Proves that a refused call put nothing on the wire: a jog sent after it
