@@ -117,21 +117,6 @@ TEST_F(KernelCommands, ReadsTheJointConfigurationAndVersion) {
     EXPECT_EQ(nextRequest("getArmIntrinsicProperties"), parse(R"({"command":"getArmIntrinsicProperties","type":"version","arm_index":1})"));
 }
 
-TEST(KernelWithoutController, QueriesGiveEmptyAnswersAtOnce) {
-    LogCapture log;
-    TestPeer peer;
-    const unsigned short port = peer.port();
-    peer.stop();
-    KelmKernelImpl kernel(TestPeer::kHost, port, 0.2, 0);
-    EXPECT_FALSE(kernel.is_connected());
-    EXPECT_TRUE(kernel.get_joint_pos().empty());
-    EXPECT_EQ(kernel.get_config().dof, 0);
-    EXPECT_TRUE(log.contains("get config result null", LOG_ERROR));
-    EXPECT_EQ(kernel.get_version(), "");
-    EXPECT_EQ(kernel.set_servo_enable(true), -1);
-    EXPECT_EQ(kernel.tracking({0, 0, 0, 0, 0, 0, 1}, false, -1.0), -1);
-}
-
 // ---- streaming ----
 
 class KernelStreaming : public KernelCommands {

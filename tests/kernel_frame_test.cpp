@@ -46,9 +46,7 @@ TEST_P(KernelFramesPerArm, TakesOverItsOwnArmOfATwoArmFrame) {
 
     EXPECT_EQ(kernel->get_joint_pos(), asFloats(expected.joint_pos));
     EXPECT_EQ(kernel->get_joint_vel(), asFloats(expected.joint_vel));
-    EXPECT_EQ(kernel->get_joint_tau(), asFloats(expected.joint_tau));
     EXPECT_EQ(kernel->get_plan_joint_pos(), asFloats(expected.plan_joint_pos));
-    EXPECT_EQ(kernel->get_plan_joint_tau(), asFloats(expected.plan_joint_tau));
     EXPECT_EQ(kernel->get_joint_external_tau(), expected.joint_external_tau);
     EXPECT_EQ(kernel->get_cart_pose(), asFloats(expected.pose));
     EXPECT_EQ(kernel->get_end_effector_tau(), expected.gripper_tau);
@@ -163,13 +161,16 @@ TEST_F(KernelFrames, FiresRegistriesInOrderAndStateChangesOnlyOnAnEdge) {
     ASSERT_TRUE(deliver(twoArmFrame(1)));
     std::vector<std::string> events;
     auto note = [&](std::string name) { return [&events, name](auto&&...) { events.push_back(name); }; };
+    auto noteArm = [&](std::string name) {
+        return [&events, name](int arm, auto&&...) { events.push_back(name + std::to_string(arm)); };
+    };
     kernel->register_error_catch_callback("probe", [&](int, std::string) {
         events.push_back("error:" + kernel->get_status().arm_name);  // still the previous frame's name
     });
-    kernel->register_fsm_mode_changed_callback("probe", [&](int i, int) { events.push_back("mode" + std::to_string(i)); });
-    kernel->register_servo_status_changed_callback("probe", [&](int i, bool) { events.push_back("servo" + std::to_string(i)); });
-    kernel->register_motor_code_changed_callback("probe", note("code"));
-    kernel->register_motor_run_state_changed_callback("probe", note("run"));
+    kernel->register_fsm_mode_changed_callback("probe", noteArm("mode"));
+    kernel->register_servo_status_changed_callback("probe", noteArm("servo"));
+    kernel->register_motor_code_changed_callback("probe", noteArm("code"));
+    kernel->register_motor_run_state_changed_callback("probe", noteArm("run"));
     kernel->register_get_external_force_callback("probe", note("force"));
     kernel->register_get_tele_slave_data_callback("probe", note("slave"));
     kernel->register_state_changed_callback("probe", [&](int state) {
@@ -187,8 +188,8 @@ TEST_F(KernelFrames, FiresRegistriesInOrderAndStateChangesOnlyOnAnEdge) {
     Json::Value frame = stateFrame(2, {arm});
     frame["error"] = 7;
     ASSERT_TRUE(deliver(frame));
-    EXPECT_EQ(events, (std::vector<std::string>{"error:arm0", "mode0", "servo0", "code", "run", "mode1", "servo1",
-                                                "code", "run", "force", "slave", "state1:MIT", "joint", "pose",
+    EXPECT_EQ(events, (std::vector<std::string>{"error:arm0", "mode0", "servo0", "code0", "run0", "mode1", "servo1",
+                                                "code1", "run1", "force", "slave", "state1:MIT", "joint", "pose",
                                                 "plan", "master"}));
     events.clear();
     frame["error"] = 0;
@@ -251,15 +252,8 @@ TEST_F(KernelFrames, ThrowingOrEmptyCallbackEndsOnlyItsFrame) {
     EXPECT_TRUE(log.contains("bad_function_call", LOG_ERROR));
     EXPECT_TRUE(stateLockIsFree(*kernel));
     kernel->release_state_changed_callback();
-
-    kernel->register_get_plan_joint_callback("odd", [](double, std::vector<double>, std::vector<double>,
-                                                       std::vector<double>) { throw 42; });
-    testing::internal::CaptureStdout();
     ASSERT_TRUE(deliver(twoArmFrame(3)));
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("execption: {"), std::string::npos);
-    kernel->release_get_plan_joint_callback();
-    ASSERT_TRUE(deliver(twoArmFrame(4)));
-    EXPECT_EQ(pose_calls, 2);
+    EXPECT_EQ(pose_calls, 1);
 }
 
 }  // namespace

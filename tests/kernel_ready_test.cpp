@@ -103,13 +103,13 @@ protected:
 
 struct ReadyCase {
     const char* name;
-    bool servo;
+    bool servo;  // the arm as it starts
     const char* fsm_state;
     int motion_state;
     int servo_on_at_request;
-    bool retry;
+    bool retry;  // the call
     double budget_ms;
-    int result;
+    int result;  // what is expected
     int servo_requests;  // -1: not checked
     std::size_t min_resets;
     const char* logged;      // may be null
@@ -160,14 +160,20 @@ INSTANTIATE_TEST_SUITE_P(
         ReadyCase{"SingleAttempt", false, "IDLE", Kelm_Standby, 1000, false, 3000, -1, 1, 0, kNotReady, "time out"}),
     [](const ::testing::TestParamInfo<ReadyCase>& info) { return info.param.name; });
 
-TEST(KernelReadyWithoutController, FailsAfterItsBudget) {
+TEST(KernelWithoutController, QueriesGiveEmptyAnswersAtOnceAndReadyFailsAfterItsBudget) {
     LogCapture log;
     TestPeer peer;
     const unsigned short port = peer.port();
     peer.stop();
     KelmKernelImpl kernel(TestPeer::kHost, port, 0.2, 0);
+    EXPECT_FALSE(kernel.is_connected());
+    EXPECT_TRUE(kernel.get_joint_pos().empty());
+    EXPECT_EQ(kernel.get_config().dof, 0);
+    EXPECT_EQ(kernel.get_version(), "");
+    EXPECT_EQ(kernel.set_servo_enable(true), -1);
+    EXPECT_EQ(kernel.tracking({0, 0, 0, 0, 0, 0, 1}, false, -1.0), -1);
     EXPECT_EQ(kernel.set_kelm_ready(true, 300.0), -1);
-    EXPECT_TRUE(log.contains("get config result null"));
+    EXPECT_TRUE(log.contains("get config result null", LOG_ERROR));
     EXPECT_TRUE(log.contains("time out, duration time"));
     EXPECT_TRUE(log.contains("connected--0"));
 }

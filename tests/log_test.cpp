@@ -59,7 +59,7 @@ TEST(PrintArray, ScientificOnlyAboveOneMillionAndTheLabelKeptAsGiven) {
               "quat_pose:  : 1000000.000000, 2.000000e+06, -2000000.000000, nan, 0.100000, -0.250000, 3.000000");
 }
 
-TEST(LogTime, TimeStampsAreUniqueAcrossThreadsAndTheTimerGrows) {
+TEST(LogTime, TimeStampsAreUniqueAcrossThreads) {
     std::vector<std::vector<std::string>> stamps(4);
     std::vector<std::thread> threads;
     for (auto& list : stamps) {
@@ -71,13 +71,6 @@ TEST(LogTime, TimeStampsAreUniqueAcrossThreadsAndTheTimerGrows) {
     std::set<std::string> unique;
     for (const auto& list : stamps) unique.insert(list.begin(), list.end());
     EXPECT_EQ(unique.size(), 20000u);
-
-    log_time::TimerUnit timer;
-    log_time::timer_start(timer);
-    EXPECT_LE(timer.elapsed_ms, 0.0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    log_time::timer_end(timer);
-    EXPECT_GE(timer.elapsed_ms, 5.0);
 }
 
 }  // namespace
