@@ -33,13 +33,6 @@ inline Json::Value parseJson(const std::string& text) {
     return value;
 }
 
-// Reals of a JSON array, for comparing with what a test passed in.
-inline std::vector<double> realsOf(const Json::Value& array) {
-    std::vector<double> values;
-    for (const Json::Value& value : array) values.push_back(value.asDouble());
-    return values;
-}
-
 // Expects `sent` to equal `expected` (JSON text) apart from the generated
 // task_key: the same keys, the same values and the same JSON types.
 inline void expectBody(Json::Value sent, const std::string& expected) {
@@ -80,6 +73,16 @@ protected:
         const std::vector<Json::Value> sent = peer.receivedCommands(command);
         EXPECT_EQ(sent.size(), 1u) << "requests with command " << command;
         return sent.empty() ? Json::Value() : sent.front();
+    }
+
+    // Every request with `command`, without the generated task_keys.
+    Json::Value allSent(const std::string& command) {
+        Json::Value all(Json::arrayValue);
+        for (Json::Value body : peer.receivedCommands(command)) {
+            body.removeMember("task_key");
+            all.append(body);
+        }
+        return all;
     }
 
     void answer(const std::string& command, const Json::Value& members) {

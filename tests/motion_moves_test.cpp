@@ -23,9 +23,9 @@ std::vector<NamedMove> singleTargetMoves() {
         {"move_joint", [](auto& k, auto& t, auto& key, bool j) { return k.move_joint(t, key, 100.0, 0, 0, j); }},
         {"move_line", [](auto& k, auto& t, auto& key, bool j) { return k.move_line(t, key, 100.0, 0, 0, j); }},
         {"move_3p_arc",
-         [](auto& k, auto& t, auto& key, bool j) { return k.move_3p_arc({t, t, t}, key, 100.0, true, 0.0, 0, 0, j); }},
+         [](auto& k, auto& t, auto& key, bool j) { return k.move_3p_arc({t, t, t}, key, 1.0, true, 0.0, 0, 0, j); }},
         {"move_center_arc",
-         [](auto& k, auto& t, auto& key, bool j) { return k.move_center_arc({t, t, t}, key, 100.0, true, 0.0, 0, 0, j); }},
+         [](auto& k, auto& t, auto& key, bool j) { return k.move_center_arc({t, t, t}, key, 1.0, true, 0, 0, 0, j); }},
     };
 }
 
@@ -72,25 +72,23 @@ TEST_F(MotionTest, JointTargetIsRefusedWhileLimitsAreUnknown) {
 TEST_F(MotionTest, JointAndLineMovesDifferInTargetKeyAndAcceleration) {
     ASSERT_EQ(kernel->move_joint(kPose, task_key, 100.0, 2, 3, false), 1);
     ASSERT_EQ(kernel->move_line(kHome, task_key, 50.0, 2, 3, true), 1);
-    const std::vector<Json::Value> sent = peer.receivedCommands("webRecieveTasks");
-    ASSERT_EQ(sent.size(), 2u);
-    expectBody(sent[0], R"({"command": "webRecieveTasks", "task_id": "TASK_MOVJ", "task_level": "Task_General",
-        "arm_index": 1, "point_type": {"space": 1},
-        "data": {"target_pos": [0.3, 0.1, 0.4, 0.0, 0.0, 0.0, 1.0], "speed": 100.0, "tool": 2, "user": 3}})");
-    expectBody(sent[1], R"({"command": "webRecieveTasks", "task_id": "TASK_MOVL", "task_level": "Task_General",
-        "arm_index": 1, "point_type": {"space": 0},
-        "data": {"point": [0.0, 0.5, -0.5, 0.0, 1.0, 0.0], "speed": 50.0, "acc": 50.0, "tool": 2, "user": 3}})");
+    EXPECT_EQ(allSent("webRecieveTasks"), parseJson(R"([
+        {"command": "webRecieveTasks", "task_id": "TASK_MOVJ", "task_level": "Task_General", "arm_index": 1,
+         "point_type": {"space": 1},
+         "data": {"target_pos": [0.3, 0.1, 0.4, 0.0, 0.0, 0.0, 1.0], "speed": 100.0, "tool": 2, "user": 3}},
+        {"command": "webRecieveTasks", "task_id": "TASK_MOVL", "task_level": "Task_General", "arm_index": 1,
+         "point_type": {"space": 0},
+         "data": {"point": [0.0, 0.5, -0.5, 0.0, 1.0, 0.0], "speed": 50.0, "acc": 50.0, "tool": 2, "user": 3}}])"));
 }
 
 TEST_F(MotionTest, JogsSendTheirNumbersUntouched) {
     ASSERT_EQ(kernel->move_joint_jog(99, 5, -1.0), 1);
     ASSERT_EQ(kernel->move_line_jog(2, -1, 0.5, 3, 4), 1);
-    const std::vector<Json::Value> sent = peer.receivedCommands("webRecieveTasks");
-    ASSERT_EQ(sent.size(), 2u);
-    expectBody(sent[0], R"({"command": "webRecieveTasks", "task_id": "TASK_MOVJ_JOG", "arm_index": 1,
-        "index": 99, "dir": 5, "data": {"speed": -1.0}})");
-    expectBody(sent[1], R"({"command": "webRecieveTasks", "task_id": "TASK_MOVL_JOG", "arm_index": 1,
-        "index": 2, "dir": -1, "data": {"speed": 0.5, "acc": 0.5, "tool": 3, "user": 4}})");
+    EXPECT_EQ(allSent("webRecieveTasks"), parseJson(R"([
+        {"command": "webRecieveTasks", "task_id": "TASK_MOVJ_JOG", "arm_index": 1, "index": 99, "dir": 5,
+         "data": {"speed": -1.0}},
+        {"command": "webRecieveTasks", "task_id": "TASK_MOVL_JOG", "arm_index": 1, "index": 2, "dir": -1,
+         "data": {"speed": 0.5, "acc": 0.5, "tool": 3, "user": 4}}])"));
 }
 
 // Unlike move_pvt, move_directly sends values below zero as the integer 0 and
@@ -105,11 +103,9 @@ TEST_F(MotionTest, MoveDirectlyMapsGripperValuesWhenTheGripperIsConnected) {
         "gripper": {"gripper_linkage": 1, "eeffe_point": [0, 0.5, 0]}})");
 
     expectRefused(kernel->move_directly(points, task_key, {0.01, 0.02}), "点位与夹爪维度不一致,请检查数据.");
-    for (bool connected : {true, false}) {
-        kernel->end_effector.connected = connected;
-        ASSERT_EQ(kernel->move_directly(points, task_key, connected ? Target{} : Target{0.1, 0.2, 0.3}), 1);
-        EXPECT_EQ(peer.receivedCommands("webRecieveTasks").back()["gripper"], parseJson(R"({"gripper_linkage": 0})"));
-    }
+    kernel->end_effector.connected = false;
+    ASSERT_EQ(kernel->move_directly(points, task_key, {0.1, 0.2, 0.3}), 1);
+    EXPECT_EQ(peer.receivedCommands("webRecieveTasks").back()["gripper"], parseJson(R"({"gripper_linkage": 0})"));
     EXPECT_TRUE(log.contains("夹抓未连接，无法联动控制夹抓", LOG_ERROR));
 }
 
@@ -157,7 +153,7 @@ protected:
 
 TEST_F(JumpTest, SendsFourPosesFromTheComputedStart) {
     ASSERT_EQ(kernel->move_jump(kTarget, {0.0, 0.0, 0.05}, {0.0, 0.0, 0.05}, task_key, 30.0, 1, 2), 1);
-    EXPECT_EQ(realsOf(onlySent("getKinematics")["data"]["joint1"]), kHome);
+    EXPECT_EQ(onlySent("getKinematics")["data"]["joint1"], parseJson("[0.0, 0.5, -0.5, 0.0, 1.0, 0.0]"));
     expectBody(onlySent("webRecieveTasks"), R"({"command": "webRecieveTasks", "task_id": "TASK_MOVT",
         "task_level": "Task_General", "arm_index": 1, "point_type": {"space": 1},
         "data": {"point_num": 4, "speed": 30.0, "acc": 30.0, "tool": 1, "user": 2,
@@ -168,7 +164,7 @@ TEST_F(JumpTest, SendsFourPosesFromTheComputedStart) {
 TEST_F(JumpTest, StartsFromThePlannedPositionWhenThereIsOne) {
     kernel->plan_joint_pos = {0.1, 0.2, 0.3, 0.4, 0.5, 0.6};
     ASSERT_EQ(kernel->move_jump(kTarget, {}, {}, task_key, 30.0, 0, 0), 1);
-    EXPECT_EQ(realsOf(onlySent("getKinematics")["data"]["joint1"]), kernel->plan_joint_pos);
+    EXPECT_EQ(onlySent("getKinematics")["data"]["joint1"], parseJson("[0.1, 0.2, 0.3, 0.4, 0.5, 0.6]"));
 }
 
 TEST_F(JumpTest, RefusesBadInputBeforeAskingForTheStartAndMovesNotWithoutIt) {
@@ -183,9 +179,7 @@ TEST_F(JumpTest, RefusesBadInputBeforeAskingForTheStartAndMovesNotWithoutIt) {
     EXPECT_EQ(task_key, "untouched");
     ASSERT_EQ(kernel->move_joint_jog(0, 1, 1.0), 1);
     EXPECT_EQ(peer.receivedCommands("getKinematics").size(), 1u);
-    const std::vector<Json::Value> tasks = peer.receivedCommands("webRecieveTasks");
-    ASSERT_EQ(tasks.size(), 1u);
-    EXPECT_EQ(tasks[0]["task_id"], "TASK_MOVJ_JOG");
+    EXPECT_EQ(peer.receivedCommands("webRecieveTasks").size(), 1u) << "only the jog";
 }
 
 }  // namespace
