@@ -41,7 +41,8 @@ inline void expectBody(Json::Value sent, const std::string& expected) {
 }
 
 // `values` with the one at `index` replaced.
-inline std::vector<double> with(std::vector<double> values, std::size_t index, double value) {
+template <class Values>
+Values with(Values values, std::size_t index, double value) {
     values.at(index) = value;
     return values;
 }

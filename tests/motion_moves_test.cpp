@@ -168,9 +168,8 @@ TEST_F(JumpTest, StartsFromThePlannedPositionWhenThereIsOne) {
 }
 
 TEST_F(JumpTest, RefusesBadInputBeforeAskingForTheStartAndMovesNotWithoutIt) {
-    Pose off_unit = kTarget;
-    off_unit[5] = std::sqrt(1.0002);
-    expectRefused(kernel->move_jump(off_unit, {}, {}, task_key, 30.0, 0, 0), "magnitude_squared = 1.000200");
+    expectRefused(kernel->move_jump(with(kTarget, 5, std::sqrt(1.0002)), {}, {}, task_key, 30.0, 0, 0),
+                  "magnitude_squared = 1.000200");
     expectRefused(kernel->move_jump(kTarget, {}, {0.0, kNaN, 0.0}, task_key, 30.0, 0, 0), "非法值");
 
     answer("getKinematics", TestPeer::recv("Task_Failed"));

@@ -8,14 +8,6 @@ namespace {
 
 using Points = std::vector<std::vector<double>>;
 
-TEST_F(MotionTest, ToppraNumbersItsWayPointsFromOne) {
-    ASSERT_EQ(kernel->move_toppra({kHome, {0.1, 0.2, 0.3, 0.4, 0.5, 0.6}}, task_key, 40.0, 1, 2, true), 1);
-    expectBody(onlySent("webRecieveTasks"), R"({"command": "webRecieveTasks", "task_id": "TASK_MOVT",
-        "task_level": "Task_General", "arm_index": 1, "point_type": {"space": 0},
-        "data": {"point_num": 2, "speed": 40.0, "acc": 40.0, "tool": 1, "user": 2,
-                 "way_point1": [0.0, 0.5, -0.5, 0.0, 1.0, 0.0], "way_point2": [0.1, 0.2, 0.3, 0.4, 0.5, 0.6]}})");
-}
-
 TEST_F(MotionTest, ToppraChecksAllValuesBeforeAnyLength) {
     expectRefused(kernel->move_toppra({kShort, kHome, with(kHome, 5, kNaN)}, task_key, 40.0, 0, 0, true), "非法值");
     EXPECT_FALSE(log.contains("输入目标维度"));
@@ -73,7 +65,6 @@ TEST_F(PvtTest, PointMessagesCountFromOne) {
     run({
         {{kHome, with(kHome, 2, 2.6)}, {}, {1.0, 2.0}, "给定点[2][3]超过关节限位."},
         {{kHome, kShort}, {}, {1.0, 2.0}, "第[2]组数据只有5个,请保证关节数据长度为6."},
-        {{{0, 0, 0, 0, 0, 0, 0}}, {}, {1.0}, "第[1]组数据只有7个,请保证关节数据长度为6."},
         {{kShort, with(kHome, 1, kNaN)}, {}, {1.0, 2.0}, "非法值"},
     });
     run({
