@@ -116,6 +116,8 @@ struct ReadyCase {
     const char* not_logged;  // may be null
 };
 
+void PrintTo(const ReadyCase& ready, std::ostream* out) { *out << ready.name; }
+
 class KernelReadyPaths : public KernelReady, public ::testing::WithParamInterface<ReadyCase> {};
 
 TEST_P(KernelReadyPaths, SendsWhatTheArmNeedsAndReportsTheOutcome) {
