@@ -71,9 +71,9 @@ protected:
     // The one request with `command` the kernel sent, failing the test if
     // there was none or more than one.
     Json::Value onlySent(const std::string& command) {
-        const std::vector<Json::Value> sent = peer.receivedCommands(command);
+        const Json::Value sent = allSent(command);
         EXPECT_EQ(sent.size(), 1u) << "requests with command " << command;
-        return sent.empty() ? Json::Value() : sent.front();
+        return sent[0];
     }
 
     // Every request with `command`, without the generated task_keys.
@@ -86,9 +86,7 @@ protected:
         return all;
     }
 
-    void answer(const std::string& command, const Json::Value& members) {
-        peer.replyTo(command, members, kReplyDelay);
-    }
+    void answer(const std::string& command, const Json::Value& members) { peer.replyTo(command, members, kReplyDelay); }
 
     void expectRefused(int result, const std::string& message) {
         EXPECT_EQ(result, -1);
