@@ -24,9 +24,7 @@ using test::waitUntil;
 const std::vector<double> kJointTarget{0.1, -0.2, 0.3, 0.0, -1.0, 0.5};
 const std::array<double, 7> kPoseTarget{0.25, 0.125, 0.5, 0.0, 0.0, 0.0, 1.0};
 
-// The left arm is element 1 of the controller's arm array and the right arm
-// element 0, so that a twin that reaches the wrong kernel, or a kernel made
-// with the wrong index, shows on the wire.
+// Left is arm 1 and right arm 0, so a twin reaching the wrong kernel shows on the wire.
 constexpr int kLeft = 1;
 constexpr int kRight = 0;
 
@@ -131,29 +129,24 @@ TEST_F(DualBotTest, MembersOnBothArmsSucceedOnlyIfBothArmsDoAndAlwaysAskBoth) {
     }
 }
 
-TEST_F(DualBotTest, ServoEnableAnswersOneWhateverTheArmsSay) {
-    EXPECT_EQ(bot.set_servo_enable(true), 1);
+TEST_F(DualBotTest, ServoTeachListAndVersionFoldBothArmsTheirOwnWay) {
+    // Servo enable answers 1 whatever the arms say.
     controller.refuse("setServoEnable", kLeft);
     EXPECT_EQ(bot.set_servo_enable(true), 1);
     controller.refuse("setServoEnable", kRight);
     EXPECT_EQ(bot.set_servo_enable(false), 1);
-    EXPECT_EQ(sentCount("setServoEnable"), 6u);
-}
-
-TEST_F(DualBotTest, CheckTeachAppendsTheRightArmsNamesEvenWhenTheLeftFails) {
+    EXPECT_EQ(sentCount("setServoEnable"), 4u);
+    // The teach list is replaced by the left names, then the right ones are
+    // appended, even when the left arm fails.
     controller.setTeachList(kLeft, {"x"});
     controller.setTeachList(kRight, {"y", "z"});
     std::vector<std::string> names{"old1", "old2"};
     EXPECT_EQ(bot.check_teach(names), 1);
     EXPECT_EQ(names, (std::vector<std::string>{"x", "y", "z"}));
-
     controller.refuse("teachRecorder", kLeft);
     names = {"q"};
     EXPECT_EQ(bot.check_teach(names), -1);
     EXPECT_EQ(names, (std::vector<std::string>{"q", "y", "z"}));
-}
-
-TEST_F(DualBotTest, VersionIsTheLeftTextFollowedByTheRight) {
     controller.setVersion(kLeft, "a");
     controller.setVersion(kRight, "b");
     EXPECT_EQ(bot.get_version(), "ab");

@@ -56,17 +56,13 @@ TEST_F(SingleColTest, MotionMembersChooseTheirRequestByTimeAndTarget) {
          [](KelmSingleCol& a) { return a.move_joint(kJointTarget, -1.0, false); }, 1, "TASK_MOVJ", 0,
          [](const Json::Value& r) {
              EXPECT_EQ(r["data"]["speed"].asDouble(), 100.0);
-             EXPECT_EQ(r["data"]["tool"].asInt(), 0);
-             EXPECT_EQ(r["data"]["user"].asInt(), 0);
              EXPECT_EQ(r["data"]["target_pos"].size(), 6u);
          }},
         {"a duration: one timed point", [](KelmSingleCol& a) { return a.move_joint(kJointTarget, 1.5, false); }, 1,
          "TASK_PVT", 0,
          [](const Json::Value& r) {
-             ASSERT_EQ(r["data"]["time"].size(), 1u);
-             EXPECT_EQ(r["data"]["time"][0].asDouble(), 1.5);
+             EXPECT_TRUE(r["data"]["time"].size() == 1u && r["data"]["time"][0].asDouble() == 1.5);
              EXPECT_EQ(r["data"]["pos"].size(), 1u);
-             EXPECT_EQ(r["gripper"]["gripper_linkage"].asInt(), 0);
          }},
         {"a duration of 0 is refused by the timed move",
          [](KelmSingleCol& a) { return a.move_joint(kJointTarget, 0.0, false); }, -1, nullptr, 0, nullptr},
@@ -78,8 +74,6 @@ TEST_F(SingleColTest, MotionMembersChooseTheirRequestByTimeAndTarget) {
          -1, nullptr, 0, nullptr},
         {"pose, negative time", [](KelmSingleCol& a) { return a.move_pose(kPoseTarget, -1.0, false); }, 1,
          "TASK_MOVJ", 1, [](const Json::Value& r) { EXPECT_EQ(r["data"]["target_pos"].size(), 7u); }},
-        {"pose, a duration", [](KelmSingleCol& a) { return a.move_pose(kPoseTarget, 2.0, false); }, 1, "TASK_PVT",
-         1, nullptr},
         {"line to joints", [](KelmSingleCol& a) { return a.move_line_joint(kJointTarget, false); }, 1, "TASK_MOVL",
          0, [](const Json::Value& r) { EXPECT_EQ(r["data"]["speed"].asDouble(), 100.0); }},
         {"line to a pose", [](KelmSingleCol& a) { return a.move_line_pose(kPoseTarget, false); }, 1, "TASK_MOVL", 1,
@@ -100,9 +94,6 @@ TEST_F(SingleColTest, MotionMembersChooseTheirRequestByTimeAndTarget) {
              EXPECT_EQ(r["gripper"]["gripper_linkage"].asInt(), 0);
              EXPECT_FALSE(r["gripper"].isMember("eeffe_point"));
          }},
-        {"no stamps: the controller times the path",
-         [&](KelmSingleCol& a) { return a.move_joint_traj(three_points, {}, {}, false); }, 1, "TASK_MOVT", 0,
-         nullptr},
         {"no poses: the controller's to refuse, whatever the stamps",
          [](KelmSingleCol& a) { return a.move_pose_traj({}, {}, {1.0}, false); }, 1, "TASK_MOVT", 1,
          [](const Json::Value& r) { EXPECT_EQ(r["data"]["point_num"].asInt(), 0); }},
@@ -149,13 +140,9 @@ TEST_F(SingleColTest, BlockingMotionReturnsOnlyOnceAFrameReportsItsTaskFinished)
         controller.finishTask(0, (*request)["task_key"].asString());
         EXPECT_EQ(call.result(), 1);
     }
-}
-
-TEST_F(SingleColTest, MotionRefusedByTheControllerDoesNotWait) {
     controller.refuse("webRecieveTasks", 0);
-    BoundedCall call(controller.peer, [&] { return arm.move_joint(kJointTarget, 1.0, true); });
-    EXPECT_EQ(call.result(), -1);
-    EXPECT_EQ(tasks().size(), 1u);
+    BoundedCall refused(controller.peer, [&] { return arm.move_joint(kJointTarget, 1.0, true); });
+    EXPECT_EQ(refused.result(), -1) << "a refused motion does not wait";
 }
 
 TEST_F(SingleColTest, GripperStateNeedsAConnectedGripperAndKeepsItsSign) {
@@ -169,10 +156,8 @@ TEST_F(SingleColTest, GripperStateNeedsAConnectedGripperAndKeepsItsSign) {
 
 TEST_F(SingleColTest, TrackJointOfTheWrongLengthSaysSoOnStandardOutputAndSendsNothing) {
     testing::internal::CaptureStdout();
-    const int refused = arm.track_joint({0.1, 0.2}, -1.0);
-    const std::string printed = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(refused, -1);
-    EXPECT_EQ(printed, "targets size error\n");
+    EXPECT_EQ(arm.track_joint({0.1, 0.2}, -1.0), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "targets size error\n");
 
     EXPECT_EQ(arm.track_joint(kJointTarget, -1.0), 1);
     EXPECT_EQ(arm.track_pose(kPoseTarget, 0.02), 1);
@@ -189,8 +174,7 @@ TEST_F(SingleColTest, JointCallbackIsReplacedUnderItsFixedNameAndReleased) {
     auto counter = [](std::atomic<int>& hits) {
         return [&hits](double, std::vector<double>, std::vector<double>, std::vector<double>) { ++hits; };
     };
-    // Pose callbacks fire after the joint callbacks of the same frame: a
-    // clock of processed frames.
+    // Pose callbacks fire after the joint callbacks of a frame: a clock of processed frames.
     arm.register_pose_cbk([&frames](double, std::array<double, 7>) { ++frames; });
     auto framesPass = [&](int count) {
         const int target = frames + count;
