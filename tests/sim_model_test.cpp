@@ -376,7 +376,7 @@ TEST(SimWall, ContactPushesUpAndMapsThroughTheJacobian) {
     for (int i = 0; i < 6; ++i) EXPECT_NEAR(arm.external_tau[i], jacobian[2 * 6 + i] * arm.cart_force[2], 1e-9);
 }
 
-TEST(SimFrame, EveryKeyHasTheTypeClientsRead) {
+TEST(SimFrame, HeaderErrorAndStatesAreWrittenAsClientsReadThem) {
     SimModel model(2, 6, OperatorSettings{}, WallSettings{});
     model.raiseError(1, 5, "link \"lost\"");
     model.step(kDt);
@@ -394,28 +394,13 @@ TEST(SimFrame, EveryKeyHasTheTypeClientsRead) {
     EXPECT_EQ(frame["error_arm_index"], 1);
     EXPECT_EQ(frame["errMsg"], "link \"lost\"");
     ASSERT_EQ(frame["arm"].size(), 2u);
-    const std::pair<bool (Json::Value::*)() const, std::vector<const char*>> arm_keys[] = {
-        {&Json::Value::isInt, {"arm_index", "arm_dof", "motion_state", "tool", "user"}},
-        {&Json::Value::isString, {"arm_name", "fsm_state"}},
-        {&Json::Value::isBool, {"servo"}},
-        {&Json::Value::isNumeric, {"vel_per"}},
-        {&Json::Value::isObject, {"gripper", "reality", "plan", "task"}},
-        {&Json::Value::isArray, {"axises", "cart_external_force", "joint_external_tau", "pose", "pose_tool", "pose_user", "pose_aut"}},
-    };
+    // The rest of each arm's entry is read back by the client in the kernel
+    // and teleoperation tests; here the parts those do not reach.
     for (Json::ArrayIndex index = 0; index < 2; ++index) {
-        const Json::Value& arm = frame["arm"][index];
-        for (const auto& [check, keys] : arm_keys)
-            for (const char* key : keys) EXPECT_TRUE((arm[key].*check)()) << key;
-        EXPECT_EQ(arm["arm_index"], static_cast<int>(index));
-        EXPECT_EQ(arm["pose"].size(), 7u);
-        for (const char* key : {"pose", "vel", "torque"})
-            EXPECT_TRUE(arm["reality"][key].size() == 6u && arm["plan"][key].size() == 6u) << key;
-        EXPECT_TRUE(arm["gripper"]["gripper_state"].isInt() && arm["gripper"]["is_connect"].isBool());
-        EXPECT_TRUE(arm["task"]["exe_flag"].isBool() && arm["task"]["last_task_key"].isString() &&
-                    arm["task"]["exe_task_key"].isString());
-        const Json::Value& axis = arm["axises"][5];
+        const Json::Value& axis = frame["arm"][index]["axises"][5];
         for (const char* key : {"index", "mode", "servo", "code", "run_state"}) EXPECT_TRUE(axis[key].isInt()) << key;
         EXPECT_TRUE(axis["msg"].isString());
+        EXPECT_EQ(frame["arm"][index]["arm_index"], static_cast<int>(index));
     }
     EXPECT_EQ(frame["arm"][0]["fsm_state"], "IDLE");
     EXPECT_EQ(frame["arm"][1]["fsm_state"], "ERROR");
