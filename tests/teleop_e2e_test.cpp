@@ -14,10 +14,14 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "sim_controller.h"
+#include "state_frame_builder.h"
 #include "teleop_process.h"
+#include "test_peer.h"
+#include "websocket_server.h"
 
 namespace {
 
@@ -435,6 +439,126 @@ TEST_F(TeleopEndToEnd, SlaveRefusingMitModeEndsWithExitOneAndLeavesTheMasterInDr
     EXPECT_EQ(master_->requests("setControlMode").back().json["mode"], 3);
     EXPECT_EQ(slave_->requests("setControlMode").back().json["mode"], 2);
     EXPECT_TRUE(slave_->requests("trajectoryTrackingTasks").empty());
+}
+
+// ---- a seven-joint vector ----
+
+// A scripted controller for the one case the simulator cannot play: an arm
+// that reports six joints while it is brought up and homed, and seven once a
+// teleoperation mode (drag or MIT) has been asked of it. It takes every
+// request, reports each task finished at once, serves limits for seven
+// joints and sends a state frame every 10 ms. The joints it reports are
+// constant.
+class SevenJointController {
+public:
+    explicit SevenJointController(const char* host)
+        : server_(host, 8090,
+                  {nullptr,
+                   [this](kelm::WebSocketServer::ConnectionId id, const std::string& text) { onText(id, text); },
+                   nullptr}) {
+        server_.start();
+        frames_ = std::thread([this] { streamFrames(); });
+    }
+    ~SevenJointController() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stopping_ = true;
+        }
+        stop_.notify_all();
+        frames_.join();
+        server_.stop();
+    }
+
+    std::vector<Json::Value> requests(const std::string& command) const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::vector<Json::Value> matching;
+        for (const auto& request : requests_) {
+            if (request["command"] == command) matching.push_back(request);
+        }
+        return matching;
+    }
+    bool waitForRequests(const std::string& command, size_t count, Clock::duration timeout) const {
+        const auto deadline = Clock::now() + timeout;
+        while (requests(command).size() < count) {
+            if (Clock::now() >= deadline) return false;
+            std::this_thread::sleep_for(10ms);
+        }
+        return true;
+    }
+
+    // The joints this arm reports once it has seven.
+    static std::vector<double> sevenJoints() { return kelm::test::realisticArm(0, 7).joint_pos; }
+
+private:
+    void onText(kelm::WebSocketServer::ConnectionId id, const std::string& text) {
+        Json::Value request;
+        Json::CharReaderBuilder builder;
+        std::string errors;
+        std::istringstream stream(text);
+        if (!Json::parseFromStream(builder, stream, &request, &errors)) return;
+        const std::string command = request["command"].asString();
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            requests_.push_back(request);
+            if (command == "webRecieveTasks") last_task_key_ = request["task_key"].asString();
+            if (command == "setControlMode" && request["mode"].asInt() >= 2) seven_joints_ = true;
+        }
+        if (command == "trajectoryTrackingTasks" || command == "setRedundancyTau" || command == "setEffectorCtr") return;
+        // Like a real controller, take a moment: a reply that overtakes the
+        // client's bookkeeping of its own request is lost.
+        std::this_thread::sleep_for(1ms);
+        Json::Value reply = kelm::test::TestPeer::replyFor(request, kelm::test::TestPeer::recv("Task_Recieve"));
+        if (command == "getJointParams") reply["params"] = sevenJointParams();
+        server_.sendText(id, kelm::test::toJsonText(reply));
+    }
+
+    static Json::Value sevenJointParams() {
+        Json::Value params;
+        params["dof"] = 7;
+        for (int i = 0; i < 7; ++i) {
+            params["limit_upper"].append(3.0);
+            params["limit_lower"].append(-3.0);
+            for (const char* key : {"joint_vel", "joint_acc", "joint_dec", "joint_jerk"}) params[key].append(1.0);
+        }
+        return params;
+    }
+
+    void streamFrames() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (std::uint64_t count = 1; !stop_.wait_for(lock, 10ms, [this] { return stopping_; }); ++count) {
+            kelm::test::ArmFrame arm = kelm::test::realisticArm(0, seven_joints_ ? 7 : 6);
+            arm.last_task_key = last_task_key_;
+            const std::string frame = kelm::test::toJsonText(kelm::test::stateFrame(count, {arm}));
+            lock.unlock();
+            server_.broadcastText(frame);
+            lock.lock();
+        }
+    }
+
+    kelm::WebSocketServer server_;
+    mutable std::mutex mutex_;
+    std::condition_variable stop_;
+    std::vector<Json::Value> requests_;
+    std::string last_task_key_;
+    bool seven_joints_ = false;
+    bool stopping_ = false;
+    std::thread frames_;
+};
+
+TEST(TeleopSevenJoints, MirroringLeavesASevenJointVectorAsItIs) {
+    SevenJointController master(kMasterHost);
+    SevenJointController slave(kSlaveHost);
+    TeleopProcess tool(kTeleopPath, {"--ip", kMasterHost, "--mirror", "1"});
+    ASSERT_TRUE(tool.waitForStdout(kRunningLine, kBringUpLimit)) << tool.stdoutText() << tool.stderrText();
+    ASSERT_TRUE(slave.waitForRequests("trajectoryTrackingTasks", 10, kStreamLimit));
+    tool.interrupt();
+    ASSERT_EQ(tool.waitForExit(kExitLimit), 0);
+
+    std::vector<double> expected;
+    for (double joint : SevenJointController::sevenJoints()) expected.push_back(static_cast<float>(joint));
+    for (const auto& message : slave.requests("trajectoryTrackingTasks")) {
+        EXPECT_EQ(doubles(message["data"]["way_point"]), expected) << message.toStyledString();
+    }
 }
 
 // ---- command line: options that end the tool before any arm is touched ----
