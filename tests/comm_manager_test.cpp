@@ -13,6 +13,7 @@
 
 #include "kelm_comm.h"
 #include "log_capture.h"
+#include "recorder.h"
 #include "test_peer.h"
 
 namespace kelm {
@@ -24,27 +25,7 @@ using test::LogCapture;
 using test::TestPeer;
 using test::waitUntil;
 
-// A thread-safe list of what a callback was given.
-template <typename T>
-class Recorder {
-public:
-    void add(const T& value) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        values_.push_back(value);
-    }
-    std::vector<T> values() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return values_;
-    }
-    bool contains(const T& value) const {
-        const auto all = values();
-        return std::find(all.begin(), all.end(), value) != all.end();
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<T> values_;
-};
+using test::Recorder;
 
 class CommManagerTest : public ::testing::Test {
 protected:

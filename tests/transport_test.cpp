@@ -16,6 +16,7 @@
 
 #include "communication_client.h"
 #include "log_capture.h"
+#include "recorder.h"
 #include "test_peer.h"
 #include "websocket_client.h"
 
@@ -29,29 +30,7 @@ using test::LogCapture;
 using test::TestPeer;
 using test::waitUntil;
 
-// A thread-safe list of what a callback was given.
-template <typename T>
-class Recorder {
-public:
-    void add(const T& value) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        values_.push_back(value);
-    }
-    std::vector<T> values() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return values_;
-    }
-    bool waitFor(const std::vector<T>& expected, milliseconds timeout = milliseconds(5000)) {
-        return waitUntil([&] { return values() == expected; }, timeout);
-    }
-    bool waitForCount(std::size_t count, milliseconds timeout = milliseconds(5000)) {
-        return waitUntil([&] { return values().size() >= count; }, timeout);
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<T> values_;
-};
+using test::Recorder;
 
 // Records what the client delivers; an optional hook runs inside onReceive.
 class RecordingListener : public iRecieveListener, public Recorder<std::string> {
