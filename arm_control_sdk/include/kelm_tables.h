@@ -13,6 +13,11 @@
 #include <mutex>
 #include <string>
 
+// The log line of a whole pose comes with the vocabulary, so that every
+// program that uses the arm's headers has the definition of
+// LogManager::printArray and not only its declaration.
+#include "print_array.h"
+
 namespace kelm {
 
 // The controller's finite-state mode, as reported in the state frames.
