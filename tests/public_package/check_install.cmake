@@ -26,3 +26,4 @@ run_step("configure the consumer" ${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${consu
 run_step("build the consumer" ${CMAKE_COMMAND} --build ${consumer_build})
 run_step("run the CMake package consumer" ${consumer_build}/consumer_cmake)
 run_step("run the pkg-config consumer" ${consumer_build}/consumer_pkgconfig)
+run_step("run the data member consumer" ${consumer_build}/consumer_data_members)
