@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <stdexcept>
+#include <string>
 
 namespace kelm {
 namespace sim {
@@ -51,68 +52,53 @@ bool reaches(const KDL::Frame& reached, const KDL::Frame& target) {
            length(rotationError(reached.M, target.M)) < kRotationTolerance;
 }
 
+// A rotation that takes the z axis onto `axis` (a unit vector).
+KDL::Rotation zOnto(const KDL::Vector& axis) {
+    const KDL::Vector z(0.0, 0.0, 1.0);
+    const KDL::Vector normal = z * axis;
+    const double sine = length(normal), cosine = KDL::dot(z, axis);
+    if (sine < 1e-12) return cosine > 0.0 ? KDL::Rotation::Identity() : KDL::Rotation::RotX(kPi);
+    return KDL::Rotation::Rot2(normal / sine, std::atan2(sine, cosine));
+}
+
 }  // namespace
 
-// A six-joint industrial arm with a 0.40 m column, a 0.45 m upper arm, a
-// 0.43 m forearm and a spherical wrist; at all-zero joints the upper arm
-// stands upright and the forearm points forward. Row 7 is a flange roll.
-const std::array<DhRow, kMaxDof>& dhTable() {
-    static const std::array<DhRow, kMaxDof> table = {{
-        {0.075, -kPi / 2, 0.400, 0.0},
-        {0.450, 0.0, 0.0, -kPi / 2},
-        {0.040, -kPi / 2, 0.0, 0.0},
-        {0.0, kPi / 2, 0.430, 0.0},
-        {0.0, -kPi / 2, 0.0, 0.0},
-        {0.0, 0.0, 0.090, 0.0},
-        {0.0, 0.0, 0.030, 0.0},
-    }};
-    return table;
-}
-
-JointLimits defaultJointLimits(int dof) {
-    static const std::array<double, kMaxDof> lower = {-2.87, -1.92, -1.92, -2.79, -2.09, -6.28, -3.14};
-    static const std::array<double, kMaxDof> upper = {2.87, 1.92, 1.22, 2.79, 2.09, 6.28, 3.14};
-    static const std::array<double, kMaxDof> vel = {2.0, 2.0, 2.5, 3.0, 3.0, 3.5, 3.5};
-    static const std::array<double, kMaxDof> acc = {8.0, 8.0, 10.0, 12.0, 12.0, 15.0, 15.0};
-    static const std::array<double, kMaxDof> jerk = {40.0, 40.0, 50.0, 60.0, 60.0, 75.0, 75.0};
-    JointLimits limits;
-    limits.lower.assign(lower.begin(), lower.begin() + dof);
-    limits.upper.assign(upper.begin(), upper.begin() + dof);
-    limits.vel.assign(vel.begin(), vel.begin() + dof);
-    limits.acc.assign(acc.begin(), acc.begin() + dof);
-    limits.dec.assign(acc.begin(), acc.begin() + dof);
-    limits.jerk.assign(jerk.begin(), jerk.begin() + dof);
-    return limits;
-}
-
-ArmKinematics::ArmKinematics(int dof) : dof_(dof) {
-    if (dof < 1 || dof > kMaxDof) throw std::invalid_argument("arm dof must be 1 to 7");
+ArmKinematics::ArmKinematics(int dof, const ArmModel& model) : dof_(dof) {
+    if (dof < 1 || dof > kMaxDof || dof > static_cast<int>(model.joints.size()))
+        throw std::invalid_argument("arm dof must be 1 to 7 and at most the model's " +
+                                    std::to_string(model.joints.size()) + " joints");
+    std::vector<KDL::Frame> to_z(dof + 1, KDL::Frame::Identity());
+    for (int i = 0; i < dof; ++i) to_z[i] = KDL::Frame(zOnto(model.joints[i].axis));
+    // An arm of fewer joints than the model ends where the next joint sits.
+    const KDL::Frame flange = dof < static_cast<int>(model.joints.size()) ? model.joints[dof].origin : model.tool;
+    base_ = model.joints[0].origin * to_z[0];
     for (int i = 0; i < dof; ++i) {
-        const DhRow& row = dhTable()[i];
-        chain_.addSegment(KDL::Segment(KDL::Joint(KDL::Joint::RotZ),
-                                       KDL::Frame::DH(row.a, row.alpha, row.d, row.theta_offset)));
+        const KDL::Frame next = i + 1 < dof ? model.joints[i + 1].origin * to_z[i + 1] : flange;
+        tips_.push_back(to_z[i].Inverse() * next);
     }
+    chain_.addSegment(KDL::Segment(KDL::Joint(KDL::Joint::Fixed), base_));
+    for (const KDL::Frame& tip : tips_) chain_.addSegment(KDL::Segment(KDL::Joint(KDL::Joint::RotZ), tip));
+}
+
+KDL::Frame ArmKinematics::turned(int joint, double angle) const {
+    return KDL::Frame(KDL::Rotation::RotZ(angle)) * tips_[joint];
 }
 
 KDL::Frame ArmKinematics::flange(const std::vector<double>& joints) const {
-    KDL::Frame frame = KDL::Frame::Identity();
-    for (int i = 0; i < dof_; ++i) {
-        const DhRow& row = dhTable()[i];
-        frame = frame * KDL::Frame::DH(row.a, row.alpha, row.d, row.theta_offset + joints[i]);
-    }
+    KDL::Frame frame = base_;
+    for (int i = 0; i < dof_; ++i) frame = frame * turned(i, joints[i]);
     return frame;
 }
 
 void ArmKinematics::jacobian(const std::vector<double>& joints, std::vector<double>& jacobian) const {
-    // Joint i turns about the z axis of the frame before its own row.
+    // Joint i turns about the z axis of the frame before its own tip.
     std::array<KDL::Vector, kMaxDof> axis;
     std::array<KDL::Vector, kMaxDof> origin;
-    KDL::Frame frame = KDL::Frame::Identity();
+    KDL::Frame frame = base_;
     for (int i = 0; i < dof_; ++i) {
         axis[i] = frame.M.UnitZ();
         origin[i] = frame.p;
-        const DhRow& row = dhTable()[i];
-        frame = frame * KDL::Frame::DH(row.a, row.alpha, row.d, row.theta_offset + joints[i]);
+        frame = frame * turned(i, joints[i]);
     }
     jacobian.assign(6 * dof_, 0.0);
     for (int i = 0; i < dof_; ++i) {

@@ -1,12 +1,13 @@
 // ArmKinematics: the kinematic model of one simulated arm.
 //
-// The arm is a serial chain of revolute joints described by one
-// Denavit-Hartenberg table (the default six rows are a typical six-joint
-// industrial arm; a seventh row, a flange roll, serves seven-joint arms).
-// Forward kinematics and the Jacobian are computed directly from the table,
-// without allocation, so the frame loop may call them every cycle; inverse
-// kinematics uses KDL's Levenberg-Marquardt solver with a fresh solver per
-// call. Every member is const and safe to call from several threads at once.
+// The arm comes from a URDF file (sim/models/): its chain from the root link
+// to `tool0` and its joint limits. An arm of N joints uses the first N
+// movable joints of the chain and ends where joint N+1 sits (the default
+// model has six joints and a seventh, a flange roll, for seven-joint arms).
+// Forward kinematics and the Jacobian walk the chain without allocation, so
+// the frame loop may call them every cycle; inverse kinematics uses KDL's
+// Levenberg-Marquardt solver with a fresh solver per call. Every member is
+// const and safe to call from several threads at once.
 //
 // Units: metres and radians. A pose is x, y, z and a quaternion x, y, z, w.
 #pragma once
@@ -16,20 +17,14 @@
 
 #include <array>
 #include <cmath>
+#include <memory>
+#include <string>
 #include <vector>
 
 namespace kelm {
 namespace sim {
 
 using Pose = std::array<double, 7>;
-
-// One row of a standard Denavit-Hartenberg table.
-struct DhRow {
-    double a;             // link length [m]
-    double alpha;         // link twist [rad]
-    double d;             // link offset [m]
-    double theta_offset;  // joint angle at which the joint reads 0 [rad]
-};
 
 // Per-joint limits of an arm, as served to clients.
 struct JointLimits {
@@ -45,17 +40,44 @@ struct JointLimits {
 // too coarse for solver tolerances.
 inline double length(const KDL::Vector& v) { return std::sqrt(KDL::dot(v, v)); }
 
-// The longest chain the model offers.
+// The most joints a simulated arm has.
 constexpr int kMaxDof = 7;
 
-// The arm's geometry: the first `dof` rows are used.
-const std::array<DhRow, kMaxDof>& dhTable();
+// One revolute joint of an arm model.
+struct ArmJoint {
+    std::string name;
+    KDL::Frame origin;  // joint frame in the previous joint's turned frame (the root's for the first)
+    KDL::Vector axis;   // unit axis of rotation in the joint frame
+};
+
+// One arm read from a URDF file: the revolute joints on the way from the
+// root link to `tool0`, fixed joints folded into the next origin.
+struct ArmModel {
+    std::string path;             // the file it came from
+    std::vector<ArmJoint> joints;  // root first
+    KDL::Frame tool;              // tool0 in the last joint's turned frame
+    JointLimits limits;           // one entry per joint
+};
+
+// Reads `urdf_path`; throws std::runtime_error saying what is wrong.
+// Acceleration and jerk limits are attributes `acceleration` and `jerk` of a
+// joint's <limit> (deceleration equals acceleration).
+std::shared_ptr<const ArmModel> loadArmModel(const std::string& urdf_path);
+// Where the default model lies: <program dir>/../share/kelm/models, which
+// holds for the build tree and for an install, else the source tree.
+std::string defaultArmModelPath();
+// The model every arm of this process is built from: the default model
+// unless useArmModel() chose another one. Call useArmModel() at start-up,
+// before any arm exists; it throws like loadArmModel().
+void useArmModel(const std::string& urdf_path);
+const ArmModel& armModel();
+// The first `dof` joints' limits of the model in use.
 JointLimits defaultJointLimits(int dof);
 
 class ArmKinematics {
 public:
-    // `dof` must be 1 to kMaxDof.
-    explicit ArmKinematics(int dof);
+    // `dof` must be 1 to kMaxDof and at most the model's joint count.
+    explicit ArmKinematics(int dof, const ArmModel& model = armModel());
 
     int dof() const { return dof_; }
 
@@ -85,8 +107,14 @@ public:
 private:
     void refine(const KDL::Frame& target, std::vector<double>& joints) const;
 
+    KDL::Frame turned(int joint, double angle) const;
+
     int dof_;
-    KDL::Chain chain_;
+    // Every joint turns about z of its own frame: base_ places the first,
+    // tips_[i] leads from joint i's turned frame to the next joint or the flange.
+    KDL::Frame base_;
+    std::vector<KDL::Frame> tips_;
+    KDL::Chain chain_;  // the same for KDL's solver
 };
 
 }  // namespace sim

@@ -6,9 +6,11 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
+#include "arm_kinematics.h"
 #include "sim_controller.h"
 
 namespace {
@@ -72,6 +74,16 @@ int main(int argc, char** argv) {
             return 1;
         case kelm::sim::ParseResult::Run:
             break;
+    }
+    try {
+        if (!options.model.empty()) kelm::sim::useArmModel(options.model);
+        const size_t model_joints = kelm::sim::armModel().joints.size();
+        if (static_cast<size_t>(options.dof) > model_joints)
+            throw std::runtime_error("--dof " + std::to_string(options.dof) + " exceeds the " +
+                                     std::to_string(model_joints) + " joints of " + kelm::sim::armModel().path);
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "kelm_sim: %s\n", failure.what());
+        return 1;
     }
     installStopHandlers();
     kelm::sim::SimController controller(options);

@@ -31,6 +31,7 @@ enum OptionId {
     kMalformed,
     kStopStreaming,
     kCloseAfter,
+    kModel,
 };
 
 const option kLongOptions[] = {
@@ -39,6 +40,7 @@ const option kLongOptions[] = {
     {"arms", required_argument, nullptr, kArms},
     {"dof", required_argument, nullptr, kDof},
     {"rate", required_argument, nullptr, kRate},
+    {"model", required_argument, nullptr, kModel},
     {"operator", required_argument, nullptr, kOperator},
     {"amplitude", required_argument, nullptr, kAmplitude},
     {"period", required_argument, nullptr, kPeriod},
@@ -118,6 +120,7 @@ bool applyOption(int id, const char* argument, SimOptions& options) {
             options.dof = static_cast<int>(integer);
             return true;
         case kRate: return readNumber(argument, 1.0, 20000.0, options.rate);
+        case kModel: options.model = argument; return !options.model.empty();
         case kOperator:
             options.hand.enabled = std::string(argument) == "on";
             return options.hand.enabled || std::string(argument) == "off";
@@ -198,6 +201,7 @@ std::string simUsage(const char* program) {
          << "  -a, --arms N                arms of the controller, 1 or 2 (default 1)\n"
          << "  -d, --dof N                 joints per arm, 1 to 7 (default 6)\n"
          << "  -r, --rate HZ               state frames per second (default 500)\n"
+         << "      --model FILE.urdf       the arm's URDF model (default: the built-in arm)\n"
          << "      --reply-latency-us US   least time before a reply (default 10000)\n"
          << "Operator and environment:\n"
          << "      --operator on|off       the simulated hand moves arms in drag mode and as\n"

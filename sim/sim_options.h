@@ -23,6 +23,7 @@ struct SimOptions {
     int arms = 1;                // 1 or 2
     int dof = 6;                 // 1 to 7
     double rate = 500.0;         // state frames per second
+    std::string model;           // URDF file of the arm; empty: the default model
     // Least time between a request and its reply. A real controller takes
     // milliseconds; a client that files its request only after sending it
     // loses a reply that comes back sooner, which a loaded machine with a
