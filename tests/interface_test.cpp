@@ -323,7 +323,7 @@ KELM_OPERATION(KelmKernelImpl, set_dynamics_cali_calcu, int(bool));
 KELM_OPERATION(KelmKernelImpl, get_config, ArmConfig());
 KELM_OPERATION(KelmKernelImpl, get_version, std::string());
 
-// ---- KelmSingleCol: one owning pointer to its kernel, no base, nothing virtual ----
+// ---- KelmSingleCol and KelmDualBot: owning pointers to their kernels, no base, nothing virtual ----
 
 using JointFn = std::function<void(double, Joints, Joints, Joints)>;
 using PoseFn = std::function<void(double, Pose)>;
@@ -332,129 +332,78 @@ using ErrorFn = std::function<void(int, std::string)>;
 using CompletionFn = std::function<void(std::string)>;
 
 static_assert(!std::is_polymorphic_v<KelmSingleCol> && sizeof(KelmSingleCol) == sizeof(KelmKernelImpl*));
-static_assert(std::is_constructible_v<KelmSingleCol, const std::string&, int, double>);
-KELM_OPERATION(KelmSingleCol, connect, int(const std::string&, int, double));
-KELM_OPERATION(KelmSingleCol, disconnect, int());
-KELM_OPERATION(KelmSingleCol, is_connected, bool());
-KELM_OPERATION(KelmSingleCol, set_ready, int());
-KELM_OPERATION(KelmSingleCol, set_servo_enable, int(bool));
-KELM_OPERATION(KelmSingleCol, set_control_mode, int(int));
-KELM_OPERATION(KelmSingleCol, set_speed_level, int(double, int));
-KELM_OPERATION(KelmSingleCol, set_collision_config, int(bool, int));
-KELM_OPERATION(KelmSingleCol, emergency_stop, int());
-KELM_OPERATION(KelmSingleCol, set_gripper, int(double, double));
-KELM_OPERATION(KelmSingleCol, get_version, std::string());
-KELM_OPERATION(KelmSingleCol, get_config, ArmConfig());
-KELM_OPERATION(KelmSingleCol, set_tool_index, int(int));
-KELM_OPERATION(KelmSingleCol, get_tool_index, int());
-KELM_OPERATION(KelmSingleCol, get_tool_coordinate, Pose(int));
-KELM_OPERATION(KelmSingleCol, trajectory_teach, int(bool, std::string));
-KELM_OPERATION(KelmSingleCol, trajectory_recorder, int(std::string));
-KELM_OPERATION(KelmSingleCol, check_teach, int(std::vector<std::string>&));
-KELM_OPERATION(KelmSingleCol, get_status, ArmStatus());
-KELM_OPERATION(KelmSingleCol, get_joint_pos, Joints());
-KELM_OPERATION(KelmSingleCol, get_joint_vel, Joints());
-KELM_OPERATION(KelmSingleCol, get_joint_tau, Joints());
-KELM_OPERATION(KelmSingleCol, get_plan_joint_pos, Joints());
-KELM_OPERATION(KelmSingleCol, get_plan_joint_vel, Joints());
-KELM_OPERATION(KelmSingleCol, get_plan_joint_tau, Joints());
-KELM_OPERATION(KelmSingleCol, get_cart_pose, Pose());
-KELM_OPERATION(KelmSingleCol, get_joint_external_tau, Joints());
-KELM_OPERATION(KelmSingleCol, get_cart_external_force, Joints());
-KELM_OPERATION(KelmSingleCol, get_gripper_state, int());
-KELM_OPERATION(KelmSingleCol, get_gripper_pos, double());
-KELM_OPERATION(KelmSingleCol, get_gripper_vel, double());
-KELM_OPERATION(KelmSingleCol, get_gripper_tau, double());
-KELM_OPERATION(KelmSingleCol, register_joint_cbk, void(JointFn));
-KELM_OPERATION(KelmSingleCol, release_joint_cbk, int());
-KELM_OPERATION(KelmSingleCol, register_pose_cbk, void(PoseFn));
-KELM_OPERATION(KelmSingleCol, release_pose_cbk, int());
-KELM_OPERATION(KelmSingleCol, register_plan_joint_cbk, void(JointFn));
-KELM_OPERATION(KelmSingleCol, release_plan_joint_cbk, int());
-KELM_OPERATION(KelmSingleCol, register_external_force_cbk, void(ForceFn));
-KELM_OPERATION(KelmSingleCol, release_external_force_cbk, int());
-KELM_OPERATION(KelmSingleCol, register_error_cbk, void(const std::string&, ErrorFn));
-KELM_OPERATION(KelmSingleCol, release_error_cbk, int(const std::string&));
-KELM_OPERATION(KelmSingleCol, register_completion_cbk, void(const std::string&, CompletionFn));
-KELM_OPERATION(KelmSingleCol, release_completion_cbk, int(const std::string&));
-KELM_OPERATION(KelmSingleCol, forward_kine, int(int, const Joints&, Pose&));
-KELM_OPERATION(KelmSingleCol, forward_kine_array, int(int, const Points&, Poses&));
-KELM_OPERATION(KelmSingleCol, inverse_kine, int(int, const Pose&, const Joints&, Joints&));
-KELM_OPERATION(KelmSingleCol, inverse_kine_array, int(int, const Poses&, const Points&, Points&));
-KELM_OPERATION(KelmSingleCol, move_joint, int(const Joints&, double, bool));
-KELM_OPERATION(KelmSingleCol, move_pose, int(const Pose&, double, bool));
-KELM_OPERATION(KelmSingleCol, move_line_joint, int(const Joints&, bool));
-KELM_OPERATION(KelmSingleCol, move_line_pose, int(const Pose&, bool));
-KELM_OPERATION(KelmSingleCol, move_joint_traj, int(const Points&, Joints, Joints, bool));
-KELM_OPERATION(KelmSingleCol, move_pose_traj, int(const Poses&, Joints, Joints, bool));
-KELM_OPERATION(KelmSingleCol, track_joint, int(const Joints&, double));
-KELM_OPERATION(KelmSingleCol, track_pose, int(const Pose&, double));
-
-// ---- KelmDualBot: two owning pointers, no base, nothing virtual ----
-
 static_assert(!std::is_polymorphic_v<KelmDualBot> && sizeof(KelmDualBot) == 2 * sizeof(KelmKernelImpl*));
+static_assert(std::is_constructible_v<KelmSingleCol, const std::string&, int, double>);
 static_assert(std::is_constructible_v<KelmDualBot, const std::string&, int, double, int, int>);
-KELM_OPERATION(KelmDualBot, connect, int(const std::string&, int, double));
-KELM_OPERATION(KelmDualBot, disconnect, int());
-KELM_OPERATION(KelmDualBot, is_connected, bool());
-KELM_OPERATION(KelmDualBot, set_ready, int());
-KELM_OPERATION(KelmDualBot, set_servo_enable, int(bool));
-KELM_OPERATION(KelmDualBot, set_control_mode, int(int));
-KELM_OPERATION(KelmDualBot, set_speed_level, int(double, int));
-KELM_OPERATION(KelmDualBot, set_collision_config, int(bool, int));
-KELM_OPERATION(KelmDualBot, emergency_stop, int());
-KELM_OPERATION(KelmDualBot, get_version, std::string());
-KELM_OPERATION(KelmDualBot, trajectory_teach, int(bool, std::string));
-KELM_OPERATION(KelmDualBot, trajectory_recorder, int(std::string));
-KELM_OPERATION(KelmDualBot, check_teach, int(std::vector<std::string>&));
-KELM_OPERATION(KelmDualBot, register_error_cbk, void(const std::string&, ErrorFn));
-KELM_OPERATION(KelmDualBot, register_completion_cbk, void(const std::string&, CompletionFn));
-KELM_OPERATION(KelmDualBot, release_error_cbk, int(const std::string&));
-KELM_OPERATION(KelmDualBot, release_completion_cbk, int(const std::string&));
 
-// The left and the right twin of a one-arm member: `head` left|right `tail`.
-#define KELM_TWINS(head, tail, ...)                                   \
-    KELM_OPERATION(KelmDualBot, head##left##tail, __VA_ARGS__);       \
-    KELM_OPERATION(KelmDualBot, head##right##tail, __VA_ARGS__)
-KELM_TWINS(get_, _status, ArmStatus());
-KELM_TWINS(get_, _config, ArmConfig());
-KELM_TWINS(get_, _joint_pos, Joints());
-KELM_TWINS(get_, _joint_vel, Joints());
-KELM_TWINS(get_, _joint_tau, Joints());
-KELM_TWINS(get_, _plan_joint_pos, Joints());
-KELM_TWINS(get_, _plan_joint_vel, Joints());
-KELM_TWINS(get_, _plan_joint_tau, Joints());
-KELM_TWINS(get_, _cart_pose, Pose());
-KELM_TWINS(get_, _joint_external_tau, Joints());
-KELM_TWINS(get_, _cart_external_force, Joints());
-KELM_TWINS(get_, _gripper_state, int());
-KELM_TWINS(get_, _gripper_pos, double());
-KELM_TWINS(get_, _gripper_vel, double());
-KELM_TWINS(get_, _gripper_tau, double());
-KELM_TWINS(set_, _gripper, int(double, double));
-KELM_TWINS(set_, _tool_index, int(int));
-KELM_TWINS(get_, _tool_index, int());
-KELM_TWINS(get_, _tool_coordinate, Pose(int));
-KELM_TWINS(track_, _joint, int(const Joints&, double));
-KELM_TWINS(track_, _pose, int(const Pose&, double));
-KELM_TWINS(move_, _joint, int(const Joints&, double, bool));
-KELM_TWINS(move_, _pose, int(const Pose&, double, bool));
-KELM_TWINS(move_, _line_joint, int(const Joints&, bool));
-KELM_TWINS(move_, _line_pose, int(const Pose&, bool));
-KELM_TWINS(move_, _joint_traj, int(const Points&, Joints, Joints, bool));
-KELM_TWINS(move_, _pose_traj, int(const Poses&, Joints, Joints, bool));
-KELM_TWINS(forward_kine_, , int(int, const Joints&, Pose&));
-KELM_TWINS(forward_kine_, _array, int(int, const Points&, Poses&));
-KELM_TWINS(inverse_kine_, , int(int, const Pose&, const Joints&, Joints&));
-KELM_TWINS(inverse_kine_, _array, int(int, const Poses&, const Points&, Points&));
-KELM_TWINS(register_, _joint_cbk, void(JointFn));
-KELM_TWINS(release_, _joint_cbk, int());
-KELM_TWINS(register_, _pose_cbk, void(PoseFn));
-KELM_TWINS(release_, _pose_cbk, int());
-KELM_TWINS(register_, _plan_joint_cbk, void(JointFn));
-KELM_TWINS(release_, _plan_joint_cbk, int());
-KELM_TWINS(register_, _external_force_cbk, void(ForceFn));
-KELM_TWINS(release_, _external_force_cbk, int());
+// A member that both classes have, with one name and signature.
+#define KELM_BOTH_CLASSES(name, ...)                   \
+    KELM_OPERATION(KelmSingleCol, name, __VA_ARGS__); \
+    KELM_OPERATION(KelmDualBot, name, __VA_ARGS__)
+KELM_BOTH_CLASSES(connect, int(const std::string&, int, double));
+KELM_BOTH_CLASSES(disconnect, int());
+KELM_BOTH_CLASSES(is_connected, bool());
+KELM_BOTH_CLASSES(set_ready, int());
+KELM_BOTH_CLASSES(set_servo_enable, int(bool));
+KELM_BOTH_CLASSES(set_control_mode, int(int));
+KELM_BOTH_CLASSES(set_speed_level, int(double, int));
+KELM_BOTH_CLASSES(set_collision_config, int(bool, int));
+KELM_BOTH_CLASSES(emergency_stop, int());
+KELM_BOTH_CLASSES(get_version, std::string());
+KELM_BOTH_CLASSES(trajectory_teach, int(bool, std::string));
+KELM_BOTH_CLASSES(trajectory_recorder, int(std::string));
+KELM_BOTH_CLASSES(check_teach, int(std::vector<std::string>&));
+KELM_BOTH_CLASSES(register_error_cbk, void(const std::string&, ErrorFn));
+KELM_BOTH_CLASSES(release_error_cbk, int(const std::string&));
+KELM_BOTH_CLASSES(register_completion_cbk, void(const std::string&, CompletionFn));
+KELM_BOTH_CLASSES(release_completion_cbk, int(const std::string&));
+
+// A one-arm member of KelmSingleCol with its left and right twins in KelmDualBot.
+#define KELM_ONE_ARM(single, left, right, ...)         \
+    KELM_OPERATION(KelmSingleCol, single, __VA_ARGS__); \
+    KELM_OPERATION(KelmDualBot, left, __VA_ARGS__);     \
+    KELM_OPERATION(KelmDualBot, right, __VA_ARGS__)
+KELM_ONE_ARM(get_status, get_left_status, get_right_status, ArmStatus());
+KELM_ONE_ARM(get_config, get_left_config, get_right_config, ArmConfig());
+KELM_ONE_ARM(get_joint_pos, get_left_joint_pos, get_right_joint_pos, Joints());
+KELM_ONE_ARM(get_joint_vel, get_left_joint_vel, get_right_joint_vel, Joints());
+KELM_ONE_ARM(get_joint_tau, get_left_joint_tau, get_right_joint_tau, Joints());
+KELM_ONE_ARM(get_plan_joint_pos, get_left_plan_joint_pos, get_right_plan_joint_pos, Joints());
+KELM_ONE_ARM(get_plan_joint_vel, get_left_plan_joint_vel, get_right_plan_joint_vel, Joints());
+KELM_ONE_ARM(get_plan_joint_tau, get_left_plan_joint_tau, get_right_plan_joint_tau, Joints());
+KELM_ONE_ARM(get_cart_pose, get_left_cart_pose, get_right_cart_pose, Pose());
+KELM_ONE_ARM(get_joint_external_tau, get_left_joint_external_tau, get_right_joint_external_tau, Joints());
+KELM_ONE_ARM(get_cart_external_force, get_left_cart_external_force, get_right_cart_external_force, Joints());
+KELM_ONE_ARM(get_gripper_state, get_left_gripper_state, get_right_gripper_state, int());
+KELM_ONE_ARM(get_gripper_pos, get_left_gripper_pos, get_right_gripper_pos, double());
+KELM_ONE_ARM(get_gripper_vel, get_left_gripper_vel, get_right_gripper_vel, double());
+KELM_ONE_ARM(get_gripper_tau, get_left_gripper_tau, get_right_gripper_tau, double());
+KELM_ONE_ARM(set_gripper, set_left_gripper, set_right_gripper, int(double, double));
+KELM_ONE_ARM(set_tool_index, set_left_tool_index, set_right_tool_index, int(int));
+KELM_ONE_ARM(get_tool_index, get_left_tool_index, get_right_tool_index, int());
+KELM_ONE_ARM(get_tool_coordinate, get_left_tool_coordinate, get_right_tool_coordinate, Pose(int));
+KELM_ONE_ARM(track_joint, track_left_joint, track_right_joint, int(const Joints&, double));
+KELM_ONE_ARM(track_pose, track_left_pose, track_right_pose, int(const Pose&, double));
+KELM_ONE_ARM(move_joint, move_left_joint, move_right_joint, int(const Joints&, double, bool));
+KELM_ONE_ARM(move_pose, move_left_pose, move_right_pose, int(const Pose&, double, bool));
+KELM_ONE_ARM(move_line_joint, move_left_line_joint, move_right_line_joint, int(const Joints&, bool));
+KELM_ONE_ARM(move_line_pose, move_left_line_pose, move_right_line_pose, int(const Pose&, bool));
+KELM_ONE_ARM(move_joint_traj, move_left_joint_traj, move_right_joint_traj, int(const Points&, Joints, Joints, bool));
+KELM_ONE_ARM(move_pose_traj, move_left_pose_traj, move_right_pose_traj, int(const Poses&, Joints, Joints, bool));
+KELM_ONE_ARM(forward_kine, forward_kine_left, forward_kine_right, int(int, const Joints&, Pose&));
+KELM_ONE_ARM(forward_kine_array, forward_kine_left_array, forward_kine_right_array, int(int, const Points&, Poses&));
+KELM_ONE_ARM(inverse_kine, inverse_kine_left, inverse_kine_right, int(int, const Pose&, const Joints&, Joints&));
+KELM_ONE_ARM(inverse_kine_array, inverse_kine_left_array, inverse_kine_right_array,
+             int(int, const Poses&, const Points&, Points&));
+KELM_ONE_ARM(register_joint_cbk, register_left_joint_cbk, register_right_joint_cbk, void(JointFn));
+KELM_ONE_ARM(release_joint_cbk, release_left_joint_cbk, release_right_joint_cbk, int());
+KELM_ONE_ARM(register_pose_cbk, register_left_pose_cbk, register_right_pose_cbk, void(PoseFn));
+KELM_ONE_ARM(release_pose_cbk, release_left_pose_cbk, release_right_pose_cbk, int());
+KELM_ONE_ARM(register_plan_joint_cbk, register_left_plan_joint_cbk, register_right_plan_joint_cbk, void(JointFn));
+KELM_ONE_ARM(release_plan_joint_cbk, release_left_plan_joint_cbk, release_right_plan_joint_cbk, int());
+KELM_ONE_ARM(register_external_force_cbk, register_left_external_force_cbk, register_right_external_force_cbk,
+             void(ForceFn));
+KELM_ONE_ARM(release_external_force_cbk, release_left_external_force_cbk, release_right_external_force_cbk, int());
 
 // A value-initialised configuration is what a failed request gives.
 TEST(PublicInterface, ValueInitialisedConfigurationIsEmpty) {
