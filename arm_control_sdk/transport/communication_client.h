@@ -10,19 +10,30 @@
 // closed it, it broke, or disConnect() ended it. Nothing reconnects by itself.
 //
 // Threads:
-// - connect_callback and the listener run on the receive thread only, never
-//   two at once. An exception thrown by either is logged and swallowed; the
-//   receive thread carries on.
+// - One receive thread per client delivers everything: connect_callback and
+//   the listener run on it only, never two at once, also across a reconnect
+//   made from inside a callback (the same thread then goes on with the new
+//   connection once the callback returns). An exception thrown by either is
+//   logged and swallowed; the receive thread carries on.
 // - sendRequest() and isConnected() may be called from any thread, the
 //   receive thread included.
 // - connect(), disConnect(), setClientHandle() and the listener operations
-//   may be called from any thread, also from inside a callback on the receive
-//   thread: disConnect() there ends the connection and reports it at once
-//   instead of waiting for its own thread; connect() there fails (-1) while
-//   another thread is connecting or disconnecting, which may be waiting for
-//   this very thread.
+//   may be called from any thread, also from inside a callback:
+//   - on this client's receive thread, disConnect() ends the connection and
+//     reports it at once; connect() reports the new connection at once and
+//     fails (-1) while another thread is connecting or disconnecting, which
+//     may be waiting for this very thread;
+//   - on another client's receive thread, both wait for this client's
+//     receive thread only when that thread is not itself waiting, directly
+//     or through others, for the caller: two clients whose callbacks
+//     disconnect each other never deadlock. disConnect() then stops the
+//     connection and leaves its thread to report the loss and to be joined
+//     by the next connect() or the destructor; connect() fails (-1).
+//   Destroying a client is the one wait that cannot be skipped: two clients
+//   must not destroy each other from their callbacks.
 // - Assign connect_callback only while no connection stands (before
-//   connect(), or after disConnect() has returned on another thread).
+//   connect(), or after disConnect() has returned on a thread that is no
+//   receive thread).
 //
 // Rates: setSendRate() and setRecvRate() are stored and carried over from
 // one connection to the next, but they do not pace anything: every request
@@ -90,11 +101,18 @@ private:
     struct Delivery;
 
     void receiveLoop(std::shared_ptr<Connection> connection, std::shared_ptr<Delivery> delivery);
+    void receiveUntilEnded(Connection& connection, Delivery& delivery);
+    int adoptOnThisThread(const std::shared_ptr<Connection>& connection);
+    int startReceiveThread(const std::shared_ptr<Connection>& connection, const std::string& ip, int port);
     void reportConnectionState(Connection& connection, bool up);
-    void stopConnection(const std::shared_ptr<Connection>& connection);
+    void stopConnection(const std::shared_ptr<Connection>& connection, bool wait_for_close);
+    void stopWithoutWaiting();
     bool lockLifecycle(std::unique_lock<std::mutex>& lifecycle);
-    bool onReceiveThread() const;  // on a receive thread of this client, current or earlier
-    void endCurrentConnection();
+    bool onReceiveThread() const;  // on this client's receive thread
+    bool endCurrentConnection();
+
+    // The connection that the receive thread running now is serving.
+    static thread_local Connection* serving_;
 
     std::shared_ptr<Delivery> delivery_;
     std::mutex lifecycle_mutex_;  // serialises connect() and disConnect() between threads

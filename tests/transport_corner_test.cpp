@@ -1,0 +1,144 @@
+// Corners of the connection's threads: a reconnect from inside a callback
+// and two connections whose callbacks disconnect each other.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "communication_client.h"
+#include "recorder.h"
+#include "test_peer.h"
+#include "websocket_client.h"
+
+namespace kelm {
+namespace {
+
+using std::chrono::milliseconds;
+using test::Recorder;
+using test::TestPeer;
+using test::waitUntil;
+
+// A test that deadlocks cannot clean up: end the process with a message
+// instead of hanging until the CTest time-out.
+void exitIfStuck(bool done, const char* what) {
+    if (done) return;
+    std::fprintf(stderr, "stuck: %s\n", what);
+    std::_Exit(1);
+}
+
+class HookListener : public iRecieveListener {
+public:
+    void onReceive(const std::string& message) override {
+        const int now_inside = ++inside;
+        int seen = max_inside.load();
+        while (now_inside > seen && !max_inside.compare_exchange_weak(seen, now_inside)) {
+        }
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            threads.insert(std::this_thread::get_id());
+        }
+        messages.add(message);
+        if (hook) hook(message);
+        --inside;
+    }
+    std::size_t threadCount() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return threads.size();
+    }
+
+    std::function<void(const std::string&)> hook;
+    Recorder<std::string> messages;
+    std::atomic<int> inside{0};
+    std::atomic<int> max_inside{0};
+    std::mutex mutex;
+    std::set<std::thread::id> threads;
+};
+
+struct Endpoint {
+    explicit Endpoint(TestPeer& peer) : peer(peer) {
+        client.attachListener(&listener);
+        client.connect_callback = [this](bool up) { events.add(up); };
+    }
+    ~Endpoint() {
+        client.disConnect();
+        client.releaseListener(&listener);
+    }
+    int connect() {
+        client.setClientHandle(std::make_shared<WebSocketClient>(peer.host(), peer.port()));
+        return client.connect(peer.host(), peer.port(), 1.0);
+    }
+
+    TestPeer& peer;
+    HookListener listener;
+    Recorder<bool> events;
+    CommunicationClient client;
+};
+
+TEST(TransportCorner, ReconnectFromACallbackKeepsOneDeliveringThread) {
+    TestPeer peer;
+    Endpoint endpoint(peer);
+    Recorder<int> results;
+    endpoint.listener.hook = [&](const std::string& message) {
+        if (message != "reconnect") return;
+        results.add(endpoint.connect());
+        // The new connection has a message waiting while this callback runs on.
+        peer.waitForConnections(1);
+        peer.sendText("on the new connection");
+        std::this_thread::sleep_for(milliseconds(100));
+    };
+    ASSERT_EQ(endpoint.connect(), 1);
+    ASSERT_TRUE(peer.waitForConnections(1));
+    peer.sendText("reconnect");
+    ASSERT_TRUE(endpoint.listener.messages.waitForCount(2));
+    EXPECT_EQ(results.values(), std::vector<int>{1});
+    EXPECT_EQ(endpoint.events.values(), (std::vector<bool>{true, false, true}));
+    EXPECT_EQ(endpoint.listener.max_inside.load(), 1) << "two threads delivered at once";
+    EXPECT_EQ(endpoint.listener.threadCount(), 1u);
+    EXPECT_TRUE(endpoint.client.isConnected());
+
+    // The loss callback may reconnect as well, on the same thread.
+    endpoint.client.connect_callback = [&](bool up) {
+        endpoint.events.add(up);
+        if (!up) results.add(endpoint.connect());
+    };
+    peer.dropConnections();
+    ASSERT_TRUE(endpoint.events.waitFor({true, false, true, false, true}));
+    ASSERT_TRUE(peer.waitForConnections(1));
+    peer.sendText("after the loss");
+    ASSERT_TRUE(endpoint.listener.messages.waitForCount(3));
+    EXPECT_EQ(endpoint.listener.threadCount(), 1u);
+    endpoint.client.disConnect();
+    endpoint.client.connect_callback = [&](bool up) { endpoint.events.add(up); };
+}
+
+TEST(TransportCorner, TwoConnectionsWhoseCallbacksDisconnectEachOtherBothEnd) {
+    TestPeer peer;
+    Endpoint first(peer), second(peer);
+    std::atomic<int> arrived{0};
+    auto crossing = [&](Endpoint& other) {
+        return [&](const std::string&) {
+            ++arrived;
+            waitUntil([&] { return arrived.load() == 2; }, milliseconds(2000));  // both callbacks are inside
+            other.client.disConnect();
+        };
+    };
+    first.listener.hook = crossing(second);
+    second.listener.hook = crossing(first);
+    ASSERT_EQ(first.connect(), 1);
+    ASSERT_EQ(second.connect(), 1);
+    ASSERT_TRUE(peer.waitForConnections(2));
+    peer.sendText("cross");
+    exitIfStuck(first.events.waitFor({true, false}) && second.events.waitFor({true, false}),
+                "two connections disconnecting each other");
+    EXPECT_TRUE(peer.waitForConnections(0));
+    EXPECT_EQ(first.connect(), 1) << "the stopped thread is joined";
+}
+
+}  // namespace
+}  // namespace kelm
