@@ -57,6 +57,12 @@ spdlog::level::level_enum toSpdlogLevel(LogLevel level) {
     return level == LOG_ERROR ? spdlog::level::err : spdlog::level::info;
 }
 
+// The lowest spdlog level written when lines of `level` and above are wanted.
+spdlog::level::level_enum toSpdlogThreshold(int level) {
+    if (level <= LOG_INFO) return spdlog::level::trace;
+    return level == LOG_ERROR ? spdlog::level::err : spdlog::level::off;
+}
+
 }  // namespace
 
 struct LogManager::Sink {
@@ -88,8 +94,13 @@ void LogManager::log(const char* file, int line, LogLevel level, const char* for
 void LogManager::reset() {
     sink_->logger->flush();
     sink_->logger->set_pattern(kLinePattern);
-    sink_->logger->set_level(spdlog::level::trace);
+    sink_->logger->set_level(toSpdlogThreshold(level_.load()));
     sink_->logger->flush_on(spdlog::level::err);
+}
+
+void LogManager::setLevel(int level) {
+    level_.store(level);
+    sink_->logger->set_level(toSpdlogThreshold(level));
 }
 
 void LogManager::setLineObserver(LineObserver observer) {

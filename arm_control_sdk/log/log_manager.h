@@ -8,6 +8,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -39,8 +40,14 @@ public:
     void log(const char* file, int line, LogLevel level, const char* format, ...);
 
     // Flushes what is buffered and puts the logger back to its initial
-    // settings (all levels written).
+    // settings, but for the level that setLevel chose (at first: all levels
+    // written).
     void reset();
+
+    // Writes only lines of `level` and above: LOG_INFO writes everything,
+    // LOG_ERROR failures only, any higher value nothing. The line observer
+    // sees every line all the same.
+    void setLevel(int level);
 
     // Writes "<label> : v0, v1, ..., v6": each value in fixed notation with
     // `precision` digits, or scientific when it is greater than 1e6.
@@ -56,6 +63,7 @@ private:
     std::unique_ptr<Sink> sink_;
     std::mutex observer_mutex_;
     LineObserver observer_;
+    std::atomic<int> level_{LOG_INFO};
 };
 
 // The one logger of the process.
