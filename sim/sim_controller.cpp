@@ -1,5 +1,6 @@
 #include "sim_controller.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "log_manager.h"
@@ -48,6 +49,8 @@ SimController::SimController(SimOptions options)
     if (options_.reply_delay_ms > 0)
         faults_.delayReplies(FaultInjector::kAnyCommand, std::chrono::milliseconds(options_.reply_delay_ms));
     for (const auto& error : options_.errors) model_.raiseError(error.arm, error.code, error.message);
+    faults_.setNetworkDelay(std::chrono::microseconds(options_.net_latency_us),
+                            std::chrono::microseconds(options_.net_jitter_us));
 }
 
 SimController::~SimController() { stop(); }
@@ -64,7 +67,7 @@ void SimController::start() {
         std::lock_guard<std::mutex> lock(reply_mutex_);
         reply_thread_stop_ = false;
     }
-    reply_thread_ = std::thread([this] { replyLoop(); });
+    reply_thread_ = std::thread([this] { senderLoop(); });
     running_ = true;
     frame_thread_ = std::thread([this] { frameLoop(); });
 }
@@ -77,6 +80,7 @@ void SimController::stop() {
         std::lock_guard<std::mutex> lock(reply_mutex_);
         reply_thread_stop_ = true;
         pending_replies_ = {};
+        wire_.clear();
     }
     reply_cv_.notify_all();
     if (reply_thread_.joinable()) reply_thread_.join();
@@ -100,6 +104,18 @@ void SimController::closeConnections(bool clean) {
         if (clean) server_.closeConnection(id);
         else server_.dropConnection(id);
     }
+}
+
+void SimController::stallReading(std::chrono::milliseconds duration) {
+    for (const auto id : server_.connectionIds()) server_.stallReading(id, duration);
+}
+
+void SimController::goHalfOpen() {
+    for (const auto id : server_.connectionIds()) server_.silence(id);
+}
+
+void SimController::resetConnections() {
+    for (const auto id : server_.connectionIds()) server_.resetMidMessage(id);
 }
 
 void SimController::onText(WebSocketServer::ConnectionId connection, const std::string& text) {
@@ -135,7 +151,7 @@ void SimController::reply(WebSocketServer::ConnectionId connection, const Json::
         received + std::chrono::microseconds(options_.reply_latency_us) + faults_.delayFor(command);
     std::string text = compactText(reply);
     if (Clock::now() >= due) {
-        if (server_.sendText(connection, text)) ++replies_sent_;
+        transmit(connection, text);
         return;
     }
     {
@@ -145,22 +161,54 @@ void SimController::reply(WebSocketServer::ConnectionId connection, const Json::
     reply_cv_.notify_all();
 }
 
-void SimController::replyLoop() {
+// Sends now, or hands the text to the slowed network.
+void SimController::transmit(WebSocketServer::ConnectionId connection, const std::string& text) {
+    if (faults_.networkDelayed()) {
+        putOnWire(connection, text);
+        return;
+    }
+    if (connection == 0) server_.broadcastText(text);
+    else if (server_.sendText(connection, text)) ++replies_sent_;
+}
+
+void SimController::putOnWire(WebSocketServer::ConnectionId connection, std::string text) {
+    {
+        std::lock_guard<std::mutex> lock(reply_mutex_);
+        Clock::time_point due = Clock::now() + faults_.sampleNetworkDelay();
+        if (!wire_.empty()) due = std::max(due, wire_.back().due);
+        wire_.push_back(InFlight{due, connection, std::move(text)});
+    }
+    reply_cv_.notify_all();
+}
+
+// Sends delayed replies when they are due, and what is on the slowed
+// network when it arrives.
+void SimController::senderLoop() {
     std::unique_lock<std::mutex> lock(reply_mutex_);
     while (!reply_thread_stop_) {
-        if (pending_replies_.empty()) {
+        const bool reply_first =
+            !pending_replies_.empty() && (wire_.empty() || pending_replies_.top().due <= wire_.front().due);
+        if (!reply_first && wire_.empty()) {
             reply_cv_.wait(lock);
             continue;
         }
-        const Clock::time_point due = pending_replies_.top().due;
+        const Clock::time_point due = reply_first ? pending_replies_.top().due : wire_.front().due;
         if (Clock::now() < due) {
             reply_cv_.wait_until(lock, due);
             continue;
         }
-        PendingReply next = pending_replies_.top();
-        pending_replies_.pop();
-        lock.unlock();
-        if (server_.sendText(next.connection, next.text)) ++replies_sent_;
+        if (reply_first) {
+            PendingReply next = pending_replies_.top();
+            pending_replies_.pop();
+            lock.unlock();
+            transmit(next.connection, next.text);
+        } else {
+            InFlight next = std::move(wire_.front());
+            wire_.pop_front();
+            lock.unlock();
+            if (next.connection == 0) server_.broadcastText(next.text);
+            else if (server_.sendText(next.connection, next.text)) ++replies_sent_;
+        }
         lock.lock();
     }
 }
@@ -194,22 +242,23 @@ void SimController::sendFrame(std::uint64_t frame_number) {
     // Taken before the send, so that it precedes anything a client does
     // in answer to the frame, even when this thread is preempted.
     const Clock::time_point sent = Clock::now();
-    if (malformed) server_.broadcastText(text.substr(0, text.size() / 2));
-    else server_.broadcastText(text);
+    transmit(0, malformed ? text.substr(0, text.size() / 2) : text);
     ++frames_sent_;
     if (!sent_frame_observers.empty()) sent_frame_observers.callEach(count_, sent);
 }
 
 void SimController::applyTimedFaults(double seconds_running) {
-    if (options_.stop_streaming_after > 0.0 && seconds_running >= options_.stop_streaming_after &&
-        !timed_silence_done_) {
-        timed_silence_done_ = true;
-        faults_.setStreaming(false);
-    }
-    if (options_.close_after > 0.0 && seconds_running >= options_.close_after && !timed_close_done_) {
-        timed_close_done_ = true;
-        closeConnections(true);
-    }
+    // Each timed fault fires once, at the first cycle at or after its time.
+    const auto due = [seconds_running](double at, bool& done) {
+        if (at <= 0.0 || seconds_running < at || done) return false;
+        done = true;
+        return true;
+    };
+    if (due(options_.stop_streaming_after, timed_silence_done_)) faults_.setStreaming(false);
+    if (due(options_.close_after, timed_close_done_)) closeConnections(true);
+    if (due(options_.stall_after, timed_stall_done_)) stallReading(std::chrono::milliseconds(options_.stall_ms));
+    if (due(options_.half_open_after, timed_half_open_done_)) goHalfOpen();
+    if (due(options_.reset_after, timed_reset_done_)) resetConnections();
 }
 
 }  // namespace sim

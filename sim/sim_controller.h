@@ -7,8 +7,10 @@
 // Faults can be injected through faults() and the members below.
 //
 // Threads: start() and stop() belong to the owner. The server runs one
-// thread per connection (requests), the frame loop one thread, and delayed
-// replies one more. All other members are safe from any thread.
+// thread per connection (requests), the frame loop one thread, and one
+// sender thread sends delayed replies and, while the network is slowed,
+// everything that is on the wire. All other members are safe from any
+// thread.
 //
 // Observers, for latency measurement: received_message_observers are called
 // on the connection's thread with each received text and its steady-clock
@@ -21,6 +23,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <queue>
@@ -28,9 +31,9 @@
 #include <thread>
 #include <vector>
 
-#include "callback_map.h"
 #include "sim_faults.h"
 #include "sim_model.h"
+#include "sim_observers.h"
 #include "sim_options.h"
 #include "state_frame_writer.h"
 #include "websocket_server.h"
@@ -74,9 +77,14 @@ public:
     // Closes every client connection: with a close frame when `clean`,
     // otherwise by cutting the TCP connection.
     void closeConnections(bool clean);
+    // Network faults on every client connection (see WebSocketServer): no
+    // reading for `duration`; half-open silence; a reset in mid-message.
+    void stallReading(std::chrono::milliseconds duration);
+    void goHalfOpen();
+    void resetConnections();
 
-    CallbackMap<void(const std::string&, Clock::time_point)> received_message_observers;
-    CallbackMap<void(std::uint64_t, Clock::time_point)> sent_frame_observers;
+    ObserverMap<void(const std::string&, Clock::time_point)> received_message_observers;
+    ObserverMap<void(std::uint64_t, Clock::time_point)> sent_frame_observers;
 
 private:
     struct PendingReply {
@@ -94,7 +102,9 @@ private:
     void frameLoop();
     void sendFrame(std::uint64_t frame_number);
     void applyTimedFaults(double seconds_running);
-    void replyLoop();
+    void senderLoop();
+    void putOnWire(WebSocketServer::ConnectionId connection, std::string text);
+    void transmit(WebSocketServer::ConnectionId connection, const std::string& text);
 
     SimOptions options_;
     SimModel model_;
@@ -107,11 +117,22 @@ private:
     std::uint64_t count_ = 0;  // frame loop only
     bool timed_close_done_ = false;    // frame loop only
     bool timed_silence_done_ = false;  // frame loop only
+    bool timed_stall_done_ = false;    // frame loop only
+    bool timed_half_open_done_ = false;  // frame loop only
+    bool timed_reset_done_ = false;    // frame loop only
 
     std::mutex reply_mutex_;
     std::condition_variable reply_cv_;
     std::priority_queue<PendingReply, std::vector<PendingReply>, std::greater<PendingReply>> pending_replies_;
     std::uint64_t reply_order_ = 0;
+    // On the slowed network: what is in flight, oldest first, with the time
+    // it arrives (never before its predecessor). Connection 0 is everyone.
+    struct InFlight {
+        Clock::time_point due;
+        WebSocketServer::ConnectionId connection;
+        std::string text;
+    };
+    std::deque<InFlight> wire_;
     bool reply_thread_stop_ = false;
     std::thread reply_thread_;
 

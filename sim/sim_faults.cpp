@@ -1,5 +1,7 @@
 #include "sim_faults.h"
 
+#include <algorithm>
+
 namespace kelm {
 namespace sim {
 namespace {
@@ -66,6 +68,20 @@ std::optional<std::string> FaultInjector::takeRefusal(const std::string& command
     auto rule = ruleFor(refusals_, command);
     if (rule == refusals_.end() || !useShot(rule->second.remaining)) return std::nullopt;
     return rule->second.reason;
+}
+
+void FaultInjector::setNetworkDelay(std::chrono::microseconds latency, std::chrono::microseconds jitter) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    latency_ = latency;
+    jitter_ = jitter;
+    network_delayed_ = latency.count() > 0 || jitter.count() > 0;
+}
+
+std::chrono::microseconds FaultInjector::sampleNetworkDelay() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (jitter_.count() <= 0) return latency_;
+    std::uniform_int_distribution<long long> spread(-jitter_.count(), jitter_.count());
+    return std::max(std::chrono::microseconds(0), latency_ + std::chrono::microseconds(spread(random_)));
 }
 
 bool FaultInjector::takeMalformedFrame() {

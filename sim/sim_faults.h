@@ -1,6 +1,7 @@
 // FaultInjector: the faults a test or the command line asks the simulator
 // to commit on the wire: replies dropped, delayed or refused by command,
-// counts that jump, frames cut short, and a state stream that stops.
+// counts that jump, frames cut short, a state stream that stops, and a
+// network that adds latency and jitter to everything the controller sends.
 //
 // A command rule keyed "all" applies to every command; an exact command's
 // rule wins over it. A count of -1 keeps a rule until it is cleared.
@@ -15,6 +16,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <string>
 
 namespace kelm {
@@ -35,6 +37,10 @@ public:
     // The next `frames` frames are cut short, so they are no valid JSON.
     void malformFrames(int frames);
     void setStreaming(bool on);
+    // Every frame and reply reaches the wire `latency` plus or minus up to
+    // `jitter` (uniformly) after it was sent, in the order it was sent.
+    // Zero latency and jitter turn it off.
+    void setNetworkDelay(std::chrono::microseconds latency, std::chrono::microseconds jitter);
 
     // ---- asked by the controller ----
     bool streaming() const { return streaming_.load(std::memory_order_relaxed); }
@@ -45,6 +51,9 @@ public:
     std::optional<std::string> takeRefusal(const std::string& command);
     std::uint64_t takeCountSkip() { return count_skip_.exchange(0, std::memory_order_relaxed); }
     bool takeMalformedFrame();
+    bool networkDelayed() const { return network_delayed_.load(std::memory_order_relaxed); }
+    // One draw of the network's delay; zero when it is off.
+    std::chrono::microseconds sampleNetworkDelay();
 
 private:
     struct Refusal {
@@ -59,6 +68,9 @@ private:
     std::atomic<std::uint64_t> count_skip_{0};
     std::atomic<int> malformed_frames_{0};
     std::atomic<bool> streaming_{true};
+    std::atomic<bool> network_delayed_{false};
+    std::chrono::microseconds latency_{0}, jitter_{0};  // guarded by mutex_
+    std::minstd_rand random_{20261122};                 // guarded by mutex_
 };
 
 }  // namespace sim

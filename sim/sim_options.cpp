@@ -32,6 +32,12 @@ enum OptionId {
     kStopStreaming,
     kCloseAfter,
     kModel,
+    kNetLatency,
+    kNetJitter,
+    kStallAfter,
+    kStallMs,
+    kHalfOpenAfter,
+    kResetAfter,
 };
 
 const option kLongOptions[] = {
@@ -54,6 +60,12 @@ const option kLongOptions[] = {
     {"malformed-every", required_argument, nullptr, kMalformed},
     {"stop-streaming-after", required_argument, nullptr, kStopStreaming},
     {"close-after", required_argument, nullptr, kCloseAfter},
+    {"net-latency-us", required_argument, nullptr, kNetLatency},
+    {"net-jitter-us", required_argument, nullptr, kNetJitter},
+    {"stall-after", required_argument, nullptr, kStallAfter},
+    {"stall-ms", required_argument, nullptr, kStallMs},
+    {"half-open-after", required_argument, nullptr, kHalfOpenAfter},
+    {"reset-after", required_argument, nullptr, kResetAfter},
     {"quiet", no_argument, nullptr, kQuiet},
     {"help", no_argument, nullptr, kHelp},
     {nullptr, 0, nullptr, 0},
@@ -131,6 +143,21 @@ bool applyOption(int id, const char* argument, SimOptions& options) {
             if (!readInteger(argument, 0, 10000000, integer)) return false;
             options.reply_latency_us = static_cast<int>(integer);
             return true;
+        case kNetLatency:
+            if (!readInteger(argument, 0, 10000000, integer)) return false;
+            options.net_latency_us = static_cast<int>(integer);
+            return true;
+        case kNetJitter:
+            if (!readInteger(argument, 0, 10000000, integer)) return false;
+            options.net_jitter_us = static_cast<int>(integer);
+            return true;
+        case kStallAfter: return readNumber(argument, 0.0, 1e6, options.stall_after);
+        case kStallMs:
+            if (!readInteger(argument, 0, 3600000, integer)) return false;
+            options.stall_ms = static_cast<int>(integer);
+            return true;
+        case kHalfOpenAfter: return readNumber(argument, 0.0, 1e6, options.half_open_after);
+        case kResetAfter: return readNumber(argument, 0.0, 1e6, options.reset_after);
         case kDropReplies: options.drop_replies.emplace_back(argument); return true;
         case kDelayReplies:
             if (!readInteger(argument, 0, 600000, integer)) return false;
@@ -220,6 +247,13 @@ std::string simUsage(const char* program) {
          << "      --malformed-every N     every Nth frame is cut short (not valid JSON)\n"
          << "      --stop-streaming-after S  stop sending state frames after S seconds\n"
          << "      --close-after S         close every connection after S seconds\n"
+         << "      --net-latency-us US     every frame and reply reaches the wire US later\n"
+         << "      --net-jitter-us US      ... plus or minus up to US, order kept\n"
+         << "      --stall-after S         stop reading every connection after S seconds ...\n"
+         << "      --stall-ms MS           ... for MS milliseconds (default 1000)\n"
+         << "      --half-open-after S     go silent after S seconds: nothing read or sent,\n"
+         << "                              nothing closed\n"
+         << "      --reset-after S         reset every connection in mid-message after S seconds\n"
          << "Console:\n"
          << "  -q, --quiet                 no status line\n"
          << "  -h, --help                  this text\n";

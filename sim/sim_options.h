@@ -42,6 +42,12 @@ struct SimOptions {
     int malformed_every = 0;                  // every Nth frame is malformed
     double stop_streaming_after = 0.0;        // [s], 0: never
     double close_after = 0.0;                 // [s] until all connections are closed, 0: never
+    int net_latency_us = 0;                   // added to every frame and reply on the wire
+    int net_jitter_us = 0;                    // plus or minus, uniformly; order is kept
+    double stall_after = 0.0;                 // [s] until reading stops, 0: never
+    int stall_ms = 1000;                      // how long reading stops
+    double half_open_after = 0.0;             // [s] until the controller goes silent, 0: never
+    double reset_after = 0.0;                 // [s] until every connection is reset, 0: never
 };
 
 enum class ParseResult { Run, Help, Error };

@@ -28,31 +28,17 @@
 
 using kelm::KelmKernelImpl;
 
-// ---- application state ----
-
-std::string master_IP = "10.42.0.102";
-std::string slave_IP = "127.0.0.1";  // the slave's controller is always on this host
-std::shared_ptr<KelmKernelImpl> kelm1_;  // master arm
-std::shared_ptr<KelmKernelImpl> kelm2_;  // slave arm
-double clamping_force = 10.0;
-int remote_mode = 0;  // 0 joint, 1 Cartesian end pose, 2 joint with force feedback
-bool mirror_control = false;  // written before any stream callback is registered
-
-// Written by the signal handler or on the delivery threads, read by the run
-// loop; lock-free atomics are safe in a signal handler.
-std::atomic<int> running{1};
-std::atomic<bool> error_flag{false};
-std::atomic<int> ctrl_c_flag{0};  // a record that Ctrl+C came; nothing reads it
-
 namespace {
 
-// The stream callbacks go on firing after main has returned, while the static
-// kernels are destroyed. The gate is closed before either kernel is destroyed
-// (its closer is declared after kelm2_) and waits for the callbacks inside it;
-// from then on the callbacks no longer touch the kernels. The gate holds only
+// Admits the stream callbacks that use one kernel for as long as that kernel
+// lives. The callbacks go on firing after main has returned, while the static
+// kernels are destroyed (slave first, then master); each kernel's gate is
+// closed right before that kernel goes, and closing waits for the callbacks
+// inside it, so a callback never touches a kernel that is being destroyed and
+// the other kernel keeps sending until it goes too. A gate holds only
 // atomics, so it is never destroyed itself and stays usable by callbacks that
-// arrive during the destruction of the kernels. The two delivery threads never
-// wait for each other.
+// arrive during the destruction of the kernels. The two delivery threads
+// never wait for each other.
 class StreamGate {
 public:
     // Admits one callback while the gate is open.
@@ -90,12 +76,42 @@ private:
     std::atomic<bool> closed_{false};
 };
 
-static_assert(std::is_trivially_destructible<StreamGate>::value, "the gate must outlive the kernels");
-StreamGate stream_gate;
+static_assert(std::is_trivially_destructible<StreamGate>::value, "a gate must outlive the kernels");
+StreamGate master_gate;  // callbacks that use kelm1_
+StreamGate slave_gate;   // callbacks that use kelm2_
 
-struct StreamGateCloser {
-    ~StreamGateCloser() { stream_gate.close(); }
-} close_stream_gate_before_kernels;
+// Closes its gate when destroyed: defined right after the kernel it guards,
+// so that static destruction closes the gate just before the kernel goes.
+struct GateCloser {
+    StreamGate& gate;
+    ~GateCloser() { gate.close(); }
+};
+
+}  // namespace
+
+// ---- application state ----
+
+std::string master_IP = "10.42.0.102";
+std::string slave_IP = "127.0.0.1";  // the slave's controller is always on this host
+std::shared_ptr<KelmKernelImpl> kelm1_;  // master arm
+namespace {
+GateCloser close_master_gate_before_master{master_gate};
+}  // namespace
+std::shared_ptr<KelmKernelImpl> kelm2_;  // slave arm
+namespace {
+GateCloser close_slave_gate_before_slave{slave_gate};
+}  // namespace
+double clamping_force = 10.0;
+int remote_mode = 0;  // 0 joint, 1 Cartesian end pose, 2 joint with force feedback
+bool mirror_control = false;  // written before any stream callback is registered
+
+// Written by the signal handler or on the delivery threads, read by the run
+// loop; lock-free atomics are safe in a signal handler.
+std::atomic<int> running{1};
+std::atomic<bool> error_flag{false};
+std::atomic<int> ctrl_c_flag{0};  // a record that Ctrl+C came; nothing reads it
+
+namespace {
 
 constexpr int kControllerPort = 8090;
 constexpr double kConnectTimeout = 1.0;
@@ -209,7 +225,7 @@ bool moveToHomePosition() {
 // slave's joint target.
 void slaveJointTracking(double /*time_stamp*/, std::vector<double> joint_pos, double gripper_pos) {
     try {
-        const StreamGate::Pass pass(stream_gate);
+        const StreamGate::Pass pass(slave_gate);
         if (!pass) return;
         const double gripper = mapGripper(gripper_pos, kJointGripperDivisor);
         std::vector<double> target = std::move(joint_pos);
@@ -224,8 +240,9 @@ void slaveJointTracking(double /*time_stamp*/, std::vector<double> joint_pos, do
 // Cartesian target; the gripper comes from the master's cached state.
 void slavePoseTracking(double /*time_stamp*/, std::array<double, 7> pose) {
     try {
-        const StreamGate::Pass pass(stream_gate);
-        if (!pass) return;
+        const StreamGate::Pass master_pass(master_gate);
+        const StreamGate::Pass slave_pass(slave_gate);
+        if (!master_pass || !slave_pass) return;
         const double gripper = mapGripper(kelm1_->get_end_effector_pos(), kPoseGripperDivisor);
         std::vector<double> target(pose.begin(), pose.end());
         if (mirror_control) {
@@ -244,7 +261,7 @@ void slavePoseTracking(double /*time_stamp*/, std::array<double, 7> pose) {
 // only kelm1_: the slave's external torques go back to the master's hand.
 void masterRedundancyTau(double /*time_stamp*/, std::vector<double> joint_tau, double gripper_tau) {
     try {
-        const StreamGate::Pass pass(stream_gate);
+        const StreamGate::Pass pass(master_gate);
         if (!pass) return;
         std::vector<double> torques = std::move(joint_tau);
         if (mirror_control) mirrorJoints(torques);

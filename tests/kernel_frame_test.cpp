@@ -56,7 +56,7 @@ TEST_P(KernelFramesPerArm, TakesOverItsOwnArmOfATwoArmFrame) {
     EXPECT_EQ(status.arm_index, arm_index);
     EXPECT_EQ(status.arm_name, expected.arm_name);
     EXPECT_EQ(status.fsm_mode, POSITION);
-    EXPECT_EQ(kernel->arm_count.load(), 2);
+    EXPECT_EQ(kernel->arm_count, 2);
     std::lock_guard<std::mutex> lock(kernel->state_mutex);
     EXPECT_EQ(kernel->tool_index, expected.tool);
     EXPECT_EQ(kernel->last_task_key, expected.last_task_key);
@@ -81,7 +81,7 @@ TEST_F(KernelFrames, AbsentKeysKeepTheirValuesAndDataCallbacksStillFire) {
     EXPECT_EQ(kernel->get_cart_pose(), asFloats(expected.pose));
     EXPECT_EQ(kernel->get_end_effector_pos(), expected.gripper_pos);
     EXPECT_EQ(kernel->get_status().arm_name, "arm0");
-    EXPECT_EQ(kernel->arm_count.load(), 1);
+    EXPECT_EQ(kernel->arm_count, 1);
 }
 
 TEST_F(KernelFrames, ArmLevelPoseDecidesWhetherJointPositionsAreRead) {

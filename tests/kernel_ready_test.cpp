@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kernel_fixture.h"
+#include "registry_probe.h"
 
 namespace kelm {
 namespace test {
@@ -185,8 +186,9 @@ TEST(KernelWithoutController, QueriesGiveEmptyAnswersAtOnceAndReadyFailsAfterIts
 class KernelTaskWait : public KernelReady {
 protected:
     bool registeredAnywhere(const std::string& key) const {
-        return kernel->subscriptions.contains(key) || kernel->error_catch_callbacks.contains(key) ||
-               kernel->connect_changed_callbacks.contains(key);
+        return RegistryProbe::contains(*kernel, kernel->subscriptions, key) ||
+               RegistryProbe::contains(*kernel, kernel->error_catch_callbacks, key) ||
+               RegistryProbe::contains(*kernel, kernel->connect_changed_callbacks, key);
     }
 };
 
@@ -206,13 +208,13 @@ TEST_F(KernelTaskWait, ErrorEndsTheWaitAndLeavesAStaleSubscription) {
     arm->error = 3002;
     arm->startStreaming(peer);
     EXPECT_EQ(kernel->task_blocking_wait("move-4", 5000), 1);
-    EXPECT_TRUE(kernel->subscriptions.contains("move-4"));
-    EXPECT_FALSE(kernel->error_catch_callbacks.contains("move-4"));
+    EXPECT_TRUE(RegistryProbe::contains(*kernel, kernel->subscriptions, "move-4"));
+    EXPECT_FALSE(RegistryProbe::contains(*kernel, kernel->error_catch_callbacks, "move-4"));
 
     // The stale subscription fires between waits; the next wait starts afresh.
     arm->error = 0;
     arm->setLastTaskKey("move-4");
-    ASSERT_TRUE(waitUntil([&] { return !kernel->subscriptions.contains("move-4"); }));
+    ASSERT_TRUE(waitUntil([&] { return !RegistryProbe::contains(*kernel, kernel->subscriptions, "move-4"); }));
     EXPECT_EQ(kernel->task_wait_flag.load(), 1);
     EXPECT_EQ(kernel->task_blocking_wait("", 5000), 0);
     EXPECT_EQ(kernel->task_blocking_wait("move-5", 50), 0);
@@ -220,14 +222,14 @@ TEST_F(KernelTaskWait, ErrorEndsTheWaitAndLeavesAStaleSubscription) {
 
 TEST_F(KernelTaskWait, DisconnectEndsTheWaitAndReconnectDoesNot) {
     std::thread disturber([&] {
-        if (!waitUntil([&] { return kernel->connect_changed_callbacks.contains("move-6"); })) return;
+        if (!waitUntil([&] { return RegistryProbe::contains(*kernel, kernel->connect_changed_callbacks, "move-6"); })) return;
         kernel->connectChanged(true);
         EXPECT_EQ(kernel->task_wait_flag.load(), 0);
         peer.dropConnections();
     });
     EXPECT_EQ(kernel->task_blocking_wait("move-6", 5000), 1);
     disturber.join();
-    EXPECT_FALSE(kernel->connect_changed_callbacks.contains("move-6"));
+    EXPECT_FALSE(RegistryProbe::contains(*kernel, kernel->connect_changed_callbacks, "move-6"));
 }
 
 }  // namespace

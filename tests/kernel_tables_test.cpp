@@ -93,6 +93,7 @@ TEST_F(KernelIO, AnalogWidthsAreTakenOnlyWhenTheirShapeFits) {
 
     EXPECT_THROW(parseIO(R"({"rtu": [{"size": [0, 0], "ad": [["volts"]]}]})"), std::invalid_argument);
     EXPECT_THROW(parseIO(R"({"rtu": [{"size": [0, 0], "ad": [["99999999999999999999999"]]}]})"), std::out_of_range);
+    EXPECT_THROW(parseIO(R"({"rtu": [{"size": [-1, 0]}]})"), std::length_error);
     ASSERT_TRUE(kernel->io_mutex.try_lock());
     kernel->io_mutex.unlock();
 }

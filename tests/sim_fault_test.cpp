@@ -2,9 +2,10 @@
 // lost, late and refused replies, errors and warnings, gaps in the count,
 // malformed frames, closed connections and a silent stream.
 #include <atomic>
-#include <mutex>
+#include <memory>
 #include <thread>
 
+#include "recorder.h"
 #include "sim_fixture.h"
 
 namespace kelm {
@@ -48,15 +49,15 @@ TEST_F(SimFaultTest, ReplyFaultsHitOnlyTheirCommandAndCount) {
 TEST_F(SimFaultTest, ErrorEndsTheTaskWaitUntilResetAWarningStopsNothing) {
     KelmKernelImpl& kernel = connect(0);
     ASSERT_EQ(kernel.set_kelm_ready(true, kReadyBudgetMs), 1);
-    std::mutex errors_mutex;
-    std::vector<std::pair<int, std::string>> errors;
-    kernel.register_error_catch_callback("errors", [&](int code, std::string message) {
-        std::lock_guard<std::mutex> lock(errors_mutex);
-        errors.emplace_back(code, message);
+    // Shared with the callback, which outlives this scope when an assertion
+    // ends the test early.
+    auto errors = std::make_shared<Recorder<std::pair<int, std::string>>>();
+    kernel.register_error_catch_callback("errors", [errors](int code, std::string message) {
+        errors->add(std::make_pair(code, message));
     });
-    const auto lastError = [&] {
-        std::lock_guard<std::mutex> lock(errors_mutex);
-        return errors.empty() ? std::make_pair(0, std::string()) : errors.back();
+    const auto lastError = [errors] {
+        const auto all = errors->values();
+        return all.empty() ? std::make_pair(0, std::string()) : all.back();
     };
     std::string key;
     ASSERT_EQ(kernel.move_joint(kHome, key, 5.0, 0, 0, true), 1);  // slow: still running below
@@ -73,7 +74,6 @@ TEST_F(SimFaultTest, ErrorEndsTheTaskWaitUntilResetAWarningStopsNothing) {
     ASSERT_EQ(kernel.move_joint(kHome, key, 100.0, 0, 0, true), 1);
     EXPECT_EQ(kernel.task_blocking_wait(key, kMoveWaitMs), 1);
     EXPECT_NEAR(kernel.get_joint_pos()[4], kHome[4], 1e-6) << "the move ran to its end";
-    kernel.release_error_catch_callback();  // the warning stays reported after the locals have gone
 }
 
 TEST_F(SimFaultTest, CountGapsAndMalformedFramesReachTheKernel) {
@@ -92,31 +92,29 @@ TEST_F(SimFaultTest, ClosedConnectionIsReportedToTheKernel) {
     for (bool clean : {true, false}) {
         KelmKernelImpl& kernel = connect(0);
         ASSERT_TRUE(kernel.is_connected());
-        std::atomic<bool> lost{false};
-        kernel.register_connect_changed_callback("lost", [&](bool connected) {
-            if (!connected) lost = true;
+        auto lost = std::make_shared<std::atomic<bool>>(false);
+        kernel.register_connect_changed_callback("lost", [lost](bool connected) {
+            if (!connected) *lost = true;
         });
         simulator->closeConnections(clean);
-        EXPECT_TRUE(waitUntil([&] { return lost.load(); })) << (clean ? "close frame" : "cut");
+        EXPECT_TRUE(waitUntil([&] { return lost->load(); })) << (clean ? "close frame" : "cut");
         EXPECT_FALSE(kernel.is_connected());
-        kernel.release_connect_changed_callback();
     }
 }
 
 TEST_F(SimFaultTest, StreamStopsAndResumes) {
     KelmKernelImpl& kernel = connect(0);
-    std::atomic<int> frames{0};
-    kernel.register_update_robot_state_callback("frames", [&](std::string) { ++frames; });
-    ASSERT_TRUE(waitUntil([&] { return frames.load() > 10; }));
+    auto frames = std::make_shared<std::atomic<int>>(0);
+    kernel.register_update_robot_state_callback("frames", [frames](std::string) { ++*frames; });
+    ASSERT_TRUE(waitUntil([&] { return frames->load() > 10; }));
     simulator->faults().setStreaming(false);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));  // frames in flight arrive
-    const int stopped_at = frames.load();
+    const int stopped_at = frames->load();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(frames.load(), stopped_at);
+    EXPECT_EQ(frames->load(), stopped_at);
     EXPECT_EQ(kernel.set_debug(true), 1) << "replies still flow";
     simulator->faults().setStreaming(true);
-    EXPECT_TRUE(waitUntil([&] { return frames.load() > stopped_at + 10; }));
-    kernel.release_update_robot_state_callback("frames");  // frames keep coming after `frames` is gone
+    EXPECT_TRUE(waitUntil([&] { return frames->load() > stopped_at + 10; }));
 }
 
 TEST_F(SimFaultTest, CommandLineFaultsApplyFromTheStart) {

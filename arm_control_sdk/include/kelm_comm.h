@@ -10,6 +10,13 @@
 // transport's receive thread, one message after the other; a callback must
 // never call cmd_server on its own connection (the reply would have to come
 // through the thread that waits), but may publish.
+//
+// The four callback maps are plain public maps. The register, release and
+// firing operations of this class are safe from any thread, also from a
+// callback: they take a private lock to change a map or to copy its entries,
+// and call the copies without it. A program that reads or changes a map
+// directly does so unsynchronised with the receive thread, and must make sure
+// itself that no message is being delivered meanwhile.
 #pragma once
 
 #include <json/json.h>
@@ -21,7 +28,6 @@
 #include <mutex>
 #include <string>
 
-#include "callback_map.h"
 #include "communication_client.h"
 #include "i_recieve_listener.h"
 
@@ -93,13 +99,18 @@ public:
     double recv_rate = 0.5;
     std::deque<MsgHeader> pending_msgs;  // guarded by pending_mutex
     std::mutex pending_mutex;
-    CallbackMap<void(std::string)> subscriptions;                  // one-shot, by task key
-    CallbackMap<void(std::string)> task_completion_callbacks;      // by name, per finished task
-    CallbackMap<void(std::string)> update_robot_state_callbacks;   // by name, per non-reply message
-    CallbackMap<void(bool)> connect_changed_callbacks;             // by name, per connection change
+    std::map<std::string, std::function<void(std::string)>> subscriptions;                 // one-shot, by task key
+    std::map<std::string, std::function<void(std::string)>> task_completion_callbacks;     // by name, per finished task
+    std::map<std::string, std::function<void(std::string)>> update_robot_state_callbacks;  // by name, per non-reply message
+    std::map<std::string, std::function<void(bool)>> connect_changed_callbacks;            // by name, per connection change
     std::map<ComMode, std::string> com_mode_names;
 
 protected:
+    // Guards every change of this connection's callback maps and of the
+    // kernel's registries, and the copies that their walks call; never held
+    // while a callback runs.
+    std::mutex registry_mutex_;
+
     // The parsed tree of `message` when it is the message that onReceive is
     // handing to the state callbacks on this thread right now, otherwise
     // null. Lets a state callback skip parsing the same text a second time.

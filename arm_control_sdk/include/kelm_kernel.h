@@ -19,7 +19,12 @@
 //   callbacks run after the lock is released.
 // - Registering and releasing callbacks is safe from any thread, also from a
 //   callback; a walk that is under way keeps calling the entries it started
-//   with.
+//   with. The registries are plain public maps: a program that reads or
+//   changes one directly does so unsynchronised with the receive thread.
+// - The fields of `status` are written by the receive thread and read by
+//   get_status from any thread without state_mutex; the library's own reads
+//   and writes of them are atomic. A program that reads `status` directly
+//   reads it unsynchronised; get_status gives a consistent copy per field.
 #pragma once
 
 #include <json/json.h>
@@ -29,11 +34,11 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "callback_map.h"
 #include "kelm_comm.h"
 #include "kelm_tables.h"
 #include "log_manager.h"
@@ -89,31 +94,6 @@ public:
     // One remote IO station.
     struct RtuInfo {
         std::vector<IOUnit> units;
-    };
-
-    // The status fields of the arm, each readable from any thread without a
-    // lock. The receive thread writes them from the frames; `arm_index` is
-    // set once by the constructor and `connected` by get_status. Read a field
-    // with `.load()` (for example `body["arm_index"] = status.arm_index.load();`).
-    struct SharedStatus {
-        std::atomic<int> arm_index{0};
-        std::atomic<bool> connected{false};
-        std::atomic<int> dof{0};
-        std::atomic<bool> servo{false};
-        std::atomic<int> motion_state{0};
-        std::atomic<int> fsm_mode{0};
-        std::atomic<double> vel_per{0.0};
-        std::atomic<bool> debug{false};
-
-        std::string arm_name() const;
-        // Stores a new name; called by the receive thread only, and takes the
-        // lock only when the name changed.
-        void set_arm_name(const std::string& name);
-        ArmStatus load() const;
-
-    private:
-        mutable std::mutex name_mutex_;  // guards writes of arm_name_ and other threads' reads
-        std::string arm_name_;
     };
 
     // The gripper as the frames report it.
@@ -388,9 +368,9 @@ public:
     // ---- cached state ----
     // Written by the receive thread under state_mutex unless said otherwise.
     std::mutex state_mutex;
-    std::atomic<int> arm_count{1};  // size of the last frame's `arm` array; receive thread only
-    uint64_t msg_count = 0;         // `count` of the last frame
-    SharedStatus status;
+    int arm_count = 1;       // size of the last frame's `arm` array; written by the receive thread
+    uint64_t msg_count = 0;  // `count` of the last frame
+    ArmStatus status;
     ArmConfig config;  // written by set_kelm_ready only, read without a lock
     int tool_index = 0;
     int user_index = 0;
@@ -422,20 +402,22 @@ public:
     std::string reserved_text;
 
     // ---- registries ----
-    CallbackMap<void(int, std::string)> error_catch_callbacks;
-    CallbackMap<void(double, std::vector<double>, std::vector<double>, std::vector<double>)> get_joint_callbacks;
-    CallbackMap<void(double, Pose)> get_pose_callbacks;
-    CallbackMap<void(double, std::vector<double>, std::vector<double>, std::vector<double>)>
+    std::map<std::string, std::function<void(int, std::string)>> error_catch_callbacks;
+    std::map<std::string, std::function<void(double, std::vector<double>, std::vector<double>, std::vector<double>)>>
+        get_joint_callbacks;
+    std::map<std::string, std::function<void(double, std::array<double, 7>)>> get_pose_callbacks;
+    std::map<std::string, std::function<void(double, std::vector<double>, std::vector<double>, std::vector<double>)>>
         get_plan_joint_callbacks;
-    CallbackMap<void(double, std::vector<double>, double)> get_tele_master_data_callbacks;
-    CallbackMap<void(double, std::vector<double>, double)> get_tele_slave_data_callbacks;
-    CallbackMap<void(double, double, double)> scalar_data_callbacks;  // kept for compatibility; never fired
-    CallbackMap<void(double, std::vector<double>, std::vector<double>)> get_external_force_callbacks;
-    CallbackMap<void(int, int)> fsm_mode_changed_callbacks;
-    CallbackMap<void(int, bool)> servo_status_changed_callbacks;
-    CallbackMap<void(int, int, const std::string&)> motor_code_changed_callbacks;
-    CallbackMap<void(int, int)> motor_run_state_changed_callbacks;
-    CallbackMap<void(int)> state_changed_callbacks;
+    std::map<std::string, std::function<void(double, std::vector<double>, double)>> get_tele_master_data_callbacks;
+    std::map<std::string, std::function<void(double, std::vector<double>, double)>> get_tele_slave_data_callbacks;
+    std::map<std::string, std::function<void(double, double, double)>> scalar_data_callbacks;  // never fired
+    std::map<std::string, std::function<void(double, std::vector<double>, std::vector<double>)>>
+        get_external_force_callbacks;
+    std::map<std::string, std::function<void(int, int)>> fsm_mode_changed_callbacks;
+    std::map<std::string, std::function<void(int, bool)>> servo_status_changed_callbacks;
+    std::map<std::string, std::function<void(int, int, const std::string&)>> motor_code_changed_callbacks;
+    std::map<std::string, std::function<void(int, int)>> motor_run_state_changed_callbacks;
+    std::map<std::string, std::function<void(int)>> state_changed_callbacks;
 
 private:
     // Sends a command with cmd_server (1000 ms) and reads its reply: 1 for
@@ -463,6 +445,9 @@ private:
     void closeReadySequence();
     int reportReadiness(bool ready, bool blocking, const log_time::TimerUnit& timer, double delay_time);
 
+    // Guards writes of status.arm_name and get_status's copy of it; the
+    // receive thread writes the name only when it changes.
+    std::mutex arm_name_mutex_;
     // Receive-thread buffers reused from frame to frame.
     std::string arm_name_scratch_;
     std::string fsm_state_scratch_;

@@ -11,8 +11,10 @@
 #include <memory>
 #include <string>
 
+#include "callback_registry.h"
 #include "kelm_kernel.h"
 #include "log_manager.h"
+#include "status_field.h"
 
 namespace kelm {
 
@@ -96,10 +98,10 @@ void readPose(const Json::Value& values, Pose& out) {
     for (Json::ArrayIndex i = 0; i < out.size(); ++i) out[i] = static_cast<double>(values[i].asFloat());
 }
 
-// Calls every entry of a registry snapshot with its own copies of `args`.
-template <typename Entries, typename... Args>
-void callEntries(const Entries& entries, const Args&... args) {
-    for (const auto& entry : *entries) entry.second(args...);
+// Calls every function of a registry's copy with its own copies of `args`.
+template <typename Functions, typename... Args>
+void callEntries(const Functions& functions, const Args&... args) {
+    for (const auto& function : functions) function(args...);
 }
 
 }  // namespace
@@ -129,21 +131,21 @@ void KelmKernelImpl::parseRecieveData(const std::string& msg) {
 void KelmKernelImpl::fireFrameDataCallbacks() {
     // The receive thread is the only writer of these members, so it reads
     // them here without the lock.
-    get_joint_callbacks.callEach(time_stamp, joint_pos, joint_vel, joint_tau);
-    get_pose_callbacks.callEach(time_stamp, cart_pose);
-    get_plan_joint_callbacks.callEach(time_stamp, plan_joint_pos, plan_joint_vel, plan_joint_tau);
-    get_tele_master_data_callbacks.callEach(time_stamp, joint_pos, end_effector.pos);
+    registry::callEach(registry_mutex_, get_joint_callbacks, time_stamp, joint_pos, joint_vel, joint_tau);
+    registry::callEach(registry_mutex_, get_pose_callbacks, time_stamp, cart_pose);
+    registry::callEach(registry_mutex_, get_plan_joint_callbacks, time_stamp, plan_joint_pos, plan_joint_vel, plan_joint_tau);
+    registry::callEach(registry_mutex_, get_tele_master_data_callbacks, time_stamp, joint_pos, end_effector.pos);
 }
 
 void KelmKernelImpl::webSendRobotStateData(const Json::Value& root) {
     if (!isStateFrame(root)) return;
     const Json::Value* arms = member(root, "arm");
-    if (arms != nullptr && arms->isArray()) arm_count.store(static_cast<int>(arms->size()));
-    const int previous_motion_state = status.motion_state.load();
+    if (arms != nullptr && arms->isArray()) status_field::store(arm_count, arms->size());
+    const int previous_motion_state = status_field::load(status.motion_state);
 
     std::lock_guard<std::mutex> lock(state_mutex);
     readCount(root);
-    if (const Json::Value* debug = member(root, "debug")) status.debug.store(debug->asBool());
+    if (const Json::Value* debug = member(root, "debug")) status_field::store(status.debug, debug->asBool());
     if (const Json::Value* stamp = member(root, "Unix_time_stamp")) time_stamp = decimalValue(*stamp);
     fireErrorOfThisArm(root);
 
@@ -151,8 +153,8 @@ void KelmKernelImpl::webSendRobotStateData(const Json::Value& root) {
     if (arm == nullptr) return;
     takeOverArm(*arm);
 
-    const int motion_state = status.motion_state.load();
-    if (motion_state != previous_motion_state) state_changed_callbacks.callEach(motion_state);
+    const int motion_state = status_field::load(status.motion_state);
+    if (motion_state != previous_motion_state) registry::callEach(registry_mutex_, state_changed_callbacks, motion_state);
 }
 
 void KelmKernelImpl::readCount(const Json::Value& root) {
@@ -172,13 +174,13 @@ void KelmKernelImpl::fireErrorOfThisArm(const Json::Value& root) {
     const int code = error->asInt();
     if (code == 0) return;
     // Level-triggered: every frame that still carries the error fires again.
-    if (root["error_arm_index"].asInt() != status.arm_index.load()) return;
-    error_catch_callbacks.callEach(code, root["errMsg"].asString());
+    if (root["error_arm_index"].asInt() != status_field::load(status.arm_index)) return;
+    registry::callEach(registry_mutex_, error_catch_callbacks, code, root["errMsg"].asString());
 }
 
 const Json::Value* KelmKernelImpl::selectArm(const Json::Value* arms) const {
     if (arms == nullptr) return nullptr;
-    const int index = status.arm_index.load();
+    const int index = status_field::load(status.arm_index);
     if (index < 0 || static_cast<Json::ArrayIndex>(index) >= arms->size()) return nullptr;
     const Json::Value& arm = (*arms)[static_cast<Json::ArrayIndex>(index)];
     // The position in the array and the index the entry states must agree,
@@ -191,9 +193,13 @@ const Json::Value* KelmKernelImpl::selectArm(const Json::Value* arms) const {
 void KelmKernelImpl::takeOverArm(const Json::Value& arm) {
     if (const Json::Value* name = member(arm, "arm_name")) {
         assignText(*name, arm_name_scratch_);
-        status.set_arm_name(arm_name_scratch_);
+        // The receive thread is the only writer, so it may compare unlocked.
+        if (status.arm_name != arm_name_scratch_) {
+            std::lock_guard<std::mutex> name_lock(arm_name_mutex_);
+            status.arm_name = arm_name_scratch_;
+        }
     }
-    if (const Json::Value* dof = member(arm, "arm_dof")) status.dof.store(dof->asInt());
+    if (const Json::Value* dof = member(arm, "arm_dof")) status_field::store(status.dof, dof->asInt());
     if (const Json::Value* axises = member(arm, "axises")) fireAxisCallbacks(*axises);
     if (const Json::Value* gripper = member(arm, "gripper")) readGripper(*gripper);
 
@@ -209,20 +215,20 @@ void KelmKernelImpl::takeOverArm(const Json::Value& arm) {
     if (const Json::Value* force = member(arm, "cart_external_force")) readNumbers<double>(*force, cart_external_force);
     if (const Json::Value* external_tau = member(arm, "joint_external_tau")) {
         readNumbers<double>(*external_tau, joint_external_tau);
-        get_external_force_callbacks.callEach(time_stamp, joint_external_tau, cart_external_force);
-        get_tele_slave_data_callbacks.callEach(time_stamp, joint_external_tau, end_effector.tau);
+        registry::callEach(registry_mutex_, get_external_force_callbacks, time_stamp, joint_external_tau, cart_external_force);
+        registry::callEach(registry_mutex_, get_tele_slave_data_callbacks, time_stamp, joint_external_tau, end_effector.tau);
     }
     readPoses(arm);
 
-    if (const Json::Value* servo = member(arm, "servo")) status.servo.store(servo->asBool());
+    if (const Json::Value* servo = member(arm, "servo")) status_field::store(status.servo, servo->asBool());
     if (const Json::Value* motion_state = member(arm, "motion_state")) {
-        status.motion_state.store(motion_state->asInt());
+        status_field::store(status.motion_state, motion_state->asInt());
     }
     if (const Json::Value* fsm_state = member(arm, "fsm_state")) {
         assignText(*fsm_state, fsm_state_scratch_);
-        status.fsm_mode.store(lookupFsmMode(fsm_state_scratch_));
+        status_field::store(status.fsm_mode, lookupFsmMode(fsm_state_scratch_));
     }
-    if (const Json::Value* vel_per = member(arm, "vel_per")) status.vel_per.store(vel_per->asDouble());
+    if (const Json::Value* vel_per = member(arm, "vel_per")) status_field::store(status.vel_per, vel_per->asDouble());
     if (const Json::Value* tool = member(arm, "tool")) tool_index = tool->asInt();
     if (const Json::Value* user = member(arm, "user")) user_index = user->asInt();
     if (const Json::Value* task = member(arm, "task")) readTask(*task);
@@ -230,10 +236,10 @@ void KelmKernelImpl::takeOverArm(const Json::Value& arm) {
 
 void KelmKernelImpl::fireAxisCallbacks(const Json::Value& axises) {
     // One snapshot per registry and frame; the axis values are never stored.
-    const auto mode_callbacks = fsm_mode_changed_callbacks.snapshot();
-    const auto servo_callbacks = servo_status_changed_callbacks.snapshot();
-    const auto code_callbacks = motor_code_changed_callbacks.snapshot();
-    const auto run_state_callbacks = motor_run_state_changed_callbacks.snapshot();
+    const auto mode_callbacks = registry::copyEntries(registry_mutex_, fsm_mode_changed_callbacks);
+    const auto servo_callbacks = registry::copyEntries(registry_mutex_, servo_status_changed_callbacks);
+    const auto code_callbacks = registry::copyEntries(registry_mutex_, motor_code_changed_callbacks);
+    const auto run_state_callbacks = registry::copyEntries(registry_mutex_, motor_run_state_changed_callbacks);
     for (Json::ArrayIndex i = 0; i < axises.size(); ++i) {
         const Json::Value& axis = axises[i];
         const Json::Value* index_value = member(axis, "index");

@@ -4,7 +4,6 @@
 // Runs on the caller's thread; io_mutex serialises calls. The records of an
 // earlier call are refilled in place, so what a new message does not
 // overwrite stays.
-#include <algorithm>
 #include <cmath>
 #include <string>
 
@@ -80,9 +79,10 @@ void readStation(const Json::Value& station, KelmKernelImpl::RtuInfo& info) {
     int do_word = 0;
     for (Json::ArrayIndex u = 0; u < unit_count; ++u) {
         KelmKernelImpl::IOUnit& unit = info.units[u];
-        // A negative channel count is taken as none.
-        const int di_count = std::max(0, sizes[2 * u].asInt());
-        const int do_count = std::max(0, sizes[2 * u + 1].asInt());
+        const int di_count = sizes[2 * u].asInt();
+        const int do_count = sizes[2 * u + 1].asInt();
+        // A negative count sizes the vector beyond its maximum, which throws
+        // std::length_error to the caller without allocating.
         unit.di_value.resize(static_cast<size_t>(di_count));
         unit.do_value.resize(static_cast<size_t>(do_count));
         unpackChannels(station["di"], di_word, wordCount(di_count), unit.di_value, "di_value_size error");

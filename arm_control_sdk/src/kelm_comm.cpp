@@ -6,6 +6,7 @@
 #include <iostream>
 #include <memory>
 
+#include "callback_registry.h"
 #include "log_manager.h"
 #include "websocket_client.h"
 
@@ -124,10 +125,7 @@ void KelmCommManager::setRecvRate(double rate) {
 }
 
 void KelmCommManager::connectChanged(bool connected) {
-    auto callbacks = connect_changed_callbacks.snapshot();
-    for (const auto& entry : *callbacks) {
-        if (entry.second) entry.second(connected);
-    }
+    registry::callEachSet(registry_mutex_, connect_changed_callbacks, connected);
 }
 
 void KelmCommManager::onReceive(const std::string& message) {
@@ -135,7 +133,7 @@ void KelmCommManager::onReceive(const std::string& message) {
     bool parsed = false;
     if (receiveMessage(message, tree, parsed)) return;
     DispatchScope scope(this, &message, parsed ? &tree : nullptr);
-    update_robot_state_callbacks.callEach(message);
+    registry::callEach(registry_mutex_, update_robot_state_callbacks, message);
 }
 
 const Json::Value* KelmCommManager::treeOfDispatchedMessage(const std::string& message) const {
@@ -241,20 +239,23 @@ void KelmCommManager::broadcastFinishedTasks(const Json::Value& message) {
         const Json::Value& arm = arms[i];
         if (!hasStringLastTaskKey(arm)) continue;
         const std::string key = arm["task"]["last_task_key"].asString();
-        task_completion_callbacks.callEach(key);
+        registry::callEach(registry_mutex_, task_completion_callbacks, key);
         fireSubscriptionOnce(key);
     }
 }
 
 void KelmCommManager::fireSubscriptionOnce(const std::string& key) {
-    const TextCallback subscription = subscriptions.find(key);
-    if (!subscription) {
-        // An empty entry throws and stays registered; an absent one does nothing.
-        if (subscriptions.contains(key)) throw std::bad_function_call();
-        return;
+    TextCallback subscription;
+    {
+        std::lock_guard<std::mutex> lock(registry_mutex_);
+        const auto it = subscriptions.find(key);
+        if (it == subscriptions.end()) return;
+        // An empty entry throws and stays registered.
+        if (!it->second) throw std::bad_function_call();
+        // Erased before the call, so that a waiter woken by it finds the entry gone.
+        subscription = std::move(it->second);
+        subscriptions.erase(it);
     }
-    // Erased before the call, so that a waiter woken by it finds the entry gone.
-    subscriptions.erase(key);
     subscription(key);
 }
 
@@ -268,55 +269,55 @@ void KelmCommManager::storeReply(const std::string& command, const std::string& 
 }
 
 void KelmCommManager::register_subscription(std::string key, TextCallback callback) {
-    subscriptions.set(key, std::move(callback));
+    registry::set(registry_mutex_, subscriptions, key, std::move(callback));
 }
 
-void KelmCommManager::deregister_subscription(std::string key) { subscriptions.erase(key); }
+void KelmCommManager::deregister_subscription(std::string key) { registry::erase(registry_mutex_, subscriptions, key); }
 
-void KelmCommManager::clear_subscription() { subscriptions.clear(); }
+void KelmCommManager::clear_subscription() { registry::clear(registry_mutex_, subscriptions); }
 
 int KelmCommManager::register_task_completion_callback(const std::string& name, TextCallback callback) {
-    task_completion_callbacks.set(name, std::move(callback));
+    registry::set(registry_mutex_, task_completion_callbacks, name, std::move(callback));
     return 0;
 }
 
 int KelmCommManager::release_task_completion_callback(const std::string& name) {
-    task_completion_callbacks.erase(name);
+    registry::erase(registry_mutex_, task_completion_callbacks, name);
     return 0;
 }
 
 int KelmCommManager::release_task_completion_callback() {
-    task_completion_callbacks.clear();
+    registry::clear(registry_mutex_, task_completion_callbacks);
     return 0;
 }
 
 int KelmCommManager::register_update_robot_state_callback(const std::string& name, TextCallback callback) {
-    update_robot_state_callbacks.set(name, std::move(callback));
+    registry::set(registry_mutex_, update_robot_state_callbacks, name, std::move(callback));
     return 0;
 }
 
 int KelmCommManager::release_update_robot_state_callback(const std::string& name) {
-    update_robot_state_callbacks.erase(name);
+    registry::erase(registry_mutex_, update_robot_state_callbacks, name);
     return 0;
 }
 
 int KelmCommManager::release_update_robot_state_callback() {
-    update_robot_state_callbacks.clear();
+    registry::clear(registry_mutex_, update_robot_state_callbacks);
     return 0;
 }
 
 int KelmCommManager::register_connect_changed_callback(const std::string& name, ConnectCallback callback) {
-    connect_changed_callbacks.set(name, std::move(callback));
+    registry::set(registry_mutex_, connect_changed_callbacks, name, std::move(callback));
     return 0;
 }
 
 int KelmCommManager::release_connect_changed_callback(const std::string& name) {
-    connect_changed_callbacks.erase(name);
+    registry::erase(registry_mutex_, connect_changed_callbacks, name);
     return 0;
 }
 
 int KelmCommManager::release_connect_changed_callback() {
-    connect_changed_callbacks.clear();
+    registry::clear(registry_mutex_, connect_changed_callbacks);
     return 0;
 }
 

@@ -2,8 +2,10 @@
 // getters of the cached state, and the two ways a request leaves the kernel.
 #include <utility>
 
+#include "callback_registry.h"
 #include "kelm_kernel.h"
 #include "log_manager.h"
+#include "status_field.h"
 
 namespace kelm {
 
@@ -15,32 +17,6 @@ const char* const kTaskReceived = "Task_Recieve";
 
 }  // namespace
 
-std::string KelmKernelImpl::SharedStatus::arm_name() const {
-    std::lock_guard<std::mutex> lock(name_mutex_);
-    return arm_name_;
-}
-
-void KelmKernelImpl::SharedStatus::set_arm_name(const std::string& name) {
-    // The one writer may compare without the lock: readers only read.
-    if (arm_name_ == name) return;
-    std::lock_guard<std::mutex> lock(name_mutex_);
-    arm_name_ = name;
-}
-
-ArmStatus KelmKernelImpl::SharedStatus::load() const {
-    ArmStatus copy;
-    copy.arm_index = arm_index.load();
-    copy.arm_name = arm_name();
-    copy.connected = connected.load();
-    copy.dof = dof.load();
-    copy.servo = servo.load();
-    copy.motion_state = motion_state.load();
-    copy.fsm_mode = fsm_mode.load();
-    copy.vel_per = vel_per.load();
-    copy.debug = debug.load();
-    return copy;
-}
-
 KelmKernelImpl::KelmKernelImpl(const std::string& ip, int port, double timeout, int arm_index) {
     initData();
     register_update_robot_state_callback("parseRecieveData", [this](std::string msg) { parseRecieveData(msg); });
@@ -51,7 +27,7 @@ KelmKernelImpl::KelmKernelImpl(const std::string& ip, int port, double timeout, 
     connect_kelm(ip, port, timeout);
     // Set only now: a frame that arrives during the connect must not be
     // taken for this arm yet.
-    status.arm_index.store(arm_index);
+    status_field::store(status.arm_index, arm_index);
 }
 
 KelmKernelImpl::~KelmKernelImpl() {
@@ -62,11 +38,11 @@ KelmKernelImpl::~KelmKernelImpl() {
 
 void KelmKernelImpl::initData() {
     std::lock_guard<std::mutex> lock(state_mutex);
-    status.servo.store(false);
-    status.motion_state.store(0);
-    status.fsm_mode.store(0);
-    status.connected.store(false);
-    status.debug.store(false);
+    status_field::store(status.servo, false);
+    status_field::store(status.motion_state, 0);
+    status_field::store(status.fsm_mode, 0);
+    status_field::store(status.connected, false);
+    status_field::store(status.debug, false);
     for (auto* values : {&joint_pos, &joint_vel, &joint_tau, &plan_joint_pos, &plan_joint_vel, &plan_joint_tau,
                          &joint_external_tau, &cart_external_force}) {
         values->clear();
@@ -96,165 +72,178 @@ int KelmKernelImpl::publishStream(const Json::Value& body) {
 // ---- registries ----
 
 int KelmKernelImpl::register_error_catch_callback(const std::string& name, ErrorCallback cb) {
-    error_catch_callbacks.set(name, std::move(cb));
+    registry::set(registry_mutex_, error_catch_callbacks, name, std::move(cb));
     return 0;
 }
 
 int KelmKernelImpl::release_error_catch_callback(const std::string& name) {
-    error_catch_callbacks.erase(name);
+    registry::erase(registry_mutex_, error_catch_callbacks, name);
     return 0;
 }
 
 int KelmKernelImpl::release_error_catch_callback() {
-    error_catch_callbacks.clear();
+    registry::clear(registry_mutex_, error_catch_callbacks);
     return 0;
 }
 
 int KelmKernelImpl::register_get_joint_callback(const std::string& name, JointCallback cb) {
-    get_joint_callbacks.set(name, std::move(cb));
+    registry::set(registry_mutex_, get_joint_callbacks, name, std::move(cb));
     return 0;
 }
 
 int KelmKernelImpl::release_get_joint_callback(const std::string& name) {
-    get_joint_callbacks.erase(name);
+    registry::erase(registry_mutex_, get_joint_callbacks, name);
     return 0;
 }
 
 int KelmKernelImpl::release_get_joint_callback() {
-    get_joint_callbacks.clear();
+    registry::clear(registry_mutex_, get_joint_callbacks);
     return 0;
 }
 
 int KelmKernelImpl::register_get_pose_callback(const std::string& name, PoseCallback cb) {
-    get_pose_callbacks.set(name, std::move(cb));
+    registry::set(registry_mutex_, get_pose_callbacks, name, std::move(cb));
     return 0;
 }
 
 int KelmKernelImpl::release_get_pose_callback(const std::string& name) {
-    get_pose_callbacks.erase(name);
+    registry::erase(registry_mutex_, get_pose_callbacks, name);
     return 0;
 }
 
 int KelmKernelImpl::release_get_pose_callback() {
-    get_pose_callbacks.clear();
+    registry::clear(registry_mutex_, get_pose_callbacks);
     return 0;
 }
 
 int KelmKernelImpl::register_get_plan_joint_callback(const std::string& name, JointCallback cb) {
-    get_plan_joint_callbacks.set(name, std::move(cb));
+    registry::set(registry_mutex_, get_plan_joint_callbacks, name, std::move(cb));
     return 0;
 }
 
 int KelmKernelImpl::release_get_plan_joint_callback(const std::string& name) {
-    get_plan_joint_callbacks.erase(name);
+    registry::erase(registry_mutex_, get_plan_joint_callbacks, name);
     return 0;
 }
 
 int KelmKernelImpl::release_get_plan_joint_callback() {
-    get_plan_joint_callbacks.clear();
+    registry::clear(registry_mutex_, get_plan_joint_callbacks);
     return 0;
 }
 
 int KelmKernelImpl::register_get_tele_master_data_callback(const std::string& name, TeleDataCallback cb) {
-    get_tele_master_data_callbacks.set(name, std::move(cb));
+    registry::set(registry_mutex_, get_tele_master_data_callbacks, name, std::move(cb));
     return 0;
 }
 
 int KelmKernelImpl::release_get_tele_master_data_callback(const std::string& name) {
-    get_tele_master_data_callbacks.erase(name);
+    registry::erase(registry_mutex_, get_tele_master_data_callbacks, name);
     return 0;
 }
 
 int KelmKernelImpl::release_get_tele_master_data_callback() {
-    get_tele_master_data_callbacks.clear();
+    registry::clear(registry_mutex_, get_tele_master_data_callbacks);
     return 0;
 }
 
 int KelmKernelImpl::register_get_tele_slave_data_callback(const std::string& name, TeleDataCallback cb) {
-    get_tele_slave_data_callbacks.set(name, std::move(cb));
+    registry::set(registry_mutex_, get_tele_slave_data_callbacks, name, std::move(cb));
     return 0;
 }
 
 int KelmKernelImpl::release_get_tele_slave_data_callback(const std::string& name) {
-    get_tele_slave_data_callbacks.erase(name);
+    registry::erase(registry_mutex_, get_tele_slave_data_callbacks, name);
     return 0;
 }
 
 int KelmKernelImpl::release_get_tele_slave_data_callback() {
-    get_tele_slave_data_callbacks.clear();
+    registry::clear(registry_mutex_, get_tele_slave_data_callbacks);
     return 0;
 }
 
 int KelmKernelImpl::register_get_external_force_callback(const std::string& name, ExternalForceCallback cb) {
-    get_external_force_callbacks.set(name, std::move(cb));
+    registry::set(registry_mutex_, get_external_force_callbacks, name, std::move(cb));
     return 0;
 }
 
 int KelmKernelImpl::release_get_external_force_callback(const std::string& name) {
-    get_external_force_callbacks.erase(name);
+    registry::erase(registry_mutex_, get_external_force_callbacks, name);
     return 0;
 }
 
 int KelmKernelImpl::release_get_external_force_callback() {
-    get_external_force_callbacks.clear();
+    registry::clear(registry_mutex_, get_external_force_callbacks);
     return 0;
 }
 
 int KelmKernelImpl::register_fsm_mode_changed_callback(const std::string& name, AxisValueCallback cb) {
-    fsm_mode_changed_callbacks.set(name, std::move(cb));
+    registry::set(registry_mutex_, fsm_mode_changed_callbacks, name, std::move(cb));
     return 0;
 }
 
 int KelmKernelImpl::release_fsm_mode_changed_callback() {
-    fsm_mode_changed_callbacks.clear();
+    registry::clear(registry_mutex_, fsm_mode_changed_callbacks);
     return 0;
 }
 
 int KelmKernelImpl::register_servo_status_changed_callback(const std::string& name, AxisServoCallback cb) {
-    servo_status_changed_callbacks.set(name, std::move(cb));
+    registry::set(registry_mutex_, servo_status_changed_callbacks, name, std::move(cb));
     return 0;
 }
 
 int KelmKernelImpl::release_servo_status_changed_callback() {
-    servo_status_changed_callbacks.clear();
+    registry::clear(registry_mutex_, servo_status_changed_callbacks);
     return 0;
 }
 
 int KelmKernelImpl::register_motor_code_changed_callback(const std::string& name, AxisCodeCallback cb) {
-    motor_code_changed_callbacks.set(name, std::move(cb));
+    registry::set(registry_mutex_, motor_code_changed_callbacks, name, std::move(cb));
     return 0;
 }
 
 int KelmKernelImpl::release_motor_code_changed_callback() {
-    motor_code_changed_callbacks.clear();
+    registry::clear(registry_mutex_, motor_code_changed_callbacks);
     return 0;
 }
 
 int KelmKernelImpl::register_motor_run_state_changed_callback(const std::string& name, AxisValueCallback cb) {
-    motor_run_state_changed_callbacks.set(name, std::move(cb));
+    registry::set(registry_mutex_, motor_run_state_changed_callbacks, name, std::move(cb));
     return 0;
 }
 
 int KelmKernelImpl::release_motor_run_state_changed_callback() {
-    motor_run_state_changed_callbacks.clear();
+    registry::clear(registry_mutex_, motor_run_state_changed_callbacks);
     return 0;
 }
 
 int KelmKernelImpl::register_state_changed_callback(const std::string& name, StateCallback cb) {
-    state_changed_callbacks.set(name, std::move(cb));
+    registry::set(registry_mutex_, state_changed_callbacks, name, std::move(cb));
     return 0;
 }
 
 int KelmKernelImpl::release_state_changed_callback() {
-    state_changed_callbacks.clear();
+    registry::clear(registry_mutex_, state_changed_callbacks);
     return 0;
 }
 
 // ---- getters ----
 
 ArmStatus KelmKernelImpl::get_status() {
-    status.connected.store(is_connected());
-    return status.load();
+    status_field::store(status.connected, is_connected());
+    ArmStatus copy;
+    copy.arm_index = status_field::load(status.arm_index);
+    {
+        std::lock_guard<std::mutex> lock(arm_name_mutex_);
+        copy.arm_name = status.arm_name;
+    }
+    copy.connected = status_field::load(status.connected);
+    copy.dof = status_field::load(status.dof);
+    copy.servo = status_field::load(status.servo);
+    copy.motion_state = status_field::load(status.motion_state);
+    copy.fsm_mode = status_field::load(status.fsm_mode);
+    copy.vel_per = status_field::load(status.vel_per);
+    copy.debug = status_field::load(status.debug);
+    return copy;
 }
 
 std::vector<double> KelmKernelImpl::get_joint_pos() {

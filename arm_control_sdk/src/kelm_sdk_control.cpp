@@ -10,6 +10,7 @@
 
 #include "kelm_kernel.h"
 #include "log_manager.h"
+#include "status_field.h"
 
 namespace kelm {
 
@@ -40,7 +41,7 @@ void logIllegalSetting() { KELM_LOG(LOG_ERROR, "error: 输入含有非法值，�
 
 int KelmKernelImpl::set_servo_enable(bool enable) {
     Json::Value body = commandBody("setServoEnable");
-    body["arm_index"] = status.arm_index.load();
+    body["arm_index"] = status_field::load(status.arm_index);
     body["enable"] = enable;
     return sendCommand(body);
 }
@@ -53,7 +54,7 @@ int KelmKernelImpl::set_control_mode(int mode) {
         return -1;
     }
     Json::Value body = commandBody("setControlMode");
-    body["arm_index"] = status.arm_index.load();
+    body["arm_index"] = status_field::load(status.arm_index);
     body["mode"] = mode;
     return sendCommand(body);
 }
@@ -64,7 +65,7 @@ int KelmKernelImpl::set_end_effector(double pos, double tau) {
         return -1;
     }
     Json::Value body = commandBody("setEffectorCtr");
-    body["arm_index"] = status.arm_index.load();
+    body["arm_index"] = status_field::load(status.arm_index);
     body["pos"] = clampFromZero(pos, kGripperMaxPos);
     body["tau"] = clampFromZero(tau, kGripperMaxTau);
     return publishStream(body);
@@ -72,7 +73,7 @@ int KelmKernelImpl::set_end_effector(double pos, double tau) {
 
 int KelmKernelImpl::set_collision_config(bool flag, int level) {
     Json::Value body = commandBody("setCollisionConfig");
-    body["arm_index"] = status.arm_index.load();
+    body["arm_index"] = status_field::load(status.arm_index);
     body["flag"] = flag;
     body["level"] = level;
     return sendCommand(body);
@@ -80,7 +81,7 @@ int KelmKernelImpl::set_collision_config(bool flag, int level) {
 
 int KelmKernelImpl::set_teleoperation_mode(int is_master) {
     Json::Value body = commandBody("setTeleoperationMode");
-    body["arm_index"] = status.arm_index.load();
+    body["arm_index"] = status_field::load(status.arm_index);
     body["is_master"] = is_master;
     return sendCommand(body);
 }
@@ -101,7 +102,7 @@ int KelmKernelImpl::emergency_stop() {
 
 int KelmKernelImpl::task_stop(bool stop_at_once) {
     Json::Value body = commandBody("stopSignals");
-    body["arm_index"] = status.arm_index.load();
+    body["arm_index"] = status_field::load(status.arm_index);
     body["stop_id"] = "SIG_TASK_STOP";
     body["stop_at_once"] = stop_at_once;
     return sendCommand(body);
@@ -109,7 +110,7 @@ int KelmKernelImpl::task_stop(bool stop_at_once) {
 
 int KelmKernelImpl::stop() {
     Json::Value body = commandBody("stopSignals");
-    body["arm_index"] = status.arm_index.load();
+    body["arm_index"] = status_field::load(status.arm_index);
     body["stop_id"] = "SIG_ARM_STOP";
     body["step_cnt"] = kStopStepCount;
     return sendCommand(body);
@@ -117,7 +118,7 @@ int KelmKernelImpl::stop() {
 
 int KelmKernelImpl::pause() {
     Json::Value body = commandBody("stopSignals");
-    body["arm_index"] = status.arm_index.load();
+    body["arm_index"] = status_field::load(status.arm_index);
     body["stop_id"] = "SIG_ARM_PAUSE";
     body["step_cnt"] = kStopStepCount;
     return sendCommand(body);
@@ -125,7 +126,7 @@ int KelmKernelImpl::pause() {
 
 int KelmKernelImpl::recover() {
     Json::Value body = commandBody("stopSignals");
-    body["arm_index"] = status.arm_index.load();
+    body["arm_index"] = status_field::load(status.arm_index);
     body["stop_id"] = "SIG_ARM_RECOVER";
     body["step_cnt"] = kStopStepCount;
     return sendCommand(body);
@@ -134,7 +135,7 @@ int KelmKernelImpl::recover() {
 int KelmKernelImpl::clean_kelm_error() {
     getLogInstance()->reset();
     Json::Value body = commandBody("setControllerErrorReset");
-    body["arm_index"] = status.arm_index.load();
+    body["arm_index"] = status_field::load(status.arm_index);
     return sendCommand(body);
 }
 
@@ -145,7 +146,7 @@ int KelmKernelImpl::set_speed_level(double level, int response_level) {
     }
     const int clamped_response = std::min(response_level, kResponseLevelMax);
     Json::Value body = commandBody("setSpeedLevel");
-    body["arm_index"] = status.arm_index.load();
+    body["arm_index"] = status_field::load(status.arm_index);
     body["level"] = clampFromZero(level, kSpeedLevelMax);
     body["response_level"] = clamped_response <= 0 ? kResponseLevelMin : clamped_response;
     return sendCommand(body);
@@ -160,7 +161,7 @@ int KelmKernelImpl::set_debug(bool trigger) {
 
 ArmConfig KelmKernelImpl::get_config() {
     Json::Value body = commandBody("getJointParams");
-    body["arm_index"] = status.arm_index.load();
+    body["arm_index"] = status_field::load(status.arm_index);
     std::string task_key;
     const Json::Value reply = cmd_server(body, task_key, kQueryTimeoutMs);
     if (reply == Json::Value()) {
@@ -194,7 +195,7 @@ ArmConfig KelmKernelImpl::get_config() {
 std::string KelmKernelImpl::get_version() {
     Json::Value body = commandBody("getArmIntrinsicProperties");
     body["type"] = "version";
-    body["arm_index"] = status.arm_index.load();
+    body["arm_index"] = status_field::load(status.arm_index);
     std::string task_key;
     const Json::Value reply = cmd_server(body, task_key, kQueryTimeoutMs);
     if (reply == Json::Value()) return std::string();

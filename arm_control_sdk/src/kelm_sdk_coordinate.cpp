@@ -3,6 +3,7 @@
 // and the controller's calibrations. Each request is waited for 1000 ms.
 #include <json/json.h>
 
+#include <algorithm>
 #include <array>
 #include <mutex>
 #include <string>
@@ -28,23 +29,17 @@ Json::Value coordinateRequest(const char* command, const char* key, const char* 
     return request;
 }
 
-// Refuses (with a line naming the operation) a coordinate shorter than six
-// values; values past the sixth are ignored.
-bool acceptCoordSize(const char* operation, const char* what, const std::vector<double>& values) {
-    if (values.size() >= kCoordSize) return true;
-    KELM_LOG(LOG_ERROR, "%s: %s holds %d values, 6 are needed", operation, what, static_cast<int>(values.size()));
-    return false;
-}
-
+// Up to the first six values: values past the sixth are ignored, and a
+// shorter vector (a caller's error the interface does not report) goes out
+// as far as it reaches.
 Json::Value firstSixReals(const std::vector<double>& values) {
     Json::Value reals(Json::arrayValue);
-    for (std::size_t j = 0; j < kCoordSize; ++j) reals.append(values[j]);
+    const std::size_t count = std::min(values.size(), kCoordSize);
+    for (std::size_t j = 0; j < count; ++j) reals.append(values[j]);
     return reals;
 }
 
-int writeCoordinate(KelmKernelImpl& kernel, const char* command, const char* operation, int index,
-                    const std::vector<double>& coord) {
-    if (!acceptCoordSize(operation, "coord", coord)) return -1;
+int writeCoordinate(KelmKernelImpl& kernel, const char* command, int index, const std::vector<double>& coord) {
     Json::Value request = coordinateRequest(command, "operation", "update", index);
     request["data"]["coord"] = firstSixReals(coord);
     return submitTask(kernel, request);
@@ -113,11 +108,11 @@ int KelmKernelImpl::set_user_index(int index) {
 }
 
 int KelmKernelImpl::set_tool_coordinate(int index, std::vector<double> coord) {
-    return writeCoordinate(*this, "setToolData", "set_tool_coordinate", index, coord);
+    return writeCoordinate(*this, "setToolData", index, coord);
 }
 
 int KelmKernelImpl::set_user_coordinate(int index, std::vector<double> coord) {
-    return writeCoordinate(*this, "setUserData", "set_user_coordinate", index, coord);
+    return writeCoordinate(*this, "setUserData", index, coord);
 }
 
 // The controller calibrates a user system from points it has taught itself;
@@ -135,10 +130,7 @@ int KelmKernelImpl::tool_calibtate(int tool, const std::vector<std::vector<doubl
     body["command"] = "toolCalibrate";
     Json::Value& data = body["data"];
     data["tool_index"] = tool;
-    for (const std::vector<double>& point : points) {
-        if (!acceptCoordSize("tool_calibtate", "a point", point)) return -1;
-        data["pos"].append(firstSixReals(point));
-    }
+    for (const std::vector<double>& point : points) data["pos"].append(firstSixReals(point));
     return calibrationResult(askController(*this, body));
 }
 

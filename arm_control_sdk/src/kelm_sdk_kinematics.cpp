@@ -11,6 +11,7 @@
 #include "kelm_kernel.h"
 #include "motion_checks.h"
 #include "print_array.h"
+#include "status_field.h"
 
 namespace kelm {
 
@@ -76,7 +77,7 @@ int KelmKernelImpl::forwardKine(int tool, int user, const std::vector<std::vecto
         KELM_LOG(LOG_ERROR, "error: jnt_values empty");
         return -1;
     }
-    const int dof = status.dof.load();
+    const int dof = status_field::load(status.dof);
     Json::Value& data = request["data"];
     for (std::size_t i = 0; i < jnt_values.size(); ++i) {
         const std::vector<double>& joints = jnt_values[i];
@@ -134,7 +135,7 @@ int KelmKernelImpl::inverseKine(int tool, int user, const std::vector<Pose>& qua
     for (std::size_t i = 0; i < quat_poses.size(); ++i) {
         if (!acceptLegalValues(quat_poses[i]) || !acceptLegalValues(ref_joints[i])) return -1;
     }
-    const int dof = status.dof.load();
+    const int dof = status_field::load(status.dof);
     Json::Value& data = request["data"];
     for (std::size_t i = 0; i < quat_poses.size(); ++i) {
         const std::vector<double>& reference = ref_joints[i];

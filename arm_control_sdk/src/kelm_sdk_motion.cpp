@@ -174,10 +174,8 @@ int KelmKernelImpl::move_jump(std::array<double, 7> target, std::array<double, 3
 
     const std::vector<double> start_joints = plan_joint_pos.empty() ? joint_pos : plan_joint_pos;
     Pose start{};
-    if (forwardKine(tool, user, start_joints, start) != 1) {
-        KELM_LOG(LOG_ERROR, "move_jump: the start pose could not be computed from the joint position, nothing sent");
-        return -1;
-    }
+    // forwardKine logs its own failure.
+    if (forwardKine(tool, user, start_joints, start) != 1) return -1;
 
     const Pose jump_up = offsetPosition(start, up);
     const Pose jump_down = offsetPosition(target, down);

@@ -78,13 +78,13 @@ Json::Value motionRequest(const char* task_id, bool with_level) {
 }
 
 Json::Value askController(KelmKernelImpl& kernel, Json::Value& request, int timeout_ms) {
-    request["arm_index"] = kernel.status.arm_index.load();
+    request["arm_index"] = status_field::load(kernel.status.arm_index);
     std::string dropped_key;
     return kernel.cmd_server(request, dropped_key, timeout_ms);
 }
 
 int submitTask(KelmKernelImpl& kernel, Json::Value& request, std::string& task_key) {
-    request["arm_index"] = kernel.status.arm_index.load();
+    request["arm_index"] = status_field::load(kernel.status.arm_index);
     return isTaskReceived(kernel.cmd_server(request, task_key, kReplyTimeoutMs)) ? 1 : -1;
 }
 

@@ -11,6 +11,7 @@
 
 #include "kelm_kernel.h"
 #include "log_manager.h"
+#include "status_field.h"
 
 namespace kelm {
 
@@ -26,7 +27,7 @@ constexpr int kErrorState = Kelm_Error;
 
 int KelmKernelImpl::set_kelm_ready(bool blocking, double delay_time) {
     usleep(kSettleUs);
-    if (status.servo.load() && status.fsm_mode.load() == kReadyMode && status.motion_state.load() == Kelm_Standby &&
+    if (status_field::load(status.servo) && status_field::load(status.fsm_mode) == kReadyMode && status_field::load(status.motion_state) == Kelm_Standby &&
         is_connected()) {
         clean_kelm_error();
         closeReadySequence();
@@ -41,47 +42,47 @@ int KelmKernelImpl::set_kelm_ready(bool blocking, double delay_time) {
 }
 
 bool KelmKernelImpl::runSingleReadySteps() {
-    if (status.motion_state.load() == kErrorState) {
+    if (status_field::load(status.motion_state) == kErrorState) {
         clean_kelm_error();
         usleep(kSettleUs);
     }
-    if (!status.servo.load()) {
+    if (!status_field::load(status.servo)) {
         set_servo_enable(true);
         usleep(kSettleUs);
     }
-    if (status.fsm_mode.load() != kReadyMode) {
+    if (status_field::load(status.fsm_mode) != kReadyMode) {
         set_control_mode(kModeRequest);
         usleep(kSettleUs);
     }
-    return status.servo.load() && status.fsm_mode.load() == kReadyMode && status.motion_state.load() != kErrorState;
+    return status_field::load(status.servo) && status_field::load(status.fsm_mode) == kReadyMode && status_field::load(status.motion_state) != kErrorState;
 }
 
 bool KelmKernelImpl::runBlockingReadySteps(log_time::TimerUnit& timer, double delay_time) {
     log_time::timer_end(timer);
     clean_kelm_error();
-    while (status.motion_state.load() == kErrorState && delay_time >= timer.elapsed_ms) {
+    while (status_field::load(status.motion_state) == kErrorState && delay_time >= timer.elapsed_ms) {
         clean_kelm_error();
         usleep(kSettleUs);
         log_time::timer_end(timer);
     }
     // The budget is checked between attempts only, so an attempt in progress
     // may overrun it.
-    while (!status.servo.load()) {
+    while (!status_field::load(status.servo)) {
         if (timer.elapsed_ms > delay_time) return false;
         set_servo_enable(true);
         usleep(kServoSettleUs);
         log_time::timer_end(timer);
     }
-    if (status.fsm_mode.load() != kReadyMode) {
-        while (status.fsm_mode.load() != kReadyMode) {
+    if (status_field::load(status.fsm_mode) != kReadyMode) {
+        while (status_field::load(status.fsm_mode) != kReadyMode) {
             if (timer.elapsed_ms > delay_time) return false;
             set_control_mode(kModeRequest);
             usleep(kSettleUs);
             log_time::timer_end(timer);
         }
-        if (!status.servo.load()) return false;
+        if (!status_field::load(status.servo)) return false;
     }
-    return status.motion_state.load() != kErrorState && is_connected();
+    return status_field::load(status.motion_state) != kErrorState && is_connected();
 }
 
 void KelmKernelImpl::closeReadySequence() {
@@ -97,10 +98,10 @@ int KelmKernelImpl::reportReadiness(bool ready, bool blocking, const log_time::T
         if (blocking) KELM_LOG(LOG_INFO, "time out, duration time %f, set time %f", timer.elapsed_ms, delay_time);
         KELM_LOG(LOG_INFO, "kelm is not ready, try again with a lager delay time");
     }
-    const std::string mode_name = fsmModeName(status.fsm_mode.load());
-    const std::string state_name = kelmStateName(status.motion_state.load());
+    const std::string mode_name = fsmModeName(status_field::load(status.fsm_mode));
+    const std::string state_name = kelmStateName(status_field::load(status.motion_state));
     KELM_LOG(LOG_INFO, "servo status--%b, fsm mode--%s, robot state--%s, connected--%d",
-             static_cast<int>(status.servo.load()), mode_name.c_str(), state_name.c_str(),
+             static_cast<int>(status_field::load(status.servo)), mode_name.c_str(), state_name.c_str(),
              static_cast<int>(is_connected()));
     return ready ? 1 : -1;
 }

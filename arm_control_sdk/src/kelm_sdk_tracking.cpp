@@ -11,6 +11,7 @@
 #include "kelm_kernel.h"
 #include "log_manager.h"
 #include "motion_checks.h"
+#include "status_field.h"
 
 namespace kelm {
 
@@ -77,7 +78,7 @@ int KelmKernelImpl::tracking(const std::vector<double>& target, bool is_joint, c
     Json::Value& way_point = data[kWayPointKey];
     way_point = Json::Value(Json::arrayValue);
     if (is_joint) {
-        const int dof = status.dof.load();
+        const int dof = status_field::load(status.dof);
         if (static_cast<long long>(target.size()) != dof) {
             KELM_LOG(LOG_ERROR, "move_tracking: 输入目标维度与臂维度不一致，输入维度: %d, 臂维度: %d",
                      static_cast<int>(target.size()), dof);
@@ -100,13 +101,13 @@ int KelmKernelImpl::tracking(const std::vector<double>& target, bool is_joint, c
     // A negative (or NaN) gripper position means the frame has none.
     if (gripper >= 0.0) data[kGripperPointKey] = std::min(gripper, kGripperMaxPos);
     body[kPointTypeKey][kSpaceKey] = is_joint ? kJointSpace : kCartesianSpace;
-    body[kArmIndexKey] = status.arm_index.load();
+    body[kArmIndexKey] = status_field::load(status.arm_index);
     return publishStream(body);
 }
 
 int KelmKernelImpl::set_redundancy_tau(const std::vector<double>& redundancy_tau, const double& eeff_tau) {
     // Length first, values second: the other order from tracking.
-    const int dof = status.dof.load();
+    const int dof = status_field::load(status.dof);
     if (static_cast<long long>(redundancy_tau.size()) != dof) {
         KELM_LOG(LOG_ERROR, "输入冗余关节力矩维度与臂维度不一致，输入维度: %d, 臂维度: %d",
                  static_cast<int>(redundancy_tau.size()), dof);
@@ -120,7 +121,7 @@ int KelmKernelImpl::set_redundancy_tau(const std::vector<double>& redundancy_tau
     }
     Json::Value body(Json::objectValue);
     body[kCommandKey] = kRedundancyTauCommand;
-    body[kArmIndexKey] = status.arm_index.load();
+    body[kArmIndexKey] = status_field::load(status.arm_index);
     body[kIsMasterKey] = true;
     Json::Value& torques = body[kRedundancyTauKey];
     torques = Json::Value(Json::arrayValue);

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "kelm_kernel.h"
+#include "status_field.h"
 
 namespace kelm {
 namespace motion_checks {
@@ -77,7 +78,7 @@ struct JointBounds {
 };
 
 inline JointBounds jointBoundsOf(const KelmKernelImpl& kernel) {
-    return JointBounds{kernel.status.dof.load(), kernel.config.limit_lower, kernel.config.limit_upper};
+    return JointBounds{status_field::load(kernel.status.dof), kernel.config.limit_lower, kernel.config.limit_upper};
 }
 
 // Refuses with a message naming the missing bounds unless both limit lists

@@ -61,7 +61,9 @@ bool WebSocketClient::open(double timeout_seconds) {
         request.setHost(host_, port_);
         Poco::Net::HTTPResponse response;
         auto socket = std::make_shared<WebSocket>(session, request, response);
-        socket->setReceiveTimeout(Poco::Timespan(0));
+        // Between messages waitForData() watches the silence; inside one this
+        // bounds the wait for the rest of it.
+        socket->setReceiveTimeout(toTimespan(kSilenceLimit));
         socket->setSendTimeout(kSendTimeout);
         socket->setMaxPayloadSize(static_cast<int>(kMaxMessageBytes));
 
@@ -69,6 +71,7 @@ bool WebSocketClient::open(double timeout_seconds) {
         socket_ = std::move(socket);
         close_sent_ = false;
         ended_locally_ = false;
+        last_heard_ = std::chrono::steady_clock::now();
         open_ = true;
         return true;
     } catch (const Poco::Exception& e) {
@@ -87,27 +90,61 @@ bool WebSocketClient::receiveMessage(std::string& message) {
     }
     if (!socket || !open_) return false;
     try {
-        const ReadOutcome outcome = readMessage(*socket, message, kMaxMessageBytes, [this](const std::string& payload) {
-            sendFrame(payload.data(), payload.size(), WebSocket::FRAME_FLAG_FIN | WebSocket::FRAME_OP_PONG);
-        });
-        switch (outcome.kind) {
-        case ReadOutcome::MESSAGE:
-            return true;
-        case ReadOutcome::CLOSE_FRAME:
-            answerClose(outcome.close_payload);
-            return false;
-        case ReadOutcome::END_OF_STREAM:
-            endConnection("connection closed by peer without close frame");
-            return false;
-        case ReadOutcome::PROTOCOL_ERROR:
-            sendClose(outcome.close_status);
-            endConnection(("protocol error: " + outcome.error).c_str());
-            return false;
+        for (;;) {
+            if (!waitForData(*socket)) return false;
+            const ReadOutcome outcome = readMessage(*socket, message, kMaxMessageBytes, [this](const std::string& payload) {
+                sendFrame(payload.data(), payload.size(), WebSocket::FRAME_FLAG_FIN | WebSocket::FRAME_OP_PONG);
+            });
+            last_heard_ = std::chrono::steady_clock::now();
+            if (outcome.kind != ReadOutcome::PONG) return finishRead(outcome);
         }
     } catch (const Poco::Exception& e) {
         endConnection(e.displayText().c_str());
     } catch (const std::exception& e) {
         endConnection(e.what());
+    }
+    return false;
+}
+
+// Waits until the peer has sent something, pinging it once when it has been
+// quiet for kQuietBeforePing; false when the connection ended or the
+// silence reached kSilenceLimit.
+bool WebSocketClient::waitForData(WebSocket& socket) {
+    constexpr auto kPollStep = std::chrono::milliseconds(250);
+    bool pinged = false;
+    for (;;) {
+        if (socket.poll(toTimespan(kPollStep), Poco::Net::Socket::SELECT_READ | Poco::Net::Socket::SELECT_ERROR)) {
+            return true;
+        }
+        if (!open_) return false;
+        const auto quiet = std::chrono::steady_clock::now() - last_heard_;
+        if (quiet >= kSilenceLimit) {
+            endConnection("nothing received for 3 s, connection taken as lost");
+            return false;
+        }
+        if (quiet >= kQuietBeforePing && !pinged) {
+            pinged = true;
+            sendFrame("", 0, WebSocket::FRAME_FLAG_FIN | WebSocket::FRAME_OP_PING);
+        }
+    }
+}
+
+bool WebSocketClient::finishRead(const ReadOutcome& outcome) {
+    switch (outcome.kind) {
+    case ReadOutcome::MESSAGE:
+        return true;
+    case ReadOutcome::CLOSE_FRAME:
+        answerClose(outcome.close_payload);
+        return false;
+    case ReadOutcome::END_OF_STREAM:
+        endConnection("connection closed by peer without close frame");
+        return false;
+    case ReadOutcome::PROTOCOL_ERROR:
+        sendClose(outcome.close_status);
+        endConnection(("protocol error: " + outcome.error).c_str());
+        return false;
+    case ReadOutcome::PONG:
+        break;
     }
     return false;
 }

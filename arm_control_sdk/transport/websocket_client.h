@@ -7,6 +7,11 @@
 // and completes a close handshake started by either side; messages may be
 // of any size up to kMaxMessageBytes.
 //
+// A controller streams state all the time, so silence means trouble: after
+// kQuietBeforePing without a byte from the peer the client sends a ping, and
+// after kSilenceLimit it ends the connection as lost. A peer that vanished
+// without closing (half-open) is thus noticed within kSilenceLimit.
+//
 // Threads: open() on the owner's thread while no receive runs;
 // receiveMessage() on one receive thread; sendText(), close(), abort() and
 // isOpen() from any thread. All sends, pongs and close frames included, go
@@ -14,6 +19,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -29,11 +35,17 @@ class WebSocket;
 
 namespace kelm {
 
+struct ReadOutcome;
+
 class WebSocketClient : public BasicClientInterface {
 public:
     // Largest message accepted from the peer; a bigger one ends the
-    // connection with status 1009 (message too big).
-    static constexpr std::size_t kMaxMessageBytes = 64u * 1024u * 1024u;
+    // connection with status 1009 (message too big). A state frame is a few
+    // kilobytes per arm; the bound keeps a hostile peer from making the JSON
+    // parser build a tree of gigabytes (tens of bytes per element).
+    static constexpr std::size_t kMaxMessageBytes = 1024u * 1024u;
+    static constexpr std::chrono::milliseconds kQuietBeforePing{1000};
+    static constexpr std::chrono::milliseconds kSilenceLimit{3000};
 
     // An unconnected client for ws://host:port/. Nothing happens on the
     // network until open().
@@ -55,6 +67,8 @@ public:
 
 private:
     bool sendFrame(const void* data, std::size_t length, int flags);
+    bool waitForData(Poco::Net::WebSocket& socket);
+    bool finishRead(const ReadOutcome& outcome);
     void sendClose(unsigned status);
     void answerClose(const std::string& close_payload);
     void endConnection(const char* reason);
@@ -67,6 +81,7 @@ private:
     std::atomic<bool> open_{false};
     std::atomic<bool> close_sent_{false};     // a close frame has gone out
     std::atomic<bool> ended_locally_{false};  // close()/abort() was asked for: no loss to log
+    std::chrono::steady_clock::time_point last_heard_;  // receive thread only
 };
 
 }  // namespace kelm

@@ -37,6 +37,7 @@ ReadOutcome readMessage(WebSocket& socket, std::string& message, std::size_t max
             send_pong(std::string(frame.begin(), size));
             break;
         case WebSocket::FRAME_OP_PONG:
+            if (!inside_fragmented_message) return ReadOutcome{ReadOutcome::PONG, {}, {}, 0};
             break;
         case WebSocket::FRAME_OP_CLOSE: {
             ReadOutcome outcome;

@@ -1,7 +1,8 @@
 // Reads one complete WebSocket data message from a Poco WebSocket, frame by
-// frame: fragmented messages are joined, pings are answered through a
-// callback and pongs are skipped, so that both the client and the server see
-// only whole messages and the end of the connection.
+// frame: fragmented messages are joined and pings are answered through a
+// callback, so that both the client and the server see only whole messages,
+// the end of the connection, and pongs (a sign of life between messages;
+// inside a fragmented message they are skipped).
 //
 // Used by the one thread that receives on a socket. Poco exceptions (a reset,
 // a malformed frame) pass to the caller.
@@ -21,6 +22,7 @@ struct ReadOutcome {
         CLOSE_FRAME,     // the peer sent a close frame; `close_payload` holds its payload
         END_OF_STREAM,   // the TCP connection ended without a close frame
         PROTOCOL_ERROR,  // `error` says what was wrong; `close_status` is the status to send
+        PONG,            // a pong arrived between messages: the peer is alive
     };
     Kind kind = END_OF_STREAM;
     std::string close_payload;

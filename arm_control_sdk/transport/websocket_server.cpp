@@ -86,6 +86,7 @@ struct ServerConnection {
     }
 
     bool sendFrameLocked(const char* data, std::size_t length, int flags) {
+        if (silent) return true;
         if (close_sent) return false;
         try {
             if (socket->sendFrame(data, static_cast<int>(length), flags) == static_cast<int>(length)) return true;
@@ -116,6 +117,8 @@ struct ServerConnection {
 
     // TCP shutdown in both directions: wakes the serving thread.
     void drop() {
+        dropped = true;
+        if (reset_requested) return;  // the serving thread is awake and resets it
         try {
             static_cast<Poco::Net::StreamSocket&>(*socket).shutdown();
         } catch (const Poco::Exception&) {
@@ -123,10 +126,66 @@ struct ServerConnection {
         }
     }
 
+    // Holds the serving thread before its next read while a stall or a
+    // silence lasts; a drop ends the wait.
+    void waitWhileStalled() {
+        constexpr auto kStep = std::chrono::milliseconds(5);
+        while (!dropped && (silent || std::chrono::steady_clock::now() < stalled_until.load())) {
+            std::this_thread::sleep_for(kStep);
+        }
+    }
+
+    // Sends the head of a frame that promises more than it carries and wakes
+    // the serving thread, which then closes with linger 0: a reset.
+    void resetMidMessage() {
+        std::lock_guard<std::mutex> lock(send_mutex);
+        static const char kHead[] = {'\x81', 126, 0x10, 0x00, '{', '"', 'c', 'o'};  // 4096 bytes promised
+        auto& stream = static_cast<Poco::Net::StreamSocket&>(*socket);
+        try {
+            stream.sendBytes(kHead, sizeof(kHead));
+            stream.setLinger(true, 0);
+            reset_requested = true;
+            stream.shutdownReceive();
+        } catch (const Poco::Exception&) {
+            // Gone already.
+        }
+    }
+
+    // On the serving thread, once it reads no more: ends the connection with
+    // a reset when one was asked for, otherwise with a TCP shutdown.
+    void finish() {
+        if (!reset_requested) {
+            drop();
+            return;
+        }
+        std::lock_guard<std::mutex> lock(send_mutex);
+        close_sent = true;
+        dropped = true;
+        try {
+            socket->close();
+        } catch (const Poco::Exception&) {
+            // Closed already.
+        }
+    }
+
+    bool sendRaw(const std::string& bytes) {
+        std::lock_guard<std::mutex> lock(send_mutex);
+        try {
+            return static_cast<Poco::Net::StreamSocket&>(*socket).sendBytes(bytes.data(), static_cast<int>(bytes.size())) ==
+                   static_cast<int>(bytes.size());
+        } catch (const Poco::Exception&) {
+            return false;
+        }
+    }
+
     const WebSocketServer::ConnectionId id;
     const std::unique_ptr<WebSocket> socket;
     std::mutex send_mutex;
     bool close_sent = false;  // guarded by send_mutex
+    std::atomic<bool> silent{false};
+    std::atomic<bool> dropped{false};
+    std::atomic<bool> reset_requested{false};
+    std::atomic<std::chrono::steady_clock::time_point> stalled_until{std::chrono::steady_clock::time_point()};
 };
 
 struct WebSocketServer::Impl {
@@ -238,10 +297,14 @@ void WebSocketServer::Impl::receiveUntilClosed(ServerConnection& connection) {
     };
     try {
         for (;;) {
+            connection.waitWhileStalled();
+            if (connection.dropped) break;
             const ReadOutcome outcome = readMessage(*connection.socket, message, kMaxMessageBytes, send_pong);
             switch (outcome.kind) {
             case ReadOutcome::MESSAGE:
                 callHandler("text", handlers.on_text, connection.id, message);
+                continue;
+            case ReadOutcome::PONG:
                 continue;
             case ReadOutcome::CLOSE_FRAME:
                 connection.sendClose(closeStatusOf(outcome.close_payload), outcome.close_payload);
@@ -259,7 +322,7 @@ void WebSocketServer::Impl::receiveUntilClosed(ServerConnection& connection) {
     } catch (const Poco::Exception&) {
         // A reset or a local drop: the connection has ended.
     }
-    connection.drop();
+    connection.finish();
 }
 
 void WebSocketServer::Impl::forget(ConnectionId id) {
@@ -395,6 +458,32 @@ bool WebSocketServer::dropConnection(ConnectionId id) {
     if (!connection) return false;
     connection->drop();
     return true;
+}
+
+bool WebSocketServer::stallReading(ConnectionId id, std::chrono::milliseconds duration) {
+    auto connection = impl_->find(id);
+    if (!connection) return false;
+    connection->stalled_until = std::chrono::steady_clock::now() + duration;
+    return true;
+}
+
+bool WebSocketServer::silence(ConnectionId id) {
+    auto connection = impl_->find(id);
+    if (!connection) return false;
+    connection->silent = true;
+    return true;
+}
+
+bool WebSocketServer::resetMidMessage(ConnectionId id) {
+    auto connection = impl_->find(id);
+    if (!connection) return false;
+    connection->resetMidMessage();
+    return true;
+}
+
+bool WebSocketServer::sendRawBytes(ConnectionId id, const std::string& bytes) {
+    auto connection = impl_->find(id);
+    return connection && connection->sendRaw(bytes);
 }
 
 std::size_t WebSocketServer::connectionCount() const {

@@ -15,12 +15,19 @@
 //   different connections run in parallel. An exception thrown by a handler
 //   is logged and ends nothing.
 // - sendText(), broadcastText(), the frame senders, closeConnection(),
-//   dropConnection() and connectionCount() are safe from any thread, handlers
-//   included. Each connection has one send lock, so messages never
-//   interleave.
+//   dropConnection(), the network faults and connectionCount() are safe from
+//   any thread, handlers included. Each connection has one send lock, so
+//   messages never interleave.
+//
+// Network faults, for tests of the client: a connection can stop reading
+// for a while (its sender then blocks once the socket buffers are full), go
+// silent without closing (half-open: nothing read, nothing sent, no FIN),
+// or be reset in the middle of a message. Raw bytes let a test write frames
+// that this server would never build.
 // - start() and stop() are called by the owner, never from a handler.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -76,6 +83,18 @@ public:
     bool closeConnection(ConnectionId id);
     // Abrupt end: shuts the TCP connection down without a close frame.
     bool dropConnection(ConnectionId id);
+
+    // Reads nothing from the connection for `duration`, from its next read on.
+    bool stallReading(ConnectionId id, std::chrono::milliseconds duration);
+    // Half-open: from now on nothing is read from or sent to the connection
+    // (sends report success and vanish) and it is not closed, until it is
+    // dropped or the server stops.
+    bool silence(ConnectionId id);
+    // Sends the head of a text frame that announces more payload than
+    // follows, then resets the TCP connection (RST, no close frame).
+    bool resetMidMessage(ConnectionId id);
+    // Writes `bytes` to the TCP stream as they are, under the send lock.
+    bool sendRawBytes(ConnectionId id, const std::string& bytes);
 
     std::size_t connectionCount() const;
     // Ids of the open connections, oldest first.
