@@ -298,6 +298,8 @@ async def serve(arguments, server):
 
 def main(argv=None):
     arguments = parse_arguments(argv)
+    if not LIBRARY_ROOT.is_dir():
+        raise SystemExit(f"kelm.view: the page's libraries are missing in {LIBRARY_ROOT}; run scripts/install-web-deps")
     import kelm
 
     model = arguments.model or default_model_path()

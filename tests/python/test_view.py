@@ -1,0 +1,131 @@
+"""The live view (python3 -m kelm.view) against two simulators, in headless Chromium."""
+
+import os
+import re
+import subprocess
+import sys
+import threading
+import time
+
+import pytest
+
+from selenium import webdriver
+from selenium.webdriver.chrome.options import Options
+from selenium.webdriver.chrome.service import Service
+
+TARGET = [0.3, -0.4, 0.5, 0.2, -1.0, 0.4]  # [rad]
+WAIT_S = 20
+
+
+class ViewProcess:
+    """`python3 -m kelm.view` on a free port; `url` is the address it printed."""
+
+    def __init__(self, master, slave, *options):
+        self.process = subprocess.Popen(
+            [sys.executable, "-m", "kelm.view", "--master", master.address, "--slave", slave.address, "--port", "0",
+             *options], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        lines, match = [], None
+        while not match and len(lines) < 50:  # the library's log lines come first
+            lines.append(self.process.stdout.readline())
+            match = re.search(r"open (http://([\d.]+):(\d+)/)", lines[-1])
+        if not match:
+            self.stop()
+            raise RuntimeError("kelm.view did not start: " + "".join(lines))
+        self.url, self.host, self.port = match.group(1), match.group(2), int(match.group(3))
+        # Keep reading, so that the library's log never fills the pipe.
+        threading.Thread(target=lambda: self.process.stdout.read(), daemon=True).start()
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait(10)
+
+
+def listening_address(port):
+    """The local IPv4 address of the socket listening on `port`, from /proc/net/tcp."""
+    with open("/proc/net/tcp") as table:
+        for row in list(table)[1:]:
+            local, state = row.split()[1], row.split()[3]
+            address, local_port = local.split(":")
+            if int(local_port, 16) == port and state == "0A":
+                return ".".join(str(int(address[i:i + 2], 16)) for i in (6, 4, 2, 0))
+    return None
+
+
+def wait_for(check, what):
+    """Polls `check` up to WAIT_S; returns its last value, which must be true."""
+    deadline = time.monotonic() + WAIT_S
+    value = check()
+    while not value and time.monotonic() < deadline:
+        time.sleep(0.2)
+        value = check()
+    assert value, what
+    return value
+
+
+@pytest.fixture
+def browser():
+    options = Options()
+    for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--window-size=1280,800",
+                     "--use-angle=swiftshader", "--enable-unsafe-swiftshader"):
+        options.add_argument(argument)
+    options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+    driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+    yield driver
+    driver.quit()
+
+
+# Share of the 3-D canvas's pixels that differ from its background.
+DRAWN_SHARE_JS = """
+const source = document.querySelector('#scene canvas');
+const copy = document.createElement('canvas');
+copy.width = source.width; copy.height = source.height;
+const context = copy.getContext('2d');
+context.drawImage(source, 0, 0);
+const pixels = context.getImageData(0, 0, copy.width, copy.height).data;
+let differing = 0;
+for (let i = 0; i < pixels.length; i += 4) {
+  if (Math.abs(pixels[i] - pixels[0]) + Math.abs(pixels[i + 1] - pixels[1]) + Math.abs(pixels[i + 2] - pixels[2]) > 30) differing++;
+}
+return differing / (pixels.length / 4);
+"""
+
+
+def test_page_draws_the_arms_and_shows_a_lost_controller(start_sim, browser):
+    import kelm
+
+    master, slave = start_sim("--rate", "1000"), start_sim("--rate", "1000")
+    view = ViewProcess(master, slave)
+    try:
+        mover = kelm.KelmKernelImpl(slave.host, slave.port, 1.0, 0)
+        assert mover.set_kelm_ready(True, 5000) == 1
+        result, key = mover.move_joint(TARGET, 100.0, 0, 0, True)
+        assert result == 1 and mover.task_blocking_wait(key, 15000) == 1
+
+        browser.get(view.url)
+        wait_for(lambda: browser.execute_script("return window.kelmView && kelmView.states > 5"), "page gets states")
+        reported = list(mover.get_joint_pos())
+        drawn = wait_for(lambda: browser.execute_script("return kelmView.drawn.slave"), "slave drawn")
+        assert drawn[:6] == pytest.approx(reported, abs=0.01)
+        assert drawn[:6] == pytest.approx(TARGET, abs=0.01)
+        assert browser.execute_script(DRAWN_SHARE_JS) > 0.02
+
+        master.stop()
+        wait_for(lambda: "disconnected" in browser.find_element("id", "status-master").text, "master disconnected")
+        states = browser.execute_script("return kelmView.states")
+        wait_for(lambda: browser.execute_script("return kelmView.states") > states + 5, "page keeps running")
+        errors = [entry for entry in browser.get_log("browser") if entry["level"] == "SEVERE"]
+        assert errors == []
+        del mover
+    finally:
+        view.stop()
+
+
+@pytest.mark.parametrize("options, address", [((), "127.0.0.1"), (("--bind", "127.0.0.3"), "127.0.0.3")])
+def test_serves_on_loopback_unless_told(start_sim, options, address):
+    master, slave = start_sim(), start_sim()
+    view = ViewProcess(master, slave, *options)
+    try:
+        assert view.host == address
+        assert listening_address(view.port) == address
+    finally:
+        view.stop()
