@@ -40,10 +40,10 @@ STALE_AFTER_S = 0.5
 LAG_WINDOW_S = 2.0
 LAG_MAX_S = 0.3
 LAG_STEP_S = 0.001
-# Missed frames are counted per window of the controller's time [s].
-GAP_WINDOW_S = 1.0
-HOLE_STEPS = 1.5
-DEFICIT_TOLERANCE = 0.005
+# A step in the controller's time stamps of more than STALL_STEPS usual
+# steps counts as a stall of the stream; the usual step is taken per window [s].
+STALL_STEPS = 3.0
+STALL_WINDOW_S = 1.0
 
 
 class ArmFeed:
@@ -56,8 +56,8 @@ class ArmFeed:
         self._gripper = 0.0
         self._external_tau = None
         self._frames = 0
-        self._gaps = 0
-        self._window = []  # controller time stamps [s] of the current gap window
+        self._stalls = 0
+        self._window = []  # controller time stamps [s] of the current window
         self._usual_steps = collections.deque(maxlen=10)  # median steps [s] of the last windows
         self._last_receive = None
         self._error = None
@@ -69,7 +69,7 @@ class ArmFeed:
         now = time.monotonic()
         values = [float(value) for value in joints]
         with self._lock:
-            self._count_gap(float(stamp))
+            self._count_stall(float(stamp))
             self._joints = values
             self._gripper = float(gripper)
             self._frames += 1
@@ -94,30 +94,20 @@ class ArmFeed:
         with self._lock:
             self._status.update(status)
 
-    def _count_gap(self, stamp):
-        # The callbacks bring no frame count, so missed frames are read from
-        # the controller's time stamps, per window: the holes (steps of more
-        # than HOLE_STEPS usual steps) less the frames that came in a burst
-        # after them, so that late frames are not counted as missing. The
-        # usual step is the median over the last windows' median steps.
+    def _count_stall(self, stamp):
+        # The callbacks bring no frame count, so what the time stamps can
+        # tell is counted: steps of more than STALL_STEPS usual steps, the
+        # usual step being the median over the last windows' median steps.
+        if self._window and self._usual_steps:
+            if stamp - self._window[-1] > STALL_STEPS * float(np.median(self._usual_steps)):
+                self._stalls += 1
         self._window.append(stamp)
-        if stamp - self._window[0] < GAP_WINDOW_S:
+        if stamp - self._window[0] < STALL_WINDOW_S:
             return
         steps = np.diff(self._window)
         self._window = [stamp]
-        positive = steps[steps > 0]
-        if len(positive) == 0:
-            return
-        usual = float(np.median(self._usual_steps)) if self._usual_steps else None
-        self._usual_steps.append(float(np.median(positive)))
-        if usual is None:
-            return
-        holes = steps[steps > HOLE_STEPS * usual]
-        in_holes = int(np.sum(np.round(holes / usual) - 1))
-        # The median step runs a little short of the mean one: a deficit up
-        # to DEFICIT_TOLERANCE of the window's frames, plus one, is noise.
-        deficit = round(float(np.sum(steps)) / usual) - len(steps) - 1 - int(DEFICIT_TOLERANCE * len(steps))
-        self._gaps += max(0, min(in_holes, deficit))
+        if np.any(steps > 0):
+            self._usual_steps.append(float(np.median(steps[steps > 0])))
 
     def trace(self):
         """(receive times [s], joints [rad]) of the last LAG_WINDOW_S."""
@@ -134,7 +124,7 @@ class ArmFeed:
             fresh = self._last_receive is not None and now - self._last_receive < STALE_AFTER_S
             error = dict(self._error, age=now - self._error["time"]) if self._error else None
             return dict(self._status, joints=self._joints, gripper=self._gripper,
-                        external_tau=self._external_tau, frames=self._frames, gaps=self._gaps,
+                        external_tau=self._external_tau, frames=self._frames, stalls=self._stalls,
                         streaming=fresh, error=error)
 
 

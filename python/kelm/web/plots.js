@@ -19,16 +19,23 @@ class Series {
   }
 }
 
-function chart(parent, title, series, { wide = false, height = 150 } = {}) {
+// Times on the x axis are the server's clock [s]; ticks read as seconds before the newest sample.
+function agoTicks(plot, splits) {
+  const newest = plot.data[0][plot.data[0].length - 1] ?? 0;
+  return splits.map((t) => (t - newest).toFixed(0));
+}
+
+function chart(parent, title, series, { wide = false, height = 100, legend = true, count = false } = {}) {
   const box = document.createElement('div');
   if (wide) box.className = 'wide';
   parent.appendChild(box);
   const width = () => Math.max(200, box.clientWidth - 4);
   const plot = new uPlot({
     title, width: width(), height,
-    scales: { x: { time: false } },
-    axes: [{ ...AXIS, label: 's' }, { ...AXIS, size: 50 }],
-    legend: { live: false },
+    scales: { x: { time: false }, ...(count ? { count: { auto: true } } : {}) },
+    axes: [{ ...AXIS, size: 24, values: agoTicks }, { ...AXIS, size: 44 },
+      ...(count ? [{ ...AXIS, scale: 'count', side: 1, size: 40, grid: { show: false } }] : [])],
+    legend: { show: legend, live: false },
     series: [{}, ...series],
   }, [[]], box);
   new ResizeObserver(() => plot.setSize({ width: width(), height })).observe(box);
@@ -46,22 +53,22 @@ export class Plots {
     for (let i = 0; i < dof; ++i) {
       this.joints.push({
         series: new Series(2),
-        plot: chart(container, `joint ${i + 1} [rad]`, [
+        plot: chart(container, `joint ${i + 1} [rad]: master blue dashed, slave orange`, [
           { label: 'master', stroke: '#4aa3ff', width: 1, dash: [6, 3] },
           { label: 'slave', stroke: '#f0a040', width: 1.5 },
-        ], { height: 120 }),
+        ], { height: 90, legend: false }),
       });
     }
     this.error = { series: new Series(dof), plot: chart(container, 'tracking error, master - slave [rad]', jointSeries(dof, 'j'), { wide: true }) };
     this.lag = { series: new Series(1), plot: chart(container, 'slave lag behind master [ms]', [{ label: 'lag', stroke: '#c0e060', width: 1.5 }]) };
     this.rate = {
       series: new Series(4),
-      plot: chart(container, 'frame rate [Hz], missed frames', [
+      plot: chart(container, 'frame rate [Hz]; stalls (time steps > 3x usual)', [
         { label: 'master Hz', stroke: '#4aa3ff', width: 1.5 },
         { label: 'slave Hz', stroke: '#f0a040', width: 1.5 },
-        { label: 'master missed', stroke: '#4aa3ff', width: 1, dash: [2, 3] },
-        { label: 'slave missed', stroke: '#f0a040', width: 1, dash: [2, 3] },
-      ]),
+        { label: 'master stalls', stroke: '#4aa3ff', width: 1, dash: [2, 3], scale: 'count' },
+        { label: 'slave stalls', stroke: '#f0a040', width: 1, dash: [2, 3], scale: 'count' },
+      ], { count: true }),
     };
     this.torque = { series: new Series(dof), plot: chart(container, 'external torque fed back [Nm]', jointSeries(dof, 'j'), { wide: true }) };
   }
@@ -75,7 +82,7 @@ export class Plots {
     this.error.series.push(time, Array.from({ length: this.dof }, (_, i) => (
       master[i] !== undefined && slave[i] !== undefined ? master[i] - slave[i] : null)));
     this.lag.series.push(time, [sample.lag === null ? null : sample.lag * 1000]);
-    this.rate.series.push(time, [sample.masterRate, sample.slaveRate, sample.masterGaps, sample.slaveGaps]);
+    this.rate.series.push(time, [sample.masterRate, sample.slaveRate, sample.masterStalls, sample.slaveStalls]);
     this.torque.series.push(time, sample.torque ?? []);
   }
 
