@@ -13,7 +13,7 @@
 #include "fuzz_kernel.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    kelm::KelmKernelImpl& kernel = kelm::fuzz::unconnectedKernel();
+    kelm::KelmKernelImpl& kernel = kelm::fuzz::fuzzedKernel();
     const std::string message(reinterpret_cast<const char*>(data), size);
     try {
         kernel.onReceive(message);

@@ -33,7 +33,7 @@ bool parseJson(const std::uint8_t* data, std::size_t size, Json::Value& root) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Json::Value root;
     if (!parseJson(data, size, root)) return 0;
-    kelm::KelmKernelImpl& kernel = kelm::fuzz::unconnectedKernel();
+    kelm::KelmKernelImpl& kernel = kelm::fuzz::fuzzedKernel();
     std::vector<kelm::KelmKernelImpl::RtuInfo> stations;
     for (int pass = 0; pass < 2; ++pass) {
         try {

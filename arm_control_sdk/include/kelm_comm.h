@@ -28,6 +28,7 @@
 #include <mutex>
 #include <string>
 
+#include "basic_client_interface.h"
 #include "communication_client.h"
 #include "i_recieve_listener.h"
 
@@ -106,6 +107,18 @@ public:
     std::map<ComMode, std::string> com_mode_names;
 
 protected:
+    // Makes the socket client for one connect_kelm from the IP text and the
+    // port narrowed to 16 bits.
+    using SocketClientFactory =
+        std::function<std::shared_ptr<BasicClientInterface>(const std::string& ip, unsigned short port)>;
+
+    // A manager whose connections run over the socket clients that `factory`
+    // makes instead of WebSocket clients: the seam for tests, fuzzers and
+    // benchmarks that drive a connection without a network.
+    explicit KelmCommManager(SocketClientFactory factory);
+    // The factory of the public constructors: a WebSocketClient per connection.
+    static SocketClientFactory webSocketClientFactory();
+
     // Guards every change of this connection's callback maps and of the
     // kernel's registries, and the copies that their walks call; never held
     // while a callback runs.
@@ -117,6 +130,8 @@ protected:
     const Json::Value* treeOfDispatchedMessage(const std::string& message) const;
 
 private:
+    SocketClientFactory make_socket_client_;
+
     // cmd_recv's work; `tree` receives the parsed message and `parsed` says
     // whether the parse itself completed.
     bool receiveMessage(const std::string& message, Json::Value& tree, bool& parsed);

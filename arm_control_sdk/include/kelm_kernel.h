@@ -419,6 +419,11 @@ public:
     std::map<std::string, std::function<void(int, int)>> motor_run_state_changed_callbacks;
     std::map<std::string, std::function<void(int)>> state_changed_callbacks;
 
+protected:
+    // A kernel whose connection runs over the socket clients that `factory`
+    // makes (see KelmCommManager); otherwise as the public constructor.
+    KelmKernelImpl(SocketClientFactory factory, const std::string& ip, int port, double timeout, int arm_index);
+
 private:
     // Sends a command with cmd_server (1000 ms) and reads its reply: 1 for
     // `recv` "Task_Recieve", -1 for a null reply or any other answer.

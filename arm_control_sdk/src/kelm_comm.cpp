@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <utility>
 
 #include "callback_registry.h"
 #include "log_manager.h"
@@ -69,7 +70,15 @@ bool hasStringLastTaskKey(const Json::Value& arm) {
 
 }  // namespace
 
-KelmCommManager::KelmCommManager() {
+KelmCommManager::SocketClientFactory KelmCommManager::webSocketClientFactory() {
+    return [](const std::string& ip, unsigned short port) -> std::shared_ptr<BasicClientInterface> {
+        return std::make_shared<WebSocketClient>(ip, port);
+    };
+}
+
+KelmCommManager::KelmCommManager() : KelmCommManager(webSocketClientFactory()) {}
+
+KelmCommManager::KelmCommManager(SocketClientFactory factory) : make_socket_client_(std::move(factory)) {
     const std::pair<ComMode, const char*> mode_names[] = {
         {COM_NONE, "None"}, {COM_TCP, "Tcp"}, {COM_WEBSOCKET, "WebSocket"}};
     for (const auto& mode_name : mode_names) com_mode_names.insert(mode_name);
@@ -94,7 +103,7 @@ int KelmCommManager::connect_kelm(const std::string& ip, int port, double timeou
         comm_client->disConnect();
         usleep(kReconnectPauseUs);
     }
-    comm_client->setClientHandle(std::make_shared<WebSocketClient>(ip, static_cast<unsigned short>(port)));
+    comm_client->setClientHandle(make_socket_client_(ip, static_cast<unsigned short>(port)));
     comm_client->setSendRate(send_rate);
     comm_client->setRecvRate(recv_rate);
     if (comm_client->connect(ip, port, timeout) == -1) {

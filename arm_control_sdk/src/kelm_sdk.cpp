@@ -17,7 +17,12 @@ const char* const kTaskReceived = "Task_Recieve";
 
 }  // namespace
 
-KelmKernelImpl::KelmKernelImpl(const std::string& ip, int port, double timeout, int arm_index) {
+KelmKernelImpl::KelmKernelImpl(const std::string& ip, int port, double timeout, int arm_index)
+    : KelmKernelImpl(webSocketClientFactory(), ip, port, timeout, arm_index) {}
+
+KelmKernelImpl::KelmKernelImpl(SocketClientFactory factory, const std::string& ip, int port, double timeout,
+                               int arm_index)
+    : KelmCommManager(std::move(factory)) {
     initData();
     register_update_robot_state_callback("parseRecieveData", [this](std::string msg) { parseRecieveData(msg); });
     register_error_catch_callback("onKelmError",
