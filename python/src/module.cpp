@@ -264,6 +264,13 @@ PYBIND11_MODULE(_kelm, m) {
     namespace py = pybind11;
     using namespace kelm_py;
     m.doc() = "Bindings of the Kelm arm client library (see the package kelm).";
+    // numpy's C API is set up here, on the importing thread: set up lazily by
+    // the first callback, two receive threads could wait for each other (one
+    // in the one-time set-up, which lets the GIL go while numpy imports, the
+    // other holding the GIL while it waits for that set-up).
+    py::module_::import("numpy");
+    (void)py::array_t<double>(0);
+    (void)py::array_t<std::uint64_t>(0);
     bindRecords(m);
     bindTables(m);
     bindLog(m);

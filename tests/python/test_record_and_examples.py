@@ -1,0 +1,73 @@
+"""The episode recorder, its plot, and the Python examples against kelm_sim."""
+
+import os
+import re
+
+import h5py
+import numpy as np
+import pytest
+
+
+def test_recorder_keeps_every_frame_and_lines_up_its_columns(start_sim, python, tmp_path):
+    # Both controllers stop streaming after 2 s: the recording holds their
+    # last frames, so the counters tell how many each sent meanwhile.
+    master = start_sim("--stop-streaming-after", "2", "--rate", "1000")
+    slave = start_sim("--stop-streaming-after", "2", "--rate", "1000")
+    path = tmp_path / "episode.hdf5"
+    result = python(["-m", "kelm.record", "--master", master.address, "--slave", slave.address, "--duration", "2.6",
+                     "-o", str(path)])
+    assert result.returncode == 0, result.stderr
+    assert re.search(r"frames \d+ master / \d+ slave \| rate .* Hz \| dropped 0 / 0 \|", result.stderr)
+
+    with h5py.File(path, "r") as episode:
+        attrs = episode.attrs
+        for arm in ("master", "slave"):
+            count = episode[f"{arm}/count"][:]
+            assert attrs[f"last_count_{arm}"] == count[-1] and attrs[f"dropped_{arm}"] == 0
+            assert np.array_equal(count, np.arange(count[0], count[-1] + 1))  # every frame sent since connecting
+            assert len(count) > 1000
+        rows = len(episode["master/count"])
+        dof = attrs["dof"]
+        action, qpos = episode["action"][:], episode["observations/qpos"][:]
+        assert action.shape == qpos.shape == episode["observations/qvel"].shape == (rows, dof + 1)
+        assert episode["timestamps"].shape == (rows, 2) and 900 < attrs["rate"] < 1100
+        # Columns: master joints and gripper; the slave frame received last before.
+        assert np.array_equal(action[:, :dof], episode["master/qpos"][:])
+        assert np.array_equal(action[:, dof], episode["master/gripper"][:, 0])
+        index = episode["observations/slave_index"][:]
+        assert np.array_equal(qpos[:, :dof], episode["slave/qpos"][:][index])
+        assert np.array_equal(qpos[:, dof], episode["slave/gripper"][:, 0][index])
+        slave_received = episode["slave/received"][:][index]
+        master_received = episode["timestamps"][:, 1]
+        late = slave_received > master_received
+        assert not late[index > 0].any()
+        assert np.all(np.diff(index) >= 0)
+
+    plot = python(["-m", "kelm.plot", str(path)])
+    assert plot.returncode == 0, plot.stderr
+    assert os.path.getsize(tmp_path / "episode.png") > 10000
+
+
+def test_leader_follower_relays_every_frame(start_sim, python, examples_dir):
+    master, slave = start_sim(), start_sim()
+    result = python([os.path.join(examples_dir, "03_leader_follower.py"), "--ip", master.host, "--port",
+                     str(master.port), "--slave-ip", slave.host, "--slave-port", str(slave.port), "--duration", "1.5"])
+    assert result.returncode == 0, result.stdout + result.stderr
+    relayed, frames = map(int, re.search(r"relayed (\d+) of (\d+) master frames", result.stdout).groups())
+    assert relayed == frames > 500
+    assert slave.streamed_targets() == relayed
+
+
+@pytest.mark.parametrize("example", ["01_single_arm.py", "02_dual_arm.py"])
+def test_arm_examples_run(start_sim, python, examples_dir, example):
+    sim = start_sim("--arms", "2")
+    result = python([os.path.join(examples_dir, example), sim.host, str(sim.port)])
+    assert result.returncode == 0, result.stdout + result.stderr
+
+
+def test_record_example(start_sim, python, examples_dir, tmp_path):
+    master, slave = start_sim(), start_sim()
+    result = python([os.path.join(examples_dir, "04_record_episode.py"), master.address, slave.address, "1",
+                     str(tmp_path / "one.hdf5")])
+    assert result.returncode == 0, result.stdout + result.stderr
+    assert "dropped 0/0" in result.stdout and (tmp_path / "one.png").exists()
