@@ -1,12 +1,15 @@
 # The Python package kelm against kelm_sim, through pytest with the interpreter
 # the package was built for. Skipped when the package is not built (no
-# pybind11, KELM_PYTHON off, a sanitizer build).
+# pybind11, KELM_PYTHON off, a sanitizer build). The live view's browser test
+# in the same folder has a CTest entry of its own (view.cmake).
 if(TARGET kelm_python_module AND TARGET kelm_sim)
   add_test(NAME python_kelm
     COMMAND ${CMAKE_COMMAND} -E env
       PYTHONPATH=${PROJECT_BINARY_DIR}/python
       KELM_SIM=$<TARGET_FILE:kelm_sim>
       PYTHONDONTWRITEBYTECODE=1
-      ${KELM_PYTHON_INTERPRETER} -m pytest -q -p no:cacheprovider ${CMAKE_CURRENT_LIST_DIR}/python)
+      ${KELM_PYTHON_INTERPRETER} -m pytest -q -p no:cacheprovider
+      ${CMAKE_CURRENT_LIST_DIR}/python/test_bindings.py
+      ${CMAKE_CURRENT_LIST_DIR}/python/test_record_and_examples.py)
   set_tests_properties(python_kelm PROPERTIES TIMEOUT 180)
 endif()
