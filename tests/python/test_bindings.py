@@ -204,3 +204,10 @@ def test_log_level_and_tables(capfd):
     assert kelm.kelm_err_code_map[3001] == "WARN_MESSAGE" and int(kelm.WARN_MESSAGE) == 3001
     assert kelm.kelm_state_str[kelm.Kelm_Error] == "Kelm_Error"
     assert kelm.ArmStatus().dof == 0 and kelm.ArmConfig().limit_upper.shape == (0,)
+
+
+def test_type_stub_is_current(python):
+    source = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+    result = python([os.path.join(source, "python", "make_stub.py")])
+    with open(os.path.join(source, "python", "kelm", "_kelm.pyi")) as stub:
+        assert result.stdout == stub.read(), "run python/make_stub.py > python/kelm/_kelm.pyi"
