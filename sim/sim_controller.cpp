@@ -13,6 +13,9 @@ namespace {
 // Far behind its deadlines (the process was stopped, the machine swapped):
 // start afresh instead of sending the missed frames in a burst.
 constexpr int kResyncPeriods = 50;
+// A client whose socket holds more unsent bytes than this (a few frames)
+// reads too slowly: it misses frames instead of being sent ever older ones.
+constexpr std::size_t kMaxFrameBacklogBytes = 16 * 1024;
 
 std::string compactText(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
@@ -161,22 +164,32 @@ void SimController::reply(WebSocketServer::ConnectionId connection, const Json::
     reply_cv_.notify_all();
 }
 
-// Sends now, or hands the text to the slowed network.
-void SimController::transmit(WebSocketServer::ConnectionId connection, const std::string& text) {
+// Sends now, or hands the text to the slowed network. Connection 0 is a
+// frame for everyone; an injected fault frame reaches even a slow client.
+void SimController::transmit(WebSocketServer::ConnectionId connection, const std::string& text, bool fault_frame) {
     if (faults_.networkDelayed()) {
-        putOnWire(connection, text);
+        putOnWire(connection, text, fault_frame);
         return;
     }
-    if (connection == 0) server_.broadcastText(text);
-    else if (server_.sendText(connection, text)) ++replies_sent_;
+    send(connection, text, fault_frame);
 }
 
-void SimController::putOnWire(WebSocketServer::ConnectionId connection, std::string text) {
+void SimController::send(WebSocketServer::ConnectionId connection, const std::string& text, bool fault_frame) {
+    if (connection != 0) {
+        if (server_.sendText(connection, text)) ++replies_sent_;
+    } else if (fault_frame) {
+        server_.broadcastText(text);
+    } else {
+        server_.broadcastLatest(text, kMaxFrameBacklogBytes);
+    }
+}
+
+void SimController::putOnWire(WebSocketServer::ConnectionId connection, std::string text, bool fault_frame) {
     {
         std::lock_guard<std::mutex> lock(reply_mutex_);
         Clock::time_point due = Clock::now() + faults_.sampleNetworkDelay();
         if (!wire_.empty()) due = std::max(due, wire_.back().due);
-        wire_.push_back(InFlight{due, connection, std::move(text)});
+        wire_.push_back(InFlight{due, connection, std::move(text), fault_frame});
     }
     reply_cv_.notify_all();
 }
@@ -206,8 +219,7 @@ void SimController::senderLoop() {
             InFlight next = std::move(wire_.front());
             wire_.pop_front();
             lock.unlock();
-            if (next.connection == 0) server_.broadcastText(next.text);
-            else if (server_.sendText(next.connection, next.text)) ++replies_sent_;
+            send(next.connection, next.text, next.fault_frame);
         }
         lock.lock();
     }
@@ -242,7 +254,8 @@ void SimController::sendFrame(std::uint64_t frame_number) {
     // Taken before the send, so that it precedes anything a client does
     // in answer to the frame, even when this thread is preempted.
     const Clock::time_point sent = Clock::now();
-    transmit(0, malformed ? text.substr(0, text.size() / 2) : text);
+    if (malformed) transmit(0, text.substr(0, text.size() / 2), true);
+    else transmit(0, text);
     ++frames_sent_;
     if (!sent_frame_observers.empty()) sent_frame_observers.callEach(count_, sent);
 }

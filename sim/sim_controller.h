@@ -3,7 +3,10 @@
 // It serves the controller's side of the wire protocol: it answers each
 // request of a client on that client's connection (after the configured
 // latency), and broadcasts a state frame to every client at the set rate
-// from a frame loop that keeps absolute deadlines on the steady clock.
+// from a frame loop that keeps absolute deadlines on the steady clock. A
+// client that reads frames more slowly than they come misses frames (its
+// count jumps) rather than receiving ever older ones queued before its
+// replies, and never holds up the other clients.
 // Faults can be injected through faults() and the members below.
 //
 // Threads: start() and stop() belong to the owner. The server runs one
@@ -103,8 +106,9 @@ private:
     void sendFrame(std::uint64_t frame_number);
     void applyTimedFaults(double seconds_running);
     void senderLoop();
-    void putOnWire(WebSocketServer::ConnectionId connection, std::string text);
-    void transmit(WebSocketServer::ConnectionId connection, const std::string& text);
+    void putOnWire(WebSocketServer::ConnectionId connection, std::string text, bool fault_frame);
+    void transmit(WebSocketServer::ConnectionId connection, const std::string& text, bool fault_frame = false);
+    void send(WebSocketServer::ConnectionId connection, const std::string& text, bool fault_frame);
 
     SimOptions options_;
     SimModel model_;
@@ -131,6 +135,7 @@ private:
         Clock::time_point due;
         WebSocketServer::ConnectionId connection;
         std::string text;
+        bool fault_frame;
     };
     std::deque<InFlight> wire_;
     bool reply_thread_stop_ = false;

@@ -108,8 +108,13 @@ TEST_F(SimFaultTest, StreamStopsAndResumes) {
     kernel.register_update_robot_state_callback("frames", [frames](std::string) { ++*frames; });
     ASSERT_TRUE(waitUntil([&] { return frames->load() > 10; }));
     simulator->faults().setStreaming(false);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // frames in flight arrive
-    const int stopped_at = frames->load();
+    // Frames on their way arrive first: wait, boundedly, for a quiet 200 ms.
+    int stopped_at = frames->load();
+    for (int i = 0; i < 25; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        if (frames->load() == stopped_at) break;
+        stopped_at = frames->load();
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(frames->load(), stopped_at);
     EXPECT_EQ(kernel.set_debug(true), 1) << "replies still flow";

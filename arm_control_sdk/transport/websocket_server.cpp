@@ -12,6 +12,8 @@
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/Net/WebSocket.h>
 #include <Poco/ThreadPool.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <atomic>
@@ -166,6 +168,13 @@ struct ServerConnection {
         } catch (const Poco::Exception&) {
             // Closed already.
         }
+    }
+
+    // Bytes written to the socket that the peer has not yet acknowledged.
+    std::size_t unsentBytes() const {
+        int queued = 0;
+        if (ioctl(socket->impl()->sockfd(), SIOCOUTQ, &queued) != 0) return 0;
+        return queued > 0 ? static_cast<std::size_t>(queued) : 0;
     }
 
     bool sendRaw(const std::string& bytes) {
@@ -418,6 +427,15 @@ bool WebSocketServer::sendText(ConnectionId id, const std::string& text) {
 std::size_t WebSocketServer::broadcastText(const std::string& text) {
     std::size_t reached = 0;
     for (const auto& connection : impl_->all()) {
+        if (connection->sendFrame(text.data(), text.size(), WebSocket::FRAME_TEXT)) ++reached;
+    }
+    return reached;
+}
+
+std::size_t WebSocketServer::broadcastLatest(const std::string& text, std::size_t max_backlog_bytes) {
+    std::size_t reached = 0;
+    for (const auto& connection : impl_->all()) {
+        if (connection->unsentBytes() > max_backlog_bytes) continue;
         if (connection->sendFrame(text.data(), text.size(), WebSocket::FRAME_TEXT)) ++reached;
     }
     return reached;

@@ -71,6 +71,12 @@ public:
     bool sendText(ConnectionId id, const std::string& text);
     // Sends `text` to every open connection; returns how many it reached.
     std::size_t broadcastText(const std::string& text);
+    // Sends a message that the next one makes stale (a state frame) to every
+    // open connection, except to one that still has more than
+    // `max_backlog_bytes` unsent in its socket: a client that reads too
+    // slowly misses messages instead of receiving ever older ones, and the
+    // sender never blocks on it. Returns how many it reached.
+    std::size_t broadcastLatest(const std::string& text, std::size_t max_backlog_bytes);
     // Sends `text` as one message cut into frames of at most
     // `fragment_bytes` payload bytes (a text frame and continuation frames).
     bool sendFragmentedText(ConnectionId id, const std::string& text, std::size_t fragment_bytes);
