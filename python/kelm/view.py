@@ -34,6 +34,7 @@ LIBRARY_ROOT = WEB_ROOT / "node_modules"
 DEFAULT_MODEL_NAME = "industrial_arm.urdf"
 CONTROLLER_PORT = 8090
 STATUS_PERIOD_S = 0.2
+FIRST_FRAME_WAIT_S = 2.0
 # A stream that sent nothing for this long shows as stalled.
 STALE_AFTER_S = 0.5
 # Joint traces kept for the lag estimate, and the largest lag looked for.
@@ -44,6 +45,11 @@ LAG_STEP_S = 0.001
 # steps counts as a stall of the stream; the usual step is taken per window [s].
 STALL_STEPS = 3.0
 STALL_WINDOW_S = 1.0
+
+
+def as_list(values):
+    """Floats of a numpy array (the library's vectors), a list or a tuple."""
+    return values.tolist() if hasattr(values, "tolist") else [float(value) for value in values]
 
 
 class ArmFeed:
@@ -63,11 +69,12 @@ class ArmFeed:
         self._error = None
         self._status = {}
         self._trace = collections.deque(maxlen=trace_length)
+        self.first_frame = threading.Event()
 
     def on_joints(self, stamp, joints, gripper):
         """One frame: controller time stamp [s], joint positions [rad], gripper opening [m]."""
         now = time.monotonic()
-        values = [float(value) for value in joints]
+        values = as_list(joints)
         with self._lock:
             self._count_stall(float(stamp))
             self._joints = values
@@ -75,10 +82,11 @@ class ArmFeed:
             self._frames += 1
             self._last_receive = now
             self._trace.append((now, values))
+        self.first_frame.set()
 
     def on_external_tau(self, _stamp, tau, _gripper_tau):
         """External joint torques [Nm] the slave feels, fed back in force mode."""
-        values = [float(value) for value in tau]
+        values = as_list(tau)
         with self._lock:
             self._external_tau = values
 
@@ -294,8 +302,12 @@ def main(argv=None):
 
     model = arguments.model or default_model_path()
     feeds = {"master": ArmFeed(int(LAG_WINDOW_S * 5000)), "slave": ArmFeed(int(LAG_WINDOW_S * 5000))}
-    links = [ControllerLink(kelm, role, address, feeds[role])
-             for role, address in (("master", arguments.master), ("slave", arguments.slave))]
+    links = [ControllerLink(kelm, "master", arguments.master, feeds["master"])]
+    # The binding's first numpy conversion must not happen on two receive
+    # threads at once (it can deadlock there), so the slave's callbacks wait
+    # for the master's first frame.
+    feeds["master"].first_frame.wait(FIRST_FRAME_WAIT_S)
+    links.append(ControllerLink(kelm, "slave", arguments.slave, feeds["slave"]))
     config = {"master": arguments.master, "slave": arguments.slave, "mirror": bool(arguments.mirror),
               "wall": arguments.wall, "model": os.path.basename(str(model))}
     stop = threading.Event()

@@ -14,7 +14,7 @@ from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.chrome.service import Service
 
 TARGET = [0.3, -0.4, 0.5, 0.2, -1.0, 0.4]  # [rad]
-WAIT_S = 20
+WAIT_S = 30
 
 
 class ViewProcess:
