@@ -138,6 +138,9 @@ private:
     void storeReply(const std::string& command, const std::string& task_key, const Json::Value& reply);
     Json::Value waitForReply(const MsgHeader& header, int timeout);
     void broadcastFinishedTasks(const Json::Value& message);
+    // Tells the task-completion callbacks and the one-shot subscription of
+    // `key` that its task has finished.
+    void broadcastFinishedTask(const std::string& key);
     void fireSubscriptionOnce(const std::string& key);
 };
 

@@ -431,18 +431,11 @@ private:
     // Publishes a streaming message without waiting: 1 if it went out.
     int publishStream(const Json::Value& body);
 
-    // Steps of a state frame, all but the first under state_mutex.
+    // Takes a frame over from either parser's document (data_parser.cpp).
+    template <typename Document>
+    friend class FrameReader;
+    // Fires the registries that a frame drives after state_mutex.
     void fireFrameDataCallbacks();
-    void readCount(const Json::Value& root);
-    void fireErrorOfThisArm(const Json::Value& root);
-    const Json::Value* selectArm(const Json::Value* arms) const;
-    void takeOverArm(const Json::Value& arm);
-    void fireAxisCallbacks(const Json::Value& axises);
-    void readGripper(const Json::Value& gripper);
-    void readJointBlock(const Json::Value& block, bool arm_has_pose, std::vector<double>& pos,
-                        std::vector<double>& vel, std::vector<double>& tau);
-    void readPoses(const Json::Value& arm);
-    void readTask(const Json::Value& task);
 
     // Steps of the ready sequence.
     bool runSingleReadySteps();

@@ -2,32 +2,32 @@
 // over into the cached state, and firing the registries they drive.
 //
 // Runs on the receive thread, one frame after the other. This is the
-// teleoperation hot path: the tree parsed on receipt is reused when the
-// connection offers it, member lookups never insert, and the cached vectors
-// and strings are refilled in place so that a frame of unchanged shape
-// allocates nothing for them.
+// teleoperation hot path: a frame that the connection read with the fast
+// reader is taken over from that document without a tree; otherwise the
+// tree parsed on receipt is reused when the connection offers it. Either way
+// one reader, FrameReader, holds the rules of the frame; the two documents
+// only supply lookups and conversions. Member lookups never insert, and the
+// cached vectors and strings are refilled in place so that a frame of
+// unchanged shape allocates nothing for them.
 #include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "callback_registry.h"
 #include "kelm_kernel.h"
 #include "log_manager.h"
 #include "status_field.h"
+#if KELM_FRAME_FAST_PATH
+#include "fast_frame_document.h"
+#endif
 
 namespace kelm {
 
 namespace {
 
 constexpr char kStateCommand[] = "webSendRobotState";
-
-// The member `key` of `object`, or null when it is absent. Like isMember, it
-// throws for a value that is neither an object nor null.
-template <size_t N>
-const Json::Value* member(const Json::Value& object, const char (&key)[N]) {
-    return object.find(key, key + N - 1);
-}
 
 // Parses text up to its first zero byte; a failed parse gives a null value.
 Json::Value parseText(const std::string& text) {
@@ -42,61 +42,83 @@ Json::Value parseText(const std::string& text) {
     return root;
 }
 
-// `command` read as text equals "webSendRobotState"; a command that cannot be
-// read as text throws.
-bool isStateFrame(const Json::Value& root) {
-    const Json::Value* command = member(root, "command");
-    if (command == nullptr) return false;
-    if (!command->isString()) return command->asString() == kStateCommand;
-    const char* begin = nullptr;
-    const char* end = nullptr;
-    command->getString(&begin, &end);
-    const size_t length = static_cast<size_t>(end - begin);
-    return length == sizeof(kStateCommand) - 1 && std::memcmp(begin, kStateCommand, length) == 0;
-}
+// A jsoncpp tree as a document for FrameReader. An absent value reads as
+// null; every conversion is jsoncpp's own, so a value of an unexpected type
+// converts or throws as jsoncpp decides.
+struct JsonDocument {
+    using Value = Json::Value;
+    using Found = const Json::Value*;
 
-// A string value into `out`, reusing its buffer; other values as asString.
-void assignText(const Json::Value& value, std::string& out) {
-    if (!value.isString()) {
-        out = value.asString();
-        return;
+    static const Value& orNull(Found value) { return value != nullptr ? *value : Json::Value::nullSingleton(); }
+
+    // Like isMember, it throws for a value that is neither an object nor null.
+    static Found find(const Value& object, std::string_view key) {
+        return object.find(key.data(), key.data() + key.size());
     }
-    const char* begin = nullptr;
-    const char* end = nullptr;
-    value.getString(&begin, &end);
-    out.assign(begin, end);
-}
 
-// The frame's sequence number: its text through std::stoul, so that text and
-// numbers alike are accepted and anything else throws ("stoul").
-uint64_t frameCount(const Json::Value& count) {
-    if (count.type() == Json::intValue) return static_cast<uint64_t>(count.asInt64());
-    if (count.type() == Json::uintValue) return count.asUInt64();
-    return std::stoul(count.asString());
-}
+    static bool isArray(const Value& value) { return value.isArray(); }
+    static size_t size(Found values) { return orNull(values).size(); }
+    static Found at(const Value& values, size_t index) { return &values[static_cast<Json::ArrayIndex>(index)]; }
 
-// A number, or text holding one (std::stod, which throws "stod" otherwise).
-double decimalValue(const Json::Value& value) {
-    if (value.isNumeric()) return value.asDouble();
-    return std::stod(value.asString());
-}
-
-// Fills `out` with `values`, one entry per element, read as float or double.
-template <typename Element>
-void readNumbers(const Json::Value& values, std::vector<double>& out) {
-    out.resize(values.size());
-    if (values.isArray()) {
-        size_t i = 0;
-        for (const Json::Value& value : values) out[i++] = static_cast<double>(value.as<Element>());
-        return;
+    template <typename Each>
+    static void forEach(Found found, Each each) {
+        const Value& values = orNull(found);
+        if (values.isArray()) {
+            for (const Value& value : values) each(&value);
+            return;
+        }
+        for (Json::ArrayIndex i = 0; i < values.size(); ++i) each(&values[i]);
     }
-    for (Json::ArrayIndex i = 0; i < values.size(); ++i) out[i] = static_cast<double>(values[i].as<Element>());
-}
 
-// Seven values at float precision; missing ones read 0.
-void readPose(const Json::Value& values, Pose& out) {
-    for (Json::ArrayIndex i = 0; i < out.size(); ++i) out[i] = static_cast<double>(values[i].asFloat());
-}
+    // Text compared as jsoncpp's asString gives it; a value that cannot be
+    // read as text throws.
+    static bool textIs(const Value& value, std::string_view text) {
+        if (!value.isString()) return value.asString() == text;
+        const char* begin = nullptr;
+        const char* end = nullptr;
+        value.getString(&begin, &end);
+        return std::string_view(begin, static_cast<size_t>(end - begin)) == text;
+    }
+
+    // A string value into `out`, reusing its buffer; other values as asString.
+    static void assignText(Found found, std::string& out) {
+        const Value& value = orNull(found);
+        if (!value.isString()) {
+            out = value.asString();
+            return;
+        }
+        const char* begin = nullptr;
+        const char* end = nullptr;
+        value.getString(&begin, &end);
+        out.assign(begin, end);
+    }
+
+    static std::string text(Found value) { return orNull(value).asString(); }
+    static int asInt(Found value) { return orNull(value).asInt(); }
+    static bool asBool(Found value) { return orNull(value).asBool(); }
+
+    template <typename Number>
+    static Number as(Found value) {
+        return orNull(value).as<Number>();
+    }
+
+    // The frame's sequence number: its text through std::stoul, so that text
+    // and numbers alike are accepted and anything else throws ("stoul").
+    static uint64_t frameCount(Found found) {
+        const Value& count = orNull(found);
+        if (count.type() == Json::intValue) return static_cast<uint64_t>(count.asInt64());
+        if (count.type() == Json::uintValue) return count.asUInt64();
+        return std::stoul(count.asString());
+    }
+
+    // A number, or text holding one (std::stod, which throws "stod" otherwise).
+    static double decimalValue(const Value& value) {
+        if (value.isNumeric()) return value.asDouble();
+        return std::stod(value.asString());
+    }
+
+    static bool equalsIndex(const Value& value, int index) { return value == Json::Value(index); }
+};
 
 // Calls every function of a registry's copy with its own copies of `args`.
 template <typename Functions, typename... Args>
@@ -106,8 +128,241 @@ void callEntries(const Functions& functions, const Args&... args) {
 
 }  // namespace
 
+// The rules of a state frame over one document type: which key goes where,
+// read how, and which registry fires in which order.
+template <typename Document>
+class FrameReader {
+public:
+    using Value = typename Document::Value;
+    using Found = typename Document::Found;
+
+    explicit FrameReader(KelmKernelImpl& kernel) : kernel_(kernel) {}
+
+    // `command` read as text equals "webSendRobotState".
+    static bool isStateFrame(const Value& root) {
+        const Found command = Document::find(root, "command");
+        return command && Document::textIs(*command, kStateCommand);
+    }
+
+    void takeOver(const Value& root) {
+        if (!isStateFrame(root)) return;
+        const Found arms = Document::find(root, "arm");
+        if (arms && Document::isArray(*arms)) status_field::store(kernel_.arm_count, Document::size(arms));
+        const int previous_motion_state = status_field::load(kernel_.status.motion_state);
+
+        std::lock_guard<std::mutex> lock(kernel_.state_mutex);
+        readCount(root);
+        if (const Found debug = Document::find(root, "debug")) {
+            status_field::store(kernel_.status.debug, Document::asBool(debug));
+        }
+        if (const Found stamp = Document::find(root, "Unix_time_stamp")) {
+            kernel_.time_stamp = Document::decimalValue(*stamp);
+        }
+        fireErrorOfThisArm(root);
+
+        const Found arm = selectArm(arms);
+        if (!arm) return;
+        takeOverArm(*arm);
+
+        const int motion_state = status_field::load(kernel_.status.motion_state);
+        if (motion_state != previous_motion_state) {
+            registry::callEach(kernel_.registry_mutex_, kernel_.state_changed_callbacks, motion_state);
+        }
+    }
+
+private:
+    void readCount(const Value& root) {
+        const uint64_t count = Document::frameCount(Document::find(root, "count"));
+        // Unsigned on purpose: a first frame above 1 and a count that goes
+        // backwards are reported as gaps too.
+        if (count - kernel_.msg_count > 1) {
+            KELM_LOG(LOG_ERROR, "miss msg, current count %s, last count %s", std::to_string(count).c_str(),
+                     std::to_string(kernel_.msg_count).c_str());
+        }
+        kernel_.msg_count = count;
+    }
+
+    void fireErrorOfThisArm(const Value& root) {
+        const Found error = Document::find(root, "error");
+        if (!error) return;
+        const int code = Document::asInt(error);
+        if (code == 0) return;
+        // Level-triggered: every frame that still carries the error fires again.
+        if (Document::asInt(Document::find(root, "error_arm_index")) != status_field::load(kernel_.status.arm_index)) {
+            return;
+        }
+        registry::callEach(kernel_.registry_mutex_, kernel_.error_catch_callbacks, code,
+                           Document::text(Document::find(root, "errMsg")));
+    }
+
+    Found selectArm(const Found& arms) const {
+        if (!arms) return Found();
+        const int index = status_field::load(kernel_.status.arm_index);
+        if (index < 0 || static_cast<size_t>(index) >= Document::size(arms)) return Found();
+        const Found arm = Document::at(*arms, static_cast<size_t>(index));
+        // The position in the array and the index the entry states must
+        // agree, also in JSON type: an index sent as text does not match.
+        const Found stated_index = Document::find(*arm, "arm_index");
+        if (!stated_index || !Document::equalsIndex(*stated_index, index)) return Found();
+        return arm;
+    }
+
+    void takeOverArm(const Value& arm) {
+        if (const Found name = Document::find(arm, "arm_name")) {
+            Document::assignText(name, kernel_.arm_name_scratch_);
+            // The receive thread is the only writer, so it may compare unlocked.
+            if (kernel_.status.arm_name != kernel_.arm_name_scratch_) {
+                std::lock_guard<std::mutex> name_lock(kernel_.arm_name_mutex_);
+                kernel_.status.arm_name = kernel_.arm_name_scratch_;
+            }
+        }
+        if (const Found dof = Document::find(arm, "arm_dof")) status_field::store(kernel_.status.dof, Document::asInt(dof));
+        if (const Found axises = Document::find(arm, "axises")) fireAxisCallbacks(axises);
+        if (const Found gripper = Document::find(arm, "gripper")) readGripper(*gripper);
+
+        // Whether the joint positions of `reality` and `plan` are read is
+        // decided by the arm-level `pose`, not by the blocks themselves.
+        const bool arm_has_pose = static_cast<bool>(Document::find(arm, "pose"));
+        if (const Found reality = Document::find(arm, "reality")) {
+            readJointBlock(*reality, arm_has_pose, kernel_.joint_pos, kernel_.joint_vel, kernel_.joint_tau);
+        }
+        if (const Found plan = Document::find(arm, "plan")) {
+            readJointBlock(*plan, arm_has_pose, kernel_.plan_joint_pos, kernel_.plan_joint_vel, kernel_.plan_joint_tau);
+        }
+        if (const Found force = Document::find(arm, "cart_external_force")) {
+            readNumbers<double>(force, kernel_.cart_external_force);
+        }
+        if (const Found external_tau = Document::find(arm, "joint_external_tau")) {
+            readNumbers<double>(external_tau, kernel_.joint_external_tau);
+            registry::callEach(kernel_.registry_mutex_, kernel_.get_external_force_callbacks, kernel_.time_stamp,
+                               kernel_.joint_external_tau, kernel_.cart_external_force);
+            registry::callEach(kernel_.registry_mutex_, kernel_.get_tele_slave_data_callbacks, kernel_.time_stamp,
+                               kernel_.joint_external_tau, kernel_.end_effector.tau);
+        }
+        readPoses(arm);
+
+        if (const Found servo = Document::find(arm, "servo")) {
+            status_field::store(kernel_.status.servo, Document::asBool(servo));
+        }
+        if (const Found motion_state = Document::find(arm, "motion_state")) {
+            status_field::store(kernel_.status.motion_state, Document::asInt(motion_state));
+        }
+        if (const Found fsm_state = Document::find(arm, "fsm_state")) {
+            Document::assignText(fsm_state, kernel_.fsm_state_scratch_);
+            status_field::store(kernel_.status.fsm_mode, lookupFsmMode(kernel_.fsm_state_scratch_));
+        }
+        if (const Found vel_per = Document::find(arm, "vel_per")) {
+            status_field::store(kernel_.status.vel_per, Document::template as<double>(vel_per));
+        }
+        if (const Found tool = Document::find(arm, "tool")) kernel_.tool_index = Document::asInt(tool);
+        if (const Found user = Document::find(arm, "user")) kernel_.user_index = Document::asInt(user);
+        if (const Found task = Document::find(arm, "task")) readTask(*task);
+    }
+
+    void fireAxisCallbacks(const Found& axises) {
+        // One snapshot per registry and frame; the axis values are never stored.
+        std::mutex& registry_mutex = kernel_.registry_mutex_;
+        const auto mode_callbacks = registry::copyEntries(registry_mutex, kernel_.fsm_mode_changed_callbacks);
+        const auto servo_callbacks = registry::copyEntries(registry_mutex, kernel_.servo_status_changed_callbacks);
+        const auto code_callbacks = registry::copyEntries(registry_mutex, kernel_.motor_code_changed_callbacks);
+        const auto run_state_callbacks = registry::copyEntries(registry_mutex, kernel_.motor_run_state_changed_callbacks);
+        Document::forEach(axises, [&](const Found& axis) {
+            const Found index_value = Document::find(*axis, "index");
+            if (!index_value) return;
+            const int index = Document::asInt(index_value);
+            if (const Found mode = Document::find(*axis, "mode")) callEntries(mode_callbacks, index, Document::asInt(mode));
+            // Unlike the arm-level servo flag, the axis servo is an integer.
+            if (const Found servo = Document::find(*axis, "servo")) {
+                callEntries(servo_callbacks, index, Document::asInt(servo) != 0);
+            }
+            if (const Found code = Document::find(*axis, "code")) {
+                const int code_value = Document::asInt(code);
+                callEntries(code_callbacks, index, code_value, Document::text(Document::find(*axis, "msg")));
+            }
+            if (const Found run_state = Document::find(*axis, "run_state")) {
+                callEntries(run_state_callbacks, index, Document::asInt(run_state));
+            }
+        });
+    }
+
+    void readGripper(const Value& gripper) {
+        KelmKernelImpl::EndEffector& end_effector = kernel_.end_effector;
+        if (const Found pos = Document::find(gripper, "gripper_pos")) end_effector.pos = Document::template as<double>(pos);
+        if (const Found vel = Document::find(gripper, "gripper_vel")) end_effector.vel = Document::template as<double>(vel);
+        if (const Found tau = Document::find(gripper, "gripper_tau")) end_effector.tau = Document::template as<double>(tau);
+        if (const Found state = Document::find(gripper, "gripper_state")) {
+            end_effector.state = static_cast<int8_t>(Document::asInt(state));  // low byte kept
+        }
+        if (const Found connected = Document::find(gripper, "is_connect")) {
+            end_effector.connected = Document::asBool(connected);
+        }
+    }
+
+    void readJointBlock(const Value& block, bool arm_has_pose, std::vector<double>& pos, std::vector<double>& vel,
+                        std::vector<double>& tau) {
+        // With the arm-level `pose`, a block without `pose` empties `pos`.
+        if (arm_has_pose) readNumbers<float>(Document::find(block, "pose"), pos);
+        if (const Found velocities = Document::find(block, "vel")) readNumbers<float>(velocities, vel);
+        if (const Found torques = Document::find(block, "torque")) readNumbers<float>(torques, tau);
+    }
+
+    // Fills `out` with `values`, one entry per element, read as float or
+    // double; an absent array empties it.
+    template <typename Element>
+    static void readNumbers(const Found& values, std::vector<double>& out) {
+        out.resize(Document::size(values));
+        size_t i = 0;
+        Document::forEach(values, [&](const Found& value) {
+            out[i++] = static_cast<double>(Document::template as<Element>(value));
+        });
+    }
+
+    // Seven values at float precision; missing ones read 0.
+    static void readPose(const Value& values, Pose& out) {
+        for (size_t i = 0; i < out.size(); ++i) {
+            out[i] = static_cast<double>(Document::template as<float>(Document::at(values, i)));
+        }
+    }
+
+    void readPoses(const Value& arm) {
+        if (const Found pose = Document::find(arm, "pose")) readPose(*pose, kernel_.cart_pose);
+        // Each frame-specific pose that the frame leaves out follows cart_pose.
+        const std::pair<Found, Pose*> frame_poses[] = {
+            {Document::find(arm, "pose_tool"), &kernel_.pose_tool},
+            {Document::find(arm, "pose_user"), &kernel_.pose_user},
+            {Document::find(arm, "pose_aut"), &kernel_.pose_aut},
+        };
+        for (const auto& frame_pose : frame_poses) {
+            if (frame_pose.first) {
+                readPose(*frame_pose.first, *frame_pose.second);
+            } else {
+                *frame_pose.second = kernel_.cart_pose;
+            }
+        }
+    }
+
+    void readTask(const Value& task) {
+        if (const Found flag = Document::find(task, "exe_flag")) kernel_.exe_flag = Document::asBool(flag);
+        if (const Found last = Document::find(task, "last_task_key")) Document::assignText(last, kernel_.last_task_key);
+        if (const Found executing = Document::find(task, "exe_task_key")) {
+            Document::assignText(executing, kernel_.exe_task_key);
+        }
+    }
+
+    KelmKernelImpl& kernel_;
+};
+
 void KelmKernelImpl::parseRecieveData(const std::string& msg) {
     try {
+#if KELM_FRAME_FAST_PATH
+        using FastReader = FrameReader<fast_frame::FastDocument>;
+        if (const fast_frame::Message* fast = fast_frame::dispatchedMessage(*this, msg)) {
+            if (!FastReader::isStateFrame(fast->root)) return;
+            FastReader(*this).takeOver(fast->root);
+            fireFrameDataCallbacks();
+            return;
+        }
+#endif
         Json::Value parsed;
         const Json::Value* root = treeOfDispatchedMessage(msg);
         if (root == nullptr) {
@@ -118,7 +373,7 @@ void KelmKernelImpl::parseRecieveData(const std::string& msg) {
             KELM_LOG(LOG_ERROR, "parse error %s", msg.c_str());
             return;
         }
-        if (!isStateFrame(*root)) return;
+        if (!FrameReader<JsonDocument>::isStateFrame(*root)) return;
         webSendRobotStateData(*root);
         fireFrameDataCallbacks();
     } catch (const std::exception& e) {
@@ -137,166 +392,6 @@ void KelmKernelImpl::fireFrameDataCallbacks() {
     registry::callEach(registry_mutex_, get_tele_master_data_callbacks, time_stamp, joint_pos, end_effector.pos);
 }
 
-void KelmKernelImpl::webSendRobotStateData(const Json::Value& root) {
-    if (!isStateFrame(root)) return;
-    const Json::Value* arms = member(root, "arm");
-    if (arms != nullptr && arms->isArray()) status_field::store(arm_count, arms->size());
-    const int previous_motion_state = status_field::load(status.motion_state);
-
-    std::lock_guard<std::mutex> lock(state_mutex);
-    readCount(root);
-    if (const Json::Value* debug = member(root, "debug")) status_field::store(status.debug, debug->asBool());
-    if (const Json::Value* stamp = member(root, "Unix_time_stamp")) time_stamp = decimalValue(*stamp);
-    fireErrorOfThisArm(root);
-
-    const Json::Value* arm = selectArm(arms);
-    if (arm == nullptr) return;
-    takeOverArm(*arm);
-
-    const int motion_state = status_field::load(status.motion_state);
-    if (motion_state != previous_motion_state) registry::callEach(registry_mutex_, state_changed_callbacks, motion_state);
-}
-
-void KelmKernelImpl::readCount(const Json::Value& root) {
-    const uint64_t count = frameCount(root["count"]);
-    // Unsigned on purpose: a first frame above 1 and a count that goes
-    // backwards are reported as gaps too.
-    if (count - msg_count > 1) {
-        KELM_LOG(LOG_ERROR, "miss msg, current count %s, last count %s", std::to_string(count).c_str(),
-                 std::to_string(msg_count).c_str());
-    }
-    msg_count = count;
-}
-
-void KelmKernelImpl::fireErrorOfThisArm(const Json::Value& root) {
-    const Json::Value* error = member(root, "error");
-    if (error == nullptr) return;
-    const int code = error->asInt();
-    if (code == 0) return;
-    // Level-triggered: every frame that still carries the error fires again.
-    if (root["error_arm_index"].asInt() != status_field::load(status.arm_index)) return;
-    registry::callEach(registry_mutex_, error_catch_callbacks, code, root["errMsg"].asString());
-}
-
-const Json::Value* KelmKernelImpl::selectArm(const Json::Value* arms) const {
-    if (arms == nullptr) return nullptr;
-    const int index = status_field::load(status.arm_index);
-    if (index < 0 || static_cast<Json::ArrayIndex>(index) >= arms->size()) return nullptr;
-    const Json::Value& arm = (*arms)[static_cast<Json::ArrayIndex>(index)];
-    // The position in the array and the index the entry states must agree,
-    // also in JSON type: an index sent as text does not match.
-    const Json::Value* stated_index = member(arm, "arm_index");
-    if (stated_index == nullptr || *stated_index != Json::Value(index)) return nullptr;
-    return &arm;
-}
-
-void KelmKernelImpl::takeOverArm(const Json::Value& arm) {
-    if (const Json::Value* name = member(arm, "arm_name")) {
-        assignText(*name, arm_name_scratch_);
-        // The receive thread is the only writer, so it may compare unlocked.
-        if (status.arm_name != arm_name_scratch_) {
-            std::lock_guard<std::mutex> name_lock(arm_name_mutex_);
-            status.arm_name = arm_name_scratch_;
-        }
-    }
-    if (const Json::Value* dof = member(arm, "arm_dof")) status_field::store(status.dof, dof->asInt());
-    if (const Json::Value* axises = member(arm, "axises")) fireAxisCallbacks(*axises);
-    if (const Json::Value* gripper = member(arm, "gripper")) readGripper(*gripper);
-
-    // Whether the joint positions of `reality` and `plan` are read is decided
-    // by the arm-level `pose`, not by the blocks themselves.
-    const bool arm_has_pose = member(arm, "pose") != nullptr;
-    if (const Json::Value* reality = member(arm, "reality")) {
-        readJointBlock(*reality, arm_has_pose, joint_pos, joint_vel, joint_tau);
-    }
-    if (const Json::Value* plan = member(arm, "plan")) {
-        readJointBlock(*plan, arm_has_pose, plan_joint_pos, plan_joint_vel, plan_joint_tau);
-    }
-    if (const Json::Value* force = member(arm, "cart_external_force")) readNumbers<double>(*force, cart_external_force);
-    if (const Json::Value* external_tau = member(arm, "joint_external_tau")) {
-        readNumbers<double>(*external_tau, joint_external_tau);
-        registry::callEach(registry_mutex_, get_external_force_callbacks, time_stamp, joint_external_tau, cart_external_force);
-        registry::callEach(registry_mutex_, get_tele_slave_data_callbacks, time_stamp, joint_external_tau, end_effector.tau);
-    }
-    readPoses(arm);
-
-    if (const Json::Value* servo = member(arm, "servo")) status_field::store(status.servo, servo->asBool());
-    if (const Json::Value* motion_state = member(arm, "motion_state")) {
-        status_field::store(status.motion_state, motion_state->asInt());
-    }
-    if (const Json::Value* fsm_state = member(arm, "fsm_state")) {
-        assignText(*fsm_state, fsm_state_scratch_);
-        status_field::store(status.fsm_mode, lookupFsmMode(fsm_state_scratch_));
-    }
-    if (const Json::Value* vel_per = member(arm, "vel_per")) status_field::store(status.vel_per, vel_per->asDouble());
-    if (const Json::Value* tool = member(arm, "tool")) tool_index = tool->asInt();
-    if (const Json::Value* user = member(arm, "user")) user_index = user->asInt();
-    if (const Json::Value* task = member(arm, "task")) readTask(*task);
-}
-
-void KelmKernelImpl::fireAxisCallbacks(const Json::Value& axises) {
-    // One snapshot per registry and frame; the axis values are never stored.
-    const auto mode_callbacks = registry::copyEntries(registry_mutex_, fsm_mode_changed_callbacks);
-    const auto servo_callbacks = registry::copyEntries(registry_mutex_, servo_status_changed_callbacks);
-    const auto code_callbacks = registry::copyEntries(registry_mutex_, motor_code_changed_callbacks);
-    const auto run_state_callbacks = registry::copyEntries(registry_mutex_, motor_run_state_changed_callbacks);
-    for (Json::ArrayIndex i = 0; i < axises.size(); ++i) {
-        const Json::Value& axis = axises[i];
-        const Json::Value* index_value = member(axis, "index");
-        if (index_value == nullptr) continue;
-        const int index = index_value->asInt();
-        if (const Json::Value* mode = member(axis, "mode")) callEntries(mode_callbacks, index, mode->asInt());
-        // Unlike the arm-level servo flag, the axis servo is an integer.
-        if (const Json::Value* servo = member(axis, "servo")) callEntries(servo_callbacks, index, servo->asInt() != 0);
-        if (const Json::Value* code = member(axis, "code")) {
-            const int code_value = code->asInt();
-            callEntries(code_callbacks, index, code_value, axis["msg"].asString());
-        }
-        if (const Json::Value* run_state = member(axis, "run_state")) {
-            callEntries(run_state_callbacks, index, run_state->asInt());
-        }
-    }
-}
-
-void KelmKernelImpl::readGripper(const Json::Value& gripper) {
-    if (const Json::Value* pos = member(gripper, "gripper_pos")) end_effector.pos = pos->asDouble();
-    if (const Json::Value* vel = member(gripper, "gripper_vel")) end_effector.vel = vel->asDouble();
-    if (const Json::Value* tau = member(gripper, "gripper_tau")) end_effector.tau = tau->asDouble();
-    if (const Json::Value* state = member(gripper, "gripper_state")) {
-        end_effector.state = static_cast<int8_t>(state->asInt());  // low byte kept
-    }
-    if (const Json::Value* connected = member(gripper, "is_connect")) end_effector.connected = connected->asBool();
-}
-
-void KelmKernelImpl::readJointBlock(const Json::Value& block, bool arm_has_pose, std::vector<double>& pos,
-                                    std::vector<double>& vel, std::vector<double>& tau) {
-    // With the arm-level `pose`, a block without `pose` empties `pos`.
-    if (arm_has_pose) readNumbers<float>(block["pose"], pos);
-    if (const Json::Value* velocities = member(block, "vel")) readNumbers<float>(*velocities, vel);
-    if (const Json::Value* torques = member(block, "torque")) readNumbers<float>(*torques, tau);
-}
-
-void KelmKernelImpl::readPoses(const Json::Value& arm) {
-    if (const Json::Value* pose = member(arm, "pose")) readPose(*pose, cart_pose);
-    // Each frame-specific pose that the frame leaves out follows cart_pose.
-    const std::pair<const Json::Value*, Pose*> frame_poses[] = {
-        {member(arm, "pose_tool"), &pose_tool},
-        {member(arm, "pose_user"), &pose_user},
-        {member(arm, "pose_aut"), &pose_aut},
-    };
-    for (const auto& frame_pose : frame_poses) {
-        if (frame_pose.first != nullptr) {
-            readPose(*frame_pose.first, *frame_pose.second);
-        } else {
-            *frame_pose.second = cart_pose;
-        }
-    }
-}
-
-void KelmKernelImpl::readTask(const Json::Value& task) {
-    if (const Json::Value* flag = member(task, "exe_flag")) exe_flag = flag->asBool();
-    if (const Json::Value* last = member(task, "last_task_key")) assignText(*last, last_task_key);
-    if (const Json::Value* executing = member(task, "exe_task_key")) assignText(*executing, exe_task_key);
-}
+void KelmKernelImpl::webSendRobotStateData(const Json::Value& root) { FrameReader<JsonDocument>(*this).takeOver(root); }
 
 }  // namespace kelm

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "callback_registry.h"
+#include "fast_frame.h"
 #include "log_manager.h"
 #include "websocket_client.h"
 
@@ -39,20 +40,23 @@ Json::Value parseMessage(const std::string& message) {
     return value;
 }
 
-// The message that onReceive is dispatching on this thread, with its tree.
+// The message that onReceive is dispatching on this thread, with its tree or
+// its fast-read form.
 struct DispatchedMessage {
     const KelmCommManager* manager = nullptr;
     const std::string* text = nullptr;
     const Json::Value* tree = nullptr;
+    const fast_frame::Message* fast = nullptr;
 };
 thread_local DispatchedMessage dispatched;
 
 // Marks a message as being dispatched for as long as it lives.
 class DispatchScope {
 public:
-    DispatchScope(const KelmCommManager* manager, const std::string* text, const Json::Value* tree)
+    DispatchScope(const KelmCommManager* manager, const std::string* text, const Json::Value* tree,
+                  const fast_frame::Message* fast)
         : saved_(dispatched) {
-        dispatched = DispatchedMessage{manager, text, tree};
+        dispatched = DispatchedMessage{manager, text, tree, fast};
     }
     ~DispatchScope() { dispatched = saved_; }
     DispatchScope(const DispatchScope&) = delete;
@@ -61,6 +65,21 @@ public:
 private:
     DispatchedMessage saved_;
 };
+
+// Runs cmd_recv's work on `message` under its handlers: an exception is
+// logged (or, when it is no std::exception, printed with the message) and
+// the result is false.
+template <typename Work>
+bool receiveGuarded(const std::string& message, Work work) {
+    try {
+        return work();
+    } catch (const std::exception& e) {
+        KELM_LOG(LOG_ERROR, "%s", e.what());
+    } catch (...) {
+        std::cout << "execption: " << message << std::endl;
+    }
+    return false;
+}
 
 bool hasStringLastTaskKey(const Json::Value& arm) {
     if (!arm.isMember("task")) return false;
@@ -138,10 +157,24 @@ void KelmCommManager::connectChanged(bool connected) {
 }
 
 void KelmCommManager::onReceive(const std::string& message) {
+#if KELM_FRAME_FAST_PATH
+    // A message the fast reader maps with certainty is no reply: its tasks
+    // are broadcast and it goes to the state callbacks without a tree.
+    const fast_frame::Lease lease = fast_frame::read(message);
+    if (const fast_frame::Message* fast = lease.message()) {
+        receiveGuarded(message, [&] {
+            fast_frame::forEachFinishedTask(*fast, [this](const std::string& key) { broadcastFinishedTask(key); });
+            return false;
+        });
+        DispatchScope scope(this, &message, nullptr, fast);
+        registry::callEach(registry_mutex_, update_robot_state_callbacks, message);
+        return;
+    }
+#endif
     Json::Value tree;
     bool parsed = false;
     if (receiveMessage(message, tree, parsed)) return;
-    DispatchScope scope(this, &message, parsed ? &tree : nullptr);
+    DispatchScope scope(this, &message, parsed ? &tree : nullptr, nullptr);
     registry::callEach(registry_mutex_, update_robot_state_callbacks, message);
 }
 
@@ -149,6 +182,13 @@ const Json::Value* KelmCommManager::treeOfDispatchedMessage(const std::string& m
     if (dispatched.manager != this || dispatched.text == nullptr || dispatched.tree == nullptr) return nullptr;
     return *dispatched.text == message ? dispatched.tree : nullptr;
 }
+
+#if KELM_FRAME_FAST_PATH
+const fast_frame::Message* fast_frame::dispatchedMessage(const KelmCommManager& manager, const std::string& text) {
+    if (dispatched.manager != &manager || dispatched.text == nullptr || dispatched.fast == nullptr) return nullptr;
+    return *dispatched.text == text ? dispatched.fast : nullptr;
+}
+#endif
 
 bool KelmCommManager::cmd_publish(const Json::Value& request, std::string& task_key) {
     Json::Value message = request;
@@ -221,7 +261,7 @@ bool KelmCommManager::cmd_recv(const std::string& message) {
 }
 
 bool KelmCommManager::receiveMessage(const std::string& message, Json::Value& tree, bool& parsed) {
-    try {
+    return receiveGuarded(message, [&] {
         tree = parseMessage(message);
         parsed = true;
         const Json::Value& value = tree;  // read-only: operator[] must never insert members
@@ -233,12 +273,7 @@ bool KelmCommManager::receiveMessage(const std::string& message, Json::Value& tr
         if (!(value.isMember("command") && value.isMember("task_key"))) return false;
         storeReply(value["command"].asString(), value["task_key"].asString(), value);
         return true;
-    } catch (const std::exception& e) {
-        KELM_LOG(LOG_ERROR, "%s", e.what());
-    } catch (...) {
-        std::cout << "execption: " << message << std::endl;
-    }
-    return false;
+    });
 }
 
 void KelmCommManager::broadcastFinishedTasks(const Json::Value& message) {
@@ -247,10 +282,13 @@ void KelmCommManager::broadcastFinishedTasks(const Json::Value& message) {
     for (Json::ArrayIndex i = 0; i < arms.size(); ++i) {
         const Json::Value& arm = arms[i];
         if (!hasStringLastTaskKey(arm)) continue;
-        const std::string key = arm["task"]["last_task_key"].asString();
-        registry::callEach(registry_mutex_, task_completion_callbacks, key);
-        fireSubscriptionOnce(key);
+        broadcastFinishedTask(arm["task"]["last_task_key"].asString());
     }
+}
+
+void KelmCommManager::broadcastFinishedTask(const std::string& key) {
+    registry::callEach(registry_mutex_, task_completion_callbacks, key);
+    fireSubscriptionOnce(key);
 }
 
 void KelmCommManager::fireSubscriptionOnce(const std::string& key) {
