@@ -213,7 +213,9 @@ class EpisodeRecorder:
         master, slave = self.streams["master"], self.streams["slave"]
         stamps = self.file["timestamps"][:, 0] if "timestamps" in self.file else np.empty(0)
         span = float(stamps[-1] - stamps[0]) if len(stamps) > 1 else 0.0
-        attrs["rate"] = (len(stamps) - 1) / span if span > 0 else 0.0
+        sent = (master.last_count - master.first_count) if master.frames > 1 else 0
+        attrs["rate"] = sent / span if span > 0 else 0.0  # the master controller's frame rate [Hz]
+        attrs["recorded_rate"] = (len(stamps) - 1) / span if span > 0 else 0.0  # rows per second
         attrs["master"] = f"{self.master_address[0]}:{self.master_address[1]}"
         attrs["slave"] = f"{self.slave_address[0]}:{self.slave_address[1]}"
         attrs["master_dof"] = self.master.get_status().dof
@@ -243,10 +245,15 @@ class EpisodeRecorder:
         self.close()
 
     def progress(self):
+        """One line: frames, the master's frame rate since the last line, dropped frames, elapsed time."""
         master, slave = self.streams["master"], self.streams["slave"]
-        elapsed = time.time() - self.started
+        now = time.time()
+        elapsed = now - self.started
+        last_time, last_frames = getattr(self, "_last_progress", (self.started, 0))
+        rate = (master.frames - last_frames) / (now - last_time) if now > last_time else 0.0
+        self._last_progress = (now, master.frames)
         return (f"frames {master.frames} master / {slave.frames} slave | "
-                f"rate {master.frames / elapsed if elapsed > 0 else 0.0:7.1f} Hz | "
+                f"rate {rate:7.1f} Hz | "
                 f"dropped {master.dropped + self.master_log.overflow} / {slave.dropped + self.slave_log.overflow} | "
                 f"{elapsed:6.1f} s")
 

@@ -32,6 +32,7 @@ template <typename T, typename Out, typename Call>
 py::tuple withOutput(Handle<T>& handle, const char* name, Call call) {
     T& object = handle.get();
     handle.refuseInOwnCallback(name);
+    HandleBase::Lease lease(handle);
     Out out{};
     int result = 0;
     {

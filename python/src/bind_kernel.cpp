@@ -59,6 +59,7 @@ void bindRegistry(py::class_<Kernel>& cls, const std::string& kind, Trampoline t
 int slicedTaskWait(Kernel& handle, const std::string& task_key, int timeout_ms) {
     KelmKernelImpl& kernel = handle.get();
     handle.refuseInOwnCallback("task_blocking_wait");
+    HandleBase::Lease lease(handle);
     if (task_key.empty()) return 0;
     using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(std::max(timeout_ms, 0)));
@@ -89,6 +90,7 @@ template <typename Call>
 py::tuple keyed(Kernel& handle, const char* name, Call call) {
     KelmKernelImpl& kernel = handle.get();
     handle.refuseInOwnCallback(name);
+    HandleBase::Lease lease(handle);
     std::string key;
     int result = 0;
     {
@@ -148,9 +150,11 @@ Use it as a context manager, or call close(), to disconnect.)doc");
             Json::Value body = toJson(request);
             std::string key;
             bool sent = false;
+            KelmKernelImpl& kernel = handle.get();
+            HandleBase::Lease lease(handle);
             {
                 py::gil_scoped_release release;
-                sent = handle.get().cmd_publish(body, key);
+                sent = kernel.cmd_publish(body, key);
             }
             return py::make_tuple(sent, key);
         },
@@ -161,6 +165,7 @@ Use it as a context manager, or call close(), to disconnect.)doc");
         [](Kernel& handle, const py::object& request, int timeout) {
             KelmKernelImpl& kernel = handle.get();
             handle.refuseInOwnCallback("cmd_server");
+            HandleBase::Lease lease(handle);
             Json::Value body = toJson(request);
             std::string key;
             Json::Value reply;
@@ -451,6 +456,7 @@ Use it as a context manager, or call close(), to disconnect.)doc");
         [](Kernel& h, int tool, int user, Vec joint) {
             K& k = h.get();
             h.refuseInOwnCallback("forwardKine");
+            HandleBase::Lease lease(h);
             Pose pose{};
             int result = 0;
             {
@@ -467,6 +473,7 @@ Use it as a context manager, or call close(), to disconnect.)doc");
         [](Kernel& h, int tool, int user, Points joints) {
             K& k = h.get();
             h.refuseInOwnCallback("forwardKine");
+            HandleBase::Lease lease(h);
             std::vector<Pose> poses;
             int result = 0;
             {
@@ -482,6 +489,7 @@ Use it as a context manager, or call close(), to disconnect.)doc");
         [](Kernel& h, int tool, int user, Pose pose, Vec ref_joint) {
             K& k = h.get();
             h.refuseInOwnCallback("inverseKine");
+            HandleBase::Lease lease(h);
             Vec joint;
             int result = 0;
             {
@@ -498,6 +506,7 @@ Use it as a context manager, or call close(), to disconnect.)doc");
         [](Kernel& h, int tool, int user, std::vector<Pose> poses, Points ref_joints) {
             K& k = h.get();
             h.refuseInOwnCallback("inverseKine");
+            HandleBase::Lease lease(h);
             Points joints;
             int result = 0;
             {
@@ -521,6 +530,7 @@ Use it as a context manager, or call close(), to disconnect.)doc");
         [](Kernel& h) {
             K& k = h.get();
             h.refuseInOwnCallback("check_teach");
+            HandleBase::Lease lease(h);
             std::vector<std::string> names;
             int result = 0;
             {

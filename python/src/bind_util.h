@@ -27,6 +27,7 @@ auto forward(R (T::*method)(A...), const char* name, Waits waits) {
     return [method, name, waits](Handle<Obj>& handle, std::decay_t<A>... args) {
         Obj& object = handle.get();
         if (waits == Waits::yes) handle.refuseInOwnCallback(name);
+        HandleBase::Lease lease(handle);
         if constexpr (std::is_void_v<R>) {
             py::gil_scoped_release release;
             (object.*method)(args...);
@@ -52,6 +53,7 @@ auto motion(int (T::*method)(A...), const char* name) {
     return [method, name](Handle<T>& handle, std::decay_t<A>... args) -> int {
         T& object = handle.get();
         handle.refuseInOwnCallback(name);
+        HandleBase::Lease lease(handle);
         if (!lastOf(args...)) {
             py::gil_scoped_release release;
             return (object.*method)(args...);
@@ -66,6 +68,7 @@ auto interruptible(int (T::*method)(A...), const char* name) {
     return [method, name](Handle<T>& handle, std::decay_t<A>... args) -> int {
         T& object = handle.get();
         handle.refuseInOwnCallback(name);
+        HandleBase::Lease lease(handle);
         return runInterruptible<int>(handle, [&object, method, args...] { return (object.*method)(args...); });
     };
 }

@@ -76,6 +76,10 @@ void HandleBase::refuseInOwnCallback(const char* what) const {
                              "Call it from another thread (for example hand the work to a queue).");
 }
 
+void HandleBase::waitUntilUnused() const {
+    while (users_.load() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
 void HandleBase::joinAbandoned() {
     std::shared_ptr<Pending> pending = std::move(abandoned_);
     if (pending && pending->thread.joinable()) pending->thread.join();

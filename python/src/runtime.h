@@ -139,7 +139,24 @@ public:
     // the callback.
     void refuseInOwnCallback(const char* what) const;
 
+    // Held by every call while it uses the C++ object without the GIL, so
+    // that a close on another thread waits for it before the object goes.
+    class Lease {
+    public:
+        explicit Lease(HandleBase& handle) : handle_(handle) { handle_.users_.fetch_add(1); }
+        ~Lease() { handle_.users_.fetch_sub(1); }
+        Lease(const Lease&) = delete;
+        Lease& operator=(const Lease&) = delete;
+
+    private:
+        HandleBase& handle_;
+    };
+
 protected:
+    // Waits (without the GIL) until no call uses the object any more.
+    void waitUntilUnused() const;
+    bool inOwnCallback() const { return runningCallbackOwner() == tag(); }
+
     // Ends an interrupted call that is still running (see runInterruptible).
     void joinAbandoned();
     // Waits for an interrupted call still running before a new long call.
@@ -155,6 +172,7 @@ protected:
         bool done = false;
     };
     std::shared_ptr<Pending> abandoned_;
+    std::atomic<int> users_{0};
 };
 
 // Runs `work` on a helper thread while this thread, with the GIL released,
@@ -228,15 +246,23 @@ public:
         for (auto& entry : releases_) entry.second(*object_);
         releases_.clear();
         std::unique_ptr<T> object = std::move(object_);
+        auto finish = [&] {
+            disconnect(*object);
+            joinAbandoned();
+            waitUntilUnused();
+            if (inOwnCallback()) {
+                // Dropped inside its own callback, on its receive thread: the
+                // object goes on another thread, once this callback returns.
+                std::thread([doomed = std::move(object)]() mutable { doomed.reset(); }).detach();
+            } else {
+                object.reset();
+            }
+        };
         if (PyGILState_Check()) {
             py::gil_scoped_release release;
-            disconnect(*object);
-            joinAbandoned();
-            object.reset();
+            finish();
         } else {
-            disconnect(*object);
-            joinAbandoned();
-            object.reset();
+            finish();
         }
     }
 
