@@ -4,3 +4,10 @@ kelm_add_test(transport_corner_test ${CMAKE_CURRENT_LIST_DIR}/transport_corner_t
 if(TARGET kelm_sim_core)
   kelm_add_test(fault_network_test ${CMAKE_CURRENT_LIST_DIR}/fault_network_test.cpp LIBS kelm_sim_core)
 endif()
+if(TARGET kelm_sim_core AND TARGET kelm_teleop)
+  kelm_add_test(fault_stall_test ${CMAKE_CURRENT_LIST_DIR}/fault_stall_test.cpp
+    LIBS kelm_sim_core
+    PROPERTIES RESOURCE_LOCK port8090)
+  target_compile_definitions(fault_stall_test PRIVATE KELM_TELEOP_PATH="$<TARGET_FILE:kelm_teleop>")
+  add_dependencies(fault_stall_test kelm_teleop)
+endif()

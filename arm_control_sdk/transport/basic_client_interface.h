@@ -33,6 +33,11 @@ public:
     // call from several threads at once; messages never interleave.
     virtual bool sendText(const std::string& text) = 0;
 
+    // Sends `text`, a message that the next one makes stale (a streamed
+    // target), only if that can be done at once: never blocks for long. True
+    // when it went out whole. The default is sendText().
+    virtual bool sendLatestText(const std::string& text) { return sendText(text); }
+
     // Starts a clean close: tells the peer that the connection ends. A
     // receiveMessage() in progress returns false once the peer has
     // acknowledged, or at the latest after abort(). Safe from any thread and

@@ -292,6 +292,17 @@ int CommunicationClient::sendRequest(const Json::Value& request) {
     return connection->client->sendText(text) ? 1 : -1;
 }
 
+int CommunicationClient::sendLatest(const Json::Value& request) {
+    std::shared_ptr<Connection> connection;
+    {
+        std::lock_guard<std::mutex> lock(state_mutex_);
+        connection = connection_;
+    }
+    if (!connection || connection->stop_requested) return -1;
+    const std::string text = Json::writeString(writer_builder_, request);
+    return connection->client->sendLatestText(text) ? 1 : -1;
+}
+
 // From a callback on any receive thread, waiting for the lock could wait for
 // a thread that is joining this one; such a call takes the lock only if it
 // is free.

@@ -92,6 +92,10 @@ public:
     // (a failed send also ends the connection). Safe from several threads at
     // once; messages never interleave.
     int sendRequest(const Json::Value& request);
+    // As sendRequest() for a message that the next one makes stale (a
+    // streamed target): sent only when the controller keeps up with reading,
+    // and never blocking the caller for long; -1 when it was dropped.
+    int sendLatest(const Json::Value& request);
 
     // Told true when the connection comes up and false, once, when it goes down.
     std::function<void(bool)> connect_callback;

@@ -8,12 +8,14 @@
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/Net/WebSocket.h>
 #include <Poco/Timespan.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <chrono>
 #include <utility>
 
 #include "log_manager.h"
+#include "socket_backlog.h"
 #include "websocket_message_reader.h"
 
 namespace kelm {
@@ -165,8 +167,56 @@ bool WebSocketClient::sendFrame(const void* data, std::size_t length, int flags)
         KELM_LOG(LOG_ERROR, "WebSocket %s: send failed: %s", endpoint().c_str(), e.displayText().c_str());
     }
     // A frame that went out in part leaves the stream unusable.
-    shutdownLocked();
+    resetLocked();
     return false;
+}
+
+bool WebSocketClient::sendLatestText(const std::string& text) {
+    std::lock_guard<std::mutex> lock(send_mutex_);
+    if (!socket_ || !open_ || close_sent_) return false;
+    if (!peerKeepsUpLocked()) return false;
+    try {
+        const int sent = socket_->sendFrame(text.data(), static_cast<int>(text.size()), WebSocket::FRAME_TEXT);
+        if (sent == static_cast<int>(text.size())) return true;
+    } catch (const Poco::Exception& e) {
+        KELM_LOG(LOG_ERROR, "WebSocket %s: send failed: %s", endpoint().c_str(), e.displayText().c_str());
+    }
+    resetLocked();
+    return false;
+}
+
+// Whether a streamed message may go out now; tells the log when the peer
+// falls behind and when it has caught up.
+bool WebSocketClient::peerKeepsUpLocked() {
+    const std::size_t unread = unreadByPeer(socket_->impl()->sockfd(), largest_peer_window_);
+    if (unread <= kStreamBacklogBytes) {
+        if (peer_behind_) {
+            KELM_LOG(LOG_ERROR, "WebSocket %s: peer reads again, %lu streamed messages were dropped", endpoint().c_str(),
+                     static_cast<unsigned long>(dropped_streamed_));
+        }
+        peer_behind_ = false;
+        dropped_streamed_ = 0;
+        return true;
+    }
+    ++dropped_streamed_;
+    if (!peer_behind_) {
+        peer_behind_ = true;
+        KELM_LOG(LOG_ERROR, "WebSocket %s: peer is not reading (%lu bytes unread), streamed messages are dropped",
+                 endpoint().c_str(), static_cast<unsigned long>(unread));
+    }
+    return false;
+}
+
+// Ends the connection with a TCP reset rather than a close handshake, which
+// a peer that has stopped reading would never complete. Connecting a TCP
+// socket to an unspecified address resets it without closing the
+// descriptor, which the receive thread may be waiting on.
+void WebSocketClient::resetLocked() {
+    open_ = false;
+    if (!socket_) return;
+    sockaddr unspecified{};
+    unspecified.sa_family = AF_UNSPEC;
+    ::connect(socket_->impl()->sockfd(), &unspecified, sizeof(unspecified));
 }
 
 void WebSocketClient::shutdownLocked() {

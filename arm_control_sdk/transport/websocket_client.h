@@ -7,6 +7,14 @@
 // and completes a close handshake started by either side; messages may be
 // of any size up to kMaxMessageBytes.
 //
+// Streamed targets (sendLatestText) never queue up behind a controller that
+// stops reading, and never block their sender: while more than
+// kStreamBacklogBytes sent to it are unread (as far as the peer's advertised
+// window and the unacknowledged bytes tell), they are dropped. What the
+// controller holds unread when it stops reading it still reads later; the
+// bound keeps that to a few kilobytes. A send that fails (a request that
+// could not go out within 5 s) ends the connection with a reset.
+//
 // A controller streams state all the time, so silence means trouble: after
 // kQuietBeforePing without a byte from the peer the client sends a ping, and
 // after kSilenceLimit it ends the connection as lost. A peer that vanished
@@ -21,6 +29,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -46,6 +55,7 @@ public:
     static constexpr std::size_t kMaxMessageBytes = 1024u * 1024u;
     static constexpr std::chrono::milliseconds kQuietBeforePing{1000};
     static constexpr std::chrono::milliseconds kSilenceLimit{3000};
+    static constexpr std::size_t kStreamBacklogBytes = 8 * 1024;
 
     // An unconnected client for ws://host:port/. Nothing happens on the
     // network until open().
@@ -57,6 +67,7 @@ public:
     bool open(double timeout_seconds) override;
     bool receiveMessage(std::string& message) override;
     bool sendText(const std::string& text) override;
+    bool sendLatestText(const std::string& text) override;
     void close() override;
     void abort() override;
     bool isOpen() const override;
@@ -73,6 +84,8 @@ private:
     void answerClose(const std::string& close_payload);
     void endConnection(const char* reason);
     void shutdownLocked();  // send_mutex_ held
+    void resetLocked();     // send_mutex_ held
+    bool peerKeepsUpLocked();  // send_mutex_ held
 
     const std::string host_;
     const unsigned short port_;
@@ -82,6 +95,10 @@ private:
     std::atomic<bool> close_sent_{false};     // a close frame has gone out
     std::atomic<bool> ended_locally_{false};  // close()/abort() was asked for: no loss to log
     std::chrono::steady_clock::time_point last_heard_;  // receive thread only
+    // The streamed-message gate, guarded by send_mutex_.
+    std::uint32_t largest_peer_window_ = 0;
+    bool peer_behind_ = false;
+    std::uint64_t dropped_streamed_ = 0;
 };
 
 }  // namespace kelm

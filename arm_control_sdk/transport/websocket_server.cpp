@@ -12,8 +12,6 @@
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/Net/WebSocket.h>
 #include <Poco/ThreadPool.h>
-#include <linux/sockios.h>
-#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <atomic>
@@ -26,6 +24,7 @@
 #include <utility>
 
 #include "log_manager.h"
+#include "socket_backlog.h"
 #include "websocket_message_reader.h"
 
 namespace kelm {
@@ -170,12 +169,7 @@ struct ServerConnection {
         }
     }
 
-    // Bytes written to the socket that the peer has not yet acknowledged.
-    std::size_t unsentBytes() const {
-        int queued = 0;
-        if (ioctl(socket->impl()->sockfd(), SIOCOUTQ, &queued) != 0) return 0;
-        return queued > 0 ? static_cast<std::size_t>(queued) : 0;
-    }
+    std::size_t unsentBytes() const { return unacknowledgedBytes(socket->impl()->sockfd()); }
 
     bool sendRaw(const std::string& bytes) {
         std::lock_guard<std::mutex> lock(send_mutex);

@@ -1,0 +1,148 @@
+// A slave controller that stops reading during teleoperation: the built
+// kelm_teleop relays a master simulated at 1000 Hz (127.0.0.2:8090) to a
+// slave (127.0.0.1:8090) whose reading stalls for a while. The test prints
+// what reached the slave after each stall (how many targets, how stale) and
+// checks what must hold whatever the timing: the tool and the master
+// connection survive. KELM_STALL_LONG=1 adds a 6 s stall.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <thread>
+#include <vector>
+
+#include "sim_controller.h"
+#include "teleop_process.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using kelm::sim::SimController;
+using kelm::sim::SimOptions;
+using Clock = SimController::Clock;
+
+constexpr const char* kTeleopPath = KELM_TELEOP_PATH;
+const std::string kRunningLine = "程序运行中... 按 Ctrl+C 退出";
+
+double millis(Clock::duration duration) { return std::chrono::duration<double, std::milli>(duration).count(); }
+
+// When each master frame left, keyed by its first two joint positions (the
+// tool relays them unchanged, so a target names the frame it came from).
+class MasterFrames {
+public:
+    void add(const std::vector<double>& joints, Clock::time_point sent) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        sent_.emplace(key(joints), sent);
+    }
+    bool find(const std::vector<double>& joints, Clock::time_point& sent) const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto it = sent_.find(key(joints));
+        if (it == sent_.end()) return false;
+        sent = it->second;
+        return true;
+    }
+
+private:
+    static std::pair<double, double> key(const std::vector<double>& joints) {
+        return {joints.size() > 0 ? joints[0] : 0.0, joints.size() > 1 ? joints[1] : 0.0};
+    }
+    mutable std::mutex mutex_;
+    std::map<std::pair<double, double>, Clock::time_point> sent_;
+};
+
+struct Target {
+    Clock::time_point read;
+    double age_ms;
+};
+
+std::unique_ptr<SimController> controller(const char* host) {
+    SimOptions options;
+    options.ip = host;
+    options.port = 8090;
+    options.rate = 1000.0;
+    options.quiet = true;
+    return std::make_unique<SimController>(options);
+}
+
+class FaultStall : public ::testing::Test {
+protected:
+    void SetUp() override {
+        master = controller("127.0.0.2");
+        slave = controller("127.0.0.1");
+        master->sent_frame_observers.set("frames", [this](std::uint64_t, Clock::time_point sent) {
+            frames.add(master->model().telemetry(0).joints, sent);
+        });
+        slave->received_message_observers.set("targets", [this](const std::string& text, Clock::time_point read) {
+            if (text.find("trajectoryTrackingTasks") == std::string::npos) return;
+            Json::Value message;
+            std::istringstream(text) >> message;
+            std::vector<double> joints;
+            for (const auto& value : message["data"]["way_point"]) joints.push_back(value.asDouble());
+            Clock::time_point sent;
+            std::lock_guard<std::mutex> lock(targets_mutex);
+            if (frames.find(joints, sent)) targets.push_back(Target{read, millis(read - sent)});
+            else ++unmatched;
+        });
+        master->start();
+        slave->start();
+    }
+
+    std::vector<Target> targetsBetween(Clock::time_point from, Clock::time_point to) {
+        std::lock_guard<std::mutex> lock(targets_mutex);
+        std::vector<Target> found;
+        for (const auto& target : targets)
+            if (target.read >= from && target.read < to) found.push_back(target);
+        return found;
+    }
+
+    MasterFrames frames;
+    std::unique_ptr<SimController> master, slave;
+    std::mutex targets_mutex;
+    std::vector<Target> targets;
+    int unmatched = 0;
+};
+
+TEST_F(FaultStall, SlaveThatStopsReadingGetsNoStaleBurstAndTheMasterStays) {
+    TeleopProcess tool(kTeleopPath, {"--mode", "0", "--ip", "127.0.0.2"});
+    ASSERT_TRUE(tool.waitForStdout(kRunningLine, 60s)) << tool.stdoutText();
+    std::this_thread::sleep_for(1s);
+
+    std::vector<std::chrono::milliseconds> stalls{100ms, 1000ms};
+    if (std::getenv("KELM_STALL_LONG") != nullptr) stalls.push_back(6000ms);
+    for (const auto stall : stalls) {
+        const Clock::time_point begin = Clock::now();
+        slave->stallReading(stall);
+        std::this_thread::sleep_for(stall + 1500ms);
+        const Clock::time_point stall_end = begin + stall;
+        const auto after = targetsBetween(stall_end, Clock::now());
+        double oldest = 0.0;
+        std::size_t stale = 0;
+        for (const auto& target : after) {
+            oldest = std::max(oldest, target.age_ms);
+            if (target.age_ms > 50.0) ++stale;
+        }
+        const auto first_second = targetsBetween(stall_end + 500ms, stall_end + 1500ms).size();
+        std::printf("stall %4lld ms: %zu targets read after it, %zu older than 50 ms, oldest %.0f ms; "
+                    "%zu targets in the second that follows; slave connections %zu, master connections %zu\n",
+                    static_cast<long long>(stall.count()), after.size(), stale, oldest, first_second,
+                    slave->stats().connections, master->stats().connections);
+        EXPECT_EQ(master->stats().connections, 1u) << "the master connection was lost";
+        if (slave->stats().connections == 0) break;  // the tool does not reconnect
+    }
+    EXPECT_FALSE(tool.waitForExit(10ms)) << tool.stdoutText();
+    tool.interrupt();
+    const auto exit_code = tool.waitForExit(30s);
+    ASSERT_TRUE(exit_code) << tool.stdoutText();
+    EXPECT_EQ(*exit_code, 0);
+    std::printf("tool output during the run:\n%s\n", tool.stdoutText().c_str());
+}
+
+}  // namespace
