@@ -7,6 +7,7 @@ import sys
 import threading
 import time
 
+import numpy as np
 import pytest
 
 from selenium import webdriver
@@ -129,3 +130,15 @@ def test_serves_on_loopback_unless_told(start_sim, options, address):
         assert listening_address(view.port) == address
     finally:
         view.stop()
+
+
+@pytest.mark.parametrize("mirror", [False, True])
+def test_lag_is_read_from_the_two_traces(mirror):
+    from kelm.view import estimate_lag, mirrored
+
+    times = np.arange(0.0, 2.0, 0.001)
+    master = np.stack([np.sin(2 * np.pi * times / 1.5 + joint) for joint in range(6)], axis=1)
+    slave = np.stack([np.sin(2 * np.pi * (times - 0.04) / 1.5 + joint) for joint in range(6)], axis=1)
+    if mirror:
+        slave = mirrored(slave)
+    assert estimate_lag((times, master), (times + 0.0003, slave), mirror) == pytest.approx(0.0403, abs=0.0015)
