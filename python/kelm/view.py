@@ -35,12 +35,14 @@ DEFAULT_MODEL_NAME = "industrial_arm.urdf"
 CONTROLLER_PORT = 8090
 STATUS_PERIOD_S = 0.2
 FIRST_FRAME_WAIT_S = 2.0
-# A stream that sent nothing for this long shows as stalled.
+# A stream that sent nothing for this long shows as not streaming.
 STALE_AFTER_S = 0.5
 # Joint traces kept for the lag estimate, and the largest lag looked for.
 LAG_WINDOW_S = 2.0
 LAG_MAX_S = 0.3
 LAG_STEP_S = 0.001
+# Frames a trace holds: LAG_WINDOW_S at up to 5 kHz.
+TRACE_LENGTH = int(LAG_WINDOW_S * 5000)
 # A step in the controller's time stamps of more than STALL_STEPS usual
 # steps counts as a stall of the stream; the usual step is taken per window [s].
 STALL_STEPS = 3.0
@@ -56,7 +58,7 @@ class ArmFeed:
     """Newest state of one arm. The receive thread calls the on_* methods,
     the status poller calls on_status, the server thread calls snapshot()."""
 
-    def __init__(self, trace_length):
+    def __init__(self):
         self._lock = threading.Lock()
         self._joints = []
         self._gripper = 0.0
@@ -65,10 +67,11 @@ class ArmFeed:
         self._stalls = 0
         self._window = []  # controller time stamps [s] of the current window
         self._usual_steps = collections.deque(maxlen=10)  # median steps [s] of the last windows
+        self._usual_step = None  # [s]
         self._last_receive = None
         self._error = None
         self._status = {}
-        self._trace = collections.deque(maxlen=trace_length)
+        self._trace = collections.deque(maxlen=TRACE_LENGTH)  # (receive time [s], joints [rad])
         self.first_frame = threading.Event()
 
     def on_joints(self, stamp, joints, gripper):
@@ -106,9 +109,8 @@ class ArmFeed:
         # The callbacks bring no frame count, so what the time stamps can
         # tell is counted: steps of more than STALL_STEPS usual steps, the
         # usual step being the median over the last windows' median steps.
-        if self._window and self._usual_steps:
-            if stamp - self._window[-1] > STALL_STEPS * float(np.median(self._usual_steps)):
-                self._stalls += 1
+        if self._window and self._usual_step and stamp - self._window[-1] > STALL_STEPS * self._usual_step:
+            self._stalls += 1
         self._window.append(stamp)
         if stamp - self._window[0] < STALL_WINDOW_S:
             return
@@ -116,6 +118,7 @@ class ArmFeed:
         self._window = [stamp]
         if np.any(steps > 0):
             self._usual_steps.append(float(np.median(steps[steps > 0])))
+            self._usual_step = float(np.median(self._usual_steps))
 
     def trace(self):
         """(receive times [s], joints [rad]) of the last LAG_WINDOW_S."""
@@ -301,7 +304,7 @@ def main(argv=None):
     import kelm
 
     model = arguments.model or default_model_path()
-    feeds = {"master": ArmFeed(int(LAG_WINDOW_S * 5000)), "slave": ArmFeed(int(LAG_WINDOW_S * 5000))}
+    feeds = {"master": ArmFeed(), "slave": ArmFeed()}
     links = [ControllerLink(kelm, "master", arguments.master, feeds["master"])]
     # The binding's first numpy conversion must not happen on two receive
     # threads at once (it can deadlock there), so the slave's callbacks wait
