@@ -94,21 +94,25 @@ return differing / (pixels.length / 4);
 def test_page_draws_the_arms_and_shows_a_lost_controller(start_sim, browser):
     import kelm
 
-    master, slave = start_sim("--rate", "1000"), start_sim("--rate", "1000")
+    master = start_sim("--rate", "1000", "--error", "0:3001:view test warning")
+    slave = start_sim("--rate", "1000")
     view = ViewProcess(master, slave)
     try:
-        mover = kelm.KelmKernelImpl(slave.host, slave.port, 1.0, 0)
+        readers = {"master": kelm.KelmKernelImpl(master.host, master.port, 1.0, 0),
+                   "slave": kelm.KelmKernelImpl(slave.host, slave.port, 1.0, 0)}
+        mover = readers["slave"]
         assert mover.set_kelm_ready(True, 5000) == 1
         result, key = mover.move_joint(TARGET, 100.0, 0, 0, True)
         assert result == 1 and mover.task_blocking_wait(key, 15000) == 1
 
         browser.get(view.url)
         wait_for(lambda: browser.execute_script("return window.kelmView && kelmView.states > 5"), "page gets states")
-        reported = list(mover.get_joint_pos())
-        drawn = wait_for(lambda: browser.execute_script("return kelmView.drawn.slave"), "slave drawn")
-        assert drawn[:6] == pytest.approx(reported, abs=0.01)
-        assert drawn[:6] == pytest.approx(TARGET, abs=0.01)
+        for role, reader in readers.items():
+            drawn = browser.execute_script(f"return kelmView.drawn.{role}")
+            assert drawn[:6] == pytest.approx(list(reader.get_joint_pos()), abs=0.01), role
+        assert browser.execute_script("return kelmView.drawn.slave")[:6] == pytest.approx(TARGET, abs=0.01)
         assert browser.execute_script(DRAWN_SHARE_JS) > 0.02
+        assert "3001: view test warning" in browser.find_element("id", "status-error").text
 
         master.stop()
         wait_for(lambda: "disconnected" in browser.find_element("id", "status-master").text, "master disconnected")
@@ -116,7 +120,7 @@ def test_page_draws_the_arms_and_shows_a_lost_controller(start_sim, browser):
         wait_for(lambda: browser.execute_script("return kelmView.states") > states + 5, "page keeps running")
         errors = [entry for entry in browser.get_log("browser") if entry["level"] == "SEVERE"]
         assert errors == []
-        del mover
+        del readers, mover
     finally:
         view.stop()
 

@@ -70,7 +70,7 @@ export class Plots {
         { label: 'slave stalls', stroke: '#f0a040', width: 1, dash: [2, 3], scale: 'count' },
       ], { count: true }),
     };
-    this.torque = { series: new Series(dof), plot: chart(container, 'external torque fed back [Nm]', jointSeries(dof, 'j'), { wide: true }) };
+    this.torque = { series: new Series(dof), plot: chart(container, 'external torque at the slave, fed back in force mode [Nm]', jointSeries(dof, 'j'), { wide: true }) };
   }
 
   // One sample: master and slave joints [rad] (master already mirrored when
