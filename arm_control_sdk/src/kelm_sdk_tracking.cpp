@@ -5,9 +5,11 @@
 // Both run at the frame rate of the other arm, usually on that arm's receive
 // thread: they publish one message without waiting for an answer, write no
 // log line on the good path, and repair what they can (clamp, normalise)
-// instead of refusing.
+// instead of refusing. Their bodies are written straight into text
+// (JsonText), without a Json::Value, members in key order.
 #include <cmath>
 
+#include "json_text.h"
 #include "kelm_kernel.h"
 #include "log_manager.h"
 #include "motion_checks.h"
@@ -22,61 +24,68 @@ constexpr double kMinQuaternionNorm = 1e-6;
 constexpr int kJointSpace = 0;
 constexpr int kCartesianSpace = 1;
 
-// Keys and fixed texts are static strings: jsoncpp keeps a pointer to them
-// instead of copying, which spares the stream an allocation per key.
-using Key = Json::StaticString;
-const Key kCommandKey("command");
-const Key kTaskIdKey("task_id");
-const Key kDataKey("data");
-const Key kWayPointKey("way_point");
-const Key kGripperPointKey("grp_point");
-const Key kPointTypeKey("point_type");
-const Key kSpaceKey("space");
-const Key kArmIndexKey("arm_index");
-const Key kIsMasterKey("is_master");
-const Key kRedundancyTauKey("redundancy_tau");
-const Key kEndEffectorTauKey("eeff_tau");
-const Key kTrackingCommand("trajectoryTrackingTasks");
-const Key kTrackingTaskId("TASK_TRACKING");
-const Key kRedundancyTauCommand("setRedundancyTau");
+constexpr char kCommandKey[] = "command";
+constexpr char kTaskIdKey[] = "task_id";
+constexpr char kTaskKeyKey[] = "task_key";
+constexpr char kDataKey[] = "data";
+constexpr char kWayPointKey[] = "way_point";
+constexpr char kGripperPointKey[] = "grp_point";
+constexpr char kPointTypeKey[] = "point_type";
+constexpr char kSpaceKey[] = "space";
+constexpr char kArmIndexKey[] = "arm_index";
+constexpr char kIsMasterKey[] = "is_master";
+constexpr char kRedundancyTauKey[] = "redundancy_tau";
+constexpr char kEndEffectorTauKey[] = "eeff_tau";
+constexpr char kTrackingCommand[] = "trajectoryTrackingTasks";
+constexpr char kTrackingTaskId[] = "TASK_TRACKING";
+constexpr char kRedundancyTauCommand[] = "setRedundancyTau";
+
+// The receive thread's body under construction, reused message by message.
+JsonText& streamBody() {
+    thread_local JsonText body;
+    return body;
+}
+
+// Stamps a fresh task key on `body`, whose members all sort before that key,
+// and sends it as cmd_publish sends a streaming request: without a log line.
+// 1 if it went out.
+int publishStreamText(KelmCommManager& connection, JsonText& body) {
+    if (!connection.comm_client) return -1;
+    body.member(kTaskKeyKey).string(log_time::getTimeStamp(0));
+    body.endObject();
+    return connection.comm_client->sendText(body.text()) == 1 ? 1 : -1;
+}
 
 // The joint target pulled into [lower, upper] joint by joint.
-void appendClampedJoints(const std::vector<double>& target, const ArmConfig& limits, Json::Value& out) {
+void appendClampedJoints(const std::vector<double>& target, const ArmConfig& limits, JsonText& out) {
     for (size_t joint = 0; joint < target.size(); ++joint) {
         const double lower = limits.limit_lower[joint];
-        out.append(lower > target[joint] ? lower : std::min(limits.limit_upper[joint], target[joint]));
+        out.real(lower > target[joint] ? lower : std::min(limits.limit_upper[joint], target[joint]));
     }
 }
 
 // The pose with its quaternion brought to unit length: unchanged within the
 // tolerance, divided by its norm otherwise, and the identity when the norm is
 // too small to divide by.
-void appendNormalisedPose(const std::vector<double>& pose, Json::Value& out) {
-    for (size_t i = 0; i < 3; ++i) out.append(pose[i]);
+void appendNormalisedPose(const std::vector<double>& pose, JsonText& out) {
+    for (size_t i = 0; i < 3; ++i) out.real(pose[i]);
     const double norm_squared = motion_checks::quaternionNormSquared(pose);
     if (std::fabs(norm_squared - 1.0) <= motion_checks::kQuaternionTolerance) {
-        for (size_t i = 3; i < 7; ++i) out.append(pose[i]);
+        for (size_t i = 3; i < 7; ++i) out.real(pose[i]);
         return;
     }
     const double norm = std::sqrt(norm_squared);
     if (norm > kMinQuaternionNorm) {
-        for (size_t i = 3; i < 7; ++i) out.append(pose[i] / norm);
+        for (size_t i = 3; i < 7; ++i) out.real(pose[i] / norm);
         return;
     }
-    for (double value : {0.0, 0.0, 0.0, 1.0}) out.append(value);
+    for (double value : {0.0, 0.0, 0.0, 1.0}) out.real(value);
 }
 
 }  // namespace
 
 int KelmKernelImpl::tracking(const std::vector<double>& target, bool is_joint, const double& gripper) {
     if (!motion_checks::acceptLegalValues(target)) return -1;
-
-    Json::Value body(Json::objectValue);
-    body[kCommandKey] = kTrackingCommand;
-    body[kTaskIdKey] = kTrackingTaskId;
-    Json::Value& data = body[kDataKey];
-    Json::Value& way_point = data[kWayPointKey];
-    way_point = Json::Value(Json::arrayValue);
     if (is_joint) {
         const int dof = status_field::load(status.dof);
         if (static_cast<long long>(target.size()) != dof) {
@@ -89,20 +98,29 @@ int KelmKernelImpl::tracking(const std::vector<double>& target, bool is_joint, c
         if (!motion_checks::acceptKnownLimits("move_tracking", {dof, config.limit_lower, config.limit_upper})) {
             return -1;
         }
-        appendClampedJoints(target, config, way_point);
-    } else {
-        if (target.size() != motion_checks::kPoseSize) {
-            KELM_LOG(LOG_ERROR, "move_tracking: 输入目标位姿维度不正确, 姿态默认四元数描述(xyzw), 输入维度: %d, 合理维度: 7",
-                     static_cast<int>(target.size()));
-            return -1;
-        }
-        appendNormalisedPose(target, way_point);
+    } else if (target.size() != motion_checks::kPoseSize) {
+        KELM_LOG(LOG_ERROR, "move_tracking: 输入目标位姿维度不正确, 姿态默认四元数描述(xyzw), 输入维度: %d, 合理维度: 7",
+                 static_cast<int>(target.size()));
+        return -1;
     }
+
+    JsonText& body = streamBody();
+    body.beginRoot();
+    body.member(kArmIndexKey).integer(status_field::load(status.arm_index));
+    body.member(kCommandKey).string(kTrackingCommand);
+    body.member(kDataKey).beginObject();
     // A negative (or NaN) gripper position means the frame has none.
-    if (gripper >= 0.0) data[kGripperPointKey] = std::min(gripper, kGripperMaxPos);
-    body[kPointTypeKey][kSpaceKey] = is_joint ? kJointSpace : kCartesianSpace;
-    body[kArmIndexKey] = status_field::load(status.arm_index);
-    return publishStream(body);
+    if (gripper >= 0.0) body.member(kGripperPointKey).real(std::min(gripper, kGripperMaxPos));
+    body.member(kWayPointKey).beginArray();
+    if (is_joint) {
+        appendClampedJoints(target, config, body);
+    } else {
+        appendNormalisedPose(target, body);
+    }
+    body.endArray().endObject();
+    body.member(kPointTypeKey).beginObject().member(kSpaceKey).integer(is_joint ? kJointSpace : kCartesianSpace).endObject();
+    body.member(kTaskIdKey).string(kTrackingTaskId);
+    return publishStreamText(*this, body);
 }
 
 int KelmKernelImpl::set_redundancy_tau(const std::vector<double>& redundancy_tau, const double& eeff_tau) {
@@ -119,15 +137,16 @@ int KelmKernelImpl::set_redundancy_tau(const std::vector<double>& redundancy_tau
         motion_checks::logIllegalValue();
         return -1;
     }
-    Json::Value body(Json::objectValue);
-    body[kCommandKey] = kRedundancyTauCommand;
-    body[kArmIndexKey] = status_field::load(status.arm_index);
-    body[kIsMasterKey] = true;
-    Json::Value& torques = body[kRedundancyTauKey];
-    torques = Json::Value(Json::arrayValue);
-    for (double torque : redundancy_tau) torques.append(torque);
-    body[kEndEffectorTauKey] = eeff_tau;
-    return publishStream(body);
+    JsonText& body = streamBody();
+    body.beginRoot();
+    body.member(kArmIndexKey).integer(status_field::load(status.arm_index));
+    body.member(kCommandKey).string(kRedundancyTauCommand);
+    body.member(kEndEffectorTauKey).real(eeff_tau);
+    body.member(kIsMasterKey).boolean(true);
+    body.member(kRedundancyTauKey).beginArray();
+    for (double torque : redundancy_tau) body.real(torque);
+    body.endArray();
+    return publishStreamText(*this, body);
 }
 
 }  // namespace kelm

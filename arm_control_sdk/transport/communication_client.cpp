@@ -282,13 +282,16 @@ void CommunicationClient::disConnect() {
 }
 
 int CommunicationClient::sendRequest(const Json::Value& request) {
+    return sendText(Json::writeString(writer_builder_, request));
+}
+
+int CommunicationClient::sendText(const std::string& text) {
     std::shared_ptr<Connection> connection;
     {
         std::lock_guard<std::mutex> lock(state_mutex_);
         connection = connection_;
     }
     if (!connection || connection->stop_requested) return -1;
-    const std::string text = Json::writeString(writer_builder_, request);
     return connection->client->sendText(text) ? 1 : -1;
 }
 

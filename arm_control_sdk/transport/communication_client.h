@@ -15,7 +15,7 @@
 //   made from inside a callback (the same thread then goes on with the new
 //   connection once the callback returns). An exception thrown by either is
 //   logged and swallowed; the receive thread carries on.
-// - sendRequest() and isConnected() may be called from any thread, the
+// - sendRequest(), sendText() and isConnected() may be called from any thread, the
 //   receive thread included.
 // - connect(), disConnect(), setClientHandle() and the listener operations
 //   may be called from any thread, also from inside a callback:
@@ -92,6 +92,8 @@ public:
     // (a failed send also ends the connection). Safe from several threads at
     // once; messages never interleave.
     int sendRequest(const Json::Value& request);
+    // As sendRequest() for a message already written as JSON text.
+    int sendText(const std::string& text);
     // As sendRequest() for a message that the next one makes stale (a
     // streamed target): sent only when the controller keeps up with reading,
     // and never blocking the caller for long; -1 when it was dropped.
