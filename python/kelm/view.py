@@ -277,6 +277,11 @@ def poll_status_forever(links, stop):
             link.poll_status()
 
 
+def wall_height(text):
+    """Z of kelm_sim's Z[,K] wall setting [m]."""
+    return float(text.split(",", 1)[0])
+
+
 def parse_arguments(argv=None):
     parser = argparse.ArgumentParser(prog="python3 -m kelm.view", description=__doc__.split("\n")[0])
     parser.add_argument("--master", required=True, help="master controller, IP or IP:PORT (port 8090 by default)")
@@ -284,7 +289,8 @@ def parse_arguments(argv=None):
     parser.add_argument("--port", type=int, default=8000, help="port of the page (default 8000, 0: any free one)")
     parser.add_argument("--bind", default="127.0.0.1", help="address the page is served on (default 127.0.0.1)")
     parser.add_argument("--model", help="URDF file of the arms (default: the simulator's arm)")
-    parser.add_argument("--wall", type=float, help="height [m] of the virtual wall to draw, as kelm_sim --wall takes it")
+    parser.add_argument("--wall", type=wall_height, metavar="Z[,K]",
+                        help="draw the virtual wall at height Z [m], as kelm_sim --wall takes it (K is not used)")
     parser.add_argument("--mirror", type=int, choices=(0, 1), default=0, help="1: the teleoperation mirrors the master")
     return parser.parse_args(argv)
 
