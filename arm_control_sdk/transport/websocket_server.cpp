@@ -12,6 +12,7 @@
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/Net/WebSocket.h>
 #include <Poco/ThreadPool.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
@@ -141,9 +142,9 @@ struct ServerConnection {
     void resetMidMessage() {
         std::lock_guard<std::mutex> lock(send_mutex);
         static const char kHead[] = {'\x81', 126, 0x10, 0x00, '{', '"', 'c', 'o'};  // 4096 bytes promised
+        sendRawLocked(std::string(kHead, sizeof(kHead)));
         auto& stream = static_cast<Poco::Net::StreamSocket&>(*socket);
         try {
-            stream.sendBytes(kHead, sizeof(kHead));
             stream.setLinger(true, 0);
             reset_requested = true;
             stream.shutdownReceive();
@@ -173,12 +174,19 @@ struct ServerConnection {
 
     bool sendRaw(const std::string& bytes) {
         std::lock_guard<std::mutex> lock(send_mutex);
-        try {
-            return static_cast<Poco::Net::StreamSocket&>(*socket).sendBytes(bytes.data(), static_cast<int>(bytes.size())) ==
-                   static_cast<int>(bytes.size());
-        } catch (const Poco::Exception&) {
-            return false;
+        return sendRawLocked(bytes);
+    }
+
+    // Past the WebSocket layer, which would wrap the bytes in a frame.
+    bool sendRawLocked(const std::string& bytes) {
+        const int fd = socket->impl()->sockfd();
+        std::size_t offset = 0;
+        while (offset < bytes.size()) {
+            const ssize_t sent = ::send(fd, bytes.data() + offset, bytes.size() - offset, MSG_NOSIGNAL);
+            if (sent <= 0) return false;
+            offset += static_cast<std::size_t>(sent);
         }
+        return true;
     }
 
     const WebSocketServer::ConnectionId id;
