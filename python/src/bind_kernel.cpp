@@ -263,6 +263,64 @@ Use it as a context manager, or call close(), to disconnect.)doc");
                                    nullptr, &K::release_state_changed_callback, "(motion_state: int)");
 
     // ---- state ----
+    cls.def("onReceive", forward<K>(&K::onReceive, "onReceive", Waits::no), py::arg("message"),
+            "Takes one message text as the receive thread would: a reply goes to its waiter, anything else to the "
+            "state callbacks, here on this thread.");
+    cls.def("cmd_recv", forward<K>(&K::cmd_recv, "cmd_recv", Waits::no), py::arg("message"),
+            "Parses one message, reports its finished tasks, files a reply with its waiter. True for a reply.");
+    cls.def("connectChanged", forward<K>(&K::connectChanged, "connectChanged", Waits::no), py::arg("connected"),
+            "Tells the connect_changed callbacks of a change, as the transport does.");
+    cls.def("initData", forward<K>(&K::initData, "initData", Waits::no),
+            "Empties the cached state (the constructor's own step).");
+    cls.def(
+        "webSendRobotStateData",
+        [](Kernel& handle, const py::object& frame) {
+            Json::Value root = toJson(frame);
+            KelmKernelImpl& kernel = handle.get();
+            HandleBase::Lease lease(handle);
+            py::gil_scoped_release release;
+            kernel.webSendRobotStateData(root);
+        },
+        py::arg("frame"), "Takes a parsed state frame (a dict) over into the cached state and fires the callbacks.");
+    cls.def(
+        "parseIOInfo",
+        [](Kernel& handle, const py::object& message) {
+            Json::Value root = toJson(message);
+            std::vector<KelmKernelImpl::RtuInfo> stations;
+            int result = 0;
+            {
+                KelmKernelImpl& kernel = handle.get();
+                HandleBase::Lease lease(handle);
+                py::gil_scoped_release release;
+                result = kernel.parseIOInfo(root, stations);
+            }
+            auto values = [](const std::vector<KelmKernelImpl::IOValueInfo>& list) {
+                py::list out;
+                for (const auto& v : list) out.append(py::make_tuple(v.value, static_cast<int>(v.bits)));
+                return out;
+            };
+            py::list out;
+            for (const auto& station : stations) {
+                py::list units;
+                for (const auto& unit : station.units) {
+                    py::dict d;
+                    d["di_value"] = py::cast(unit.di_value);
+                    d["do_value"] = py::cast(unit.do_value);
+                    d["ad_value"] = values(unit.ad_value);
+                    d["da_value"] = values(unit.da_value);
+                    d["status_value"] = values(unit.status_value);
+                    d["ctrl_value"] = values(unit.ctrl_value);
+                    units.append(d);
+                }
+                py::dict d;
+                d["units"] = units;
+                out.append(d);
+            }
+            return py::make_tuple(result, out);
+        },
+        py::arg("message"),
+        "Reads the `rtu` block of a message (a dict) into (1, stations): each station {'units': [...]}, each unit "
+        "with di_value/do_value (0/1 lists) and ad/da/status/ctrl values as (value, bits) pairs.");
     cls.def("parseRecieveData", forward<K>(&K::parseRecieveData, "parseRecieveData", Waits::no), py::arg("msg"),
             "Takes one message text as if the controller had sent it (a webSendRobotState frame updates the cached "
             "state and fires the callbacks on this thread).");
