@@ -52,6 +52,7 @@ def test_every_class_serves_each_family(sim):
         result, poses = kernel.forwardKine(0, 0, np.stack([start, start]))
         assert result == 1 and poses.shape == (2, 7)
         assert kernel.tracking(start, True, -1.0) == 1                      # stream
+        assert kernel.set_tool_index(0) == 1 and kernel.get_tool_coordinate(0).shape == (7,)  # coordinates
         version = kernel.get_version()
     with kelm.KelmSingleCol(sim.host, sim.port) as arm:
         assert arm.set_ready() == 1
