@@ -1,14 +1,16 @@
-// FrameDifferential: feeds the same messages to two arm kernels, one through
-// onReceive (which takes the fast reader where it can) and one through the
-// jsoncpp path alone (cmd_recv, then parseRecieveData), and compares all that
-// can be observed: the cached state after each message, every callback with
-// its arguments in order, and the log lines written.
+// FrameDifferential: feeds the same messages to two arm kernels through
+// onReceive, one with the fast reader where it can and one through the
+// jsoncpp path alone (the thread's fast reader is held meanwhile, which sends
+// every message the jsoncpp way), and compares all that can be observed: the
+// cached state after each message, every callback with its arguments in
+// order, and the log lines written.
 //
 // Used by the differential test and the differential fuzz target, on one
 // thread. It installs the logger's line observer and silences the logger's
 // output while it lives.
 #pragma once
 
+#include <charconv>
 #include <cstdint>
 #include <cstring>
 #include <sstream>
@@ -17,6 +19,7 @@
 #include <vector>
 
 #include "direct_kernel.h"
+#include "fast_frame.h"
 #include "log_manager.h"
 
 namespace kelm {
@@ -31,9 +34,11 @@ public:
         });
         watch(fast_, fast_trace_);
         watch(reference_, reference_trace_);
-        // The reference walks the state callbacks by hand, after parseRecieveData.
         fast_.register_update_robot_state_callback("trace", [this](std::string text) {
             fast_trace_.push_back("state text " + std::to_string(text.size()));
+        });
+        reference_.register_update_robot_state_callback("trace", [this](std::string text) {
+            reference_trace_.push_back("state text " + std::to_string(text.size()));
         });
     }
     ~FrameDifferential() {
@@ -53,9 +58,10 @@ public:
         recording_ = &fast_trace_;
         fast_.onReceive(message);
         recording_ = &reference_trace_;
-        if (!reference_.cmd_recv(message)) {
-            reference_.parseRecieveData(message);
-            reference_trace_.push_back("state text " + std::to_string(message.size()));
+        {
+            const fast_frame::Lease fast_reader_held = fast_frame::read("{}");
+            if (fast_reader_held.message() == nullptr) return "the fast reader could not be held";
+            reference_.onReceive(message);
         }
         recording_ = nullptr;
         fast_trace_.push_back(stateOf(fast_));
@@ -67,9 +73,9 @@ private:
     static std::string bits(double value) {
         uint64_t raw = 0;
         std::memcpy(&raw, &value, sizeof raw);
-        std::ostringstream out;
-        out << std::hex << raw;
-        return out.str();
+        char hex[17];
+        const auto end = std::to_chars(hex, hex + sizeof hex, raw, 16).ptr;
+        return std::string(hex, end);
     }
     template <typename Values>
     static std::string bits(const Values& values) {
