@@ -34,7 +34,6 @@ LIBRARY_ROOT = WEB_ROOT / "node_modules"
 DEFAULT_MODEL_NAME = "industrial_arm.urdf"
 CONTROLLER_PORT = 8090
 STATUS_PERIOD_S = 0.2
-FIRST_FRAME_WAIT_S = 2.0
 # A stream that sent nothing for this long shows as not streaming.
 STALE_AFTER_S = 0.5
 # Joint traces kept for the lag estimate, and the largest lag looked for.
@@ -72,7 +71,6 @@ class ArmFeed:
         self._error = None
         self._status = {}
         self._trace = collections.deque(maxlen=TRACE_LENGTH)  # (receive time [s], joints [rad])
-        self.first_frame = threading.Event()
 
     def on_joints(self, stamp, joints, gripper):
         """One frame: controller time stamp [s], joint positions [rad], gripper opening [m]."""
@@ -85,7 +83,6 @@ class ArmFeed:
             self._frames += 1
             self._last_receive = now
             self._trace.append((now, values))
-        self.first_frame.set()
 
     def on_external_tau(self, _stamp, tau, _gripper_tau):
         """External joint torques [Nm] the slave feels, fed back in force mode."""
@@ -311,12 +308,8 @@ def main(argv=None):
 
     model = arguments.model or default_model_path()
     feeds = {"master": ArmFeed(), "slave": ArmFeed()}
-    links = [ControllerLink(kelm, "master", arguments.master, feeds["master"])]
-    # The binding's first numpy conversion must not happen on two receive
-    # threads at once (it can deadlock there), so the slave's callbacks wait
-    # for the master's first frame.
-    feeds["master"].first_frame.wait(FIRST_FRAME_WAIT_S)
-    links.append(ControllerLink(kelm, "slave", arguments.slave, feeds["slave"]))
+    links = [ControllerLink(kelm, role, address, feeds[role])
+             for role, address in (("master", arguments.master), ("slave", arguments.slave))]
     config = {"master": arguments.master, "slave": arguments.slave, "mirror": bool(arguments.mirror),
               "wall": arguments.wall, "model": os.path.basename(str(model))}
     stop = threading.Event()
