@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "callback_registry.h"
+#include "frame_keys.h"
 #include "kelm_kernel.h"
 #include "log_manager.h"
 #include "status_field.h"
@@ -28,6 +29,7 @@ namespace kelm {
 namespace {
 
 constexpr char kStateCommand[] = "webSendRobotState";
+namespace keys = frame_keys;
 
 // Parses text up to its first zero byte; a failed parse gives a null value.
 Json::Value parseText(const std::string& text) {
@@ -52,8 +54,8 @@ struct JsonDocument {
     static const Value& orNull(Found value) { return value != nullptr ? *value : Json::Value::nullSingleton(); }
 
     // Like isMember, it throws for a value that is neither an object nor null.
-    static Found find(const Value& object, std::string_view key) {
-        return object.find(key.data(), key.data() + key.size());
+    static Found find(const Value& object, const frame_keys::Key& key) {
+        return object.find(key.text.data(), key.text.data() + key.text.size());
     }
 
     static bool isArray(const Value& value) { return value.isArray(); }
@@ -140,22 +142,22 @@ public:
 
     // `command` read as text equals "webSendRobotState".
     static bool isStateFrame(const Value& root) {
-        const Found command = Document::find(root, "command");
+        const Found command = Document::find(root, keys::root::command);
         return command && Document::textIs(*command, kStateCommand);
     }
 
     void takeOver(const Value& root) {
         if (!isStateFrame(root)) return;
-        const Found arms = Document::find(root, "arm");
+        const Found arms = Document::find(root, keys::root::arm);
         if (arms && Document::isArray(*arms)) status_field::store(kernel_.arm_count, Document::size(arms));
         const int previous_motion_state = status_field::load(kernel_.status.motion_state);
 
         std::lock_guard<std::mutex> lock(kernel_.state_mutex);
         readCount(root);
-        if (const Found debug = Document::find(root, "debug")) {
+        if (const Found debug = Document::find(root, keys::root::debug)) {
             status_field::store(kernel_.status.debug, Document::asBool(debug));
         }
-        if (const Found stamp = Document::find(root, "Unix_time_stamp")) {
+        if (const Found stamp = Document::find(root, keys::root::unix_time_stamp)) {
             kernel_.time_stamp = Document::decimalValue(*stamp);
         }
         fireErrorOfThisArm(root);
@@ -172,7 +174,7 @@ public:
 
 private:
     void readCount(const Value& root) {
-        const uint64_t count = Document::frameCount(Document::find(root, "count"));
+        const uint64_t count = Document::frameCount(Document::find(root, keys::root::count));
         // Unsigned on purpose: a first frame above 1 and a count that goes
         // backwards are reported as gaps too.
         if (count - kernel_.msg_count > 1) {
@@ -183,16 +185,16 @@ private:
     }
 
     void fireErrorOfThisArm(const Value& root) {
-        const Found error = Document::find(root, "error");
+        const Found error = Document::find(root, keys::root::error);
         if (!error) return;
         const int code = Document::asInt(error);
         if (code == 0) return;
         // Level-triggered: every frame that still carries the error fires again.
-        if (Document::asInt(Document::find(root, "error_arm_index")) != status_field::load(kernel_.status.arm_index)) {
+        if (Document::asInt(Document::find(root, keys::root::error_arm_index)) != status_field::load(kernel_.status.arm_index)) {
             return;
         }
         registry::callEach(kernel_.registry_mutex_, kernel_.error_catch_callbacks, code,
-                           Document::text(Document::find(root, "errMsg")));
+                           Document::text(Document::find(root, keys::root::err_msg)));
     }
 
     Found selectArm(const Found& arms) const {
@@ -202,13 +204,13 @@ private:
         const Found arm = Document::at(*arms, static_cast<size_t>(index));
         // The position in the array and the index the entry states must
         // agree, also in JSON type: an index sent as text does not match.
-        const Found stated_index = Document::find(*arm, "arm_index");
+        const Found stated_index = Document::find(*arm, keys::arm::arm_index);
         if (!stated_index || !Document::equalsIndex(*stated_index, index)) return Found();
         return arm;
     }
 
     void takeOverArm(const Value& arm) {
-        if (const Found name = Document::find(arm, "arm_name")) {
+        if (const Found name = Document::find(arm, keys::arm::arm_name)) {
             Document::assignText(name, kernel_.arm_name_scratch_);
             // The receive thread is the only writer, so it may compare unlocked.
             if (kernel_.status.arm_name != kernel_.arm_name_scratch_) {
@@ -216,23 +218,23 @@ private:
                 kernel_.status.arm_name = kernel_.arm_name_scratch_;
             }
         }
-        if (const Found dof = Document::find(arm, "arm_dof")) status_field::store(kernel_.status.dof, Document::asInt(dof));
-        if (const Found axises = Document::find(arm, "axises")) fireAxisCallbacks(axises);
-        if (const Found gripper = Document::find(arm, "gripper")) readGripper(*gripper);
+        if (const Found dof = Document::find(arm, keys::arm::arm_dof)) status_field::store(kernel_.status.dof, Document::asInt(dof));
+        if (const Found axises = Document::find(arm, keys::arm::axises)) fireAxisCallbacks(axises);
+        if (const Found gripper = Document::find(arm, keys::arm::gripper)) readGripper(*gripper);
 
         // Whether the joint positions of `reality` and `plan` are read is
         // decided by the arm-level `pose`, not by the blocks themselves.
-        const bool arm_has_pose = static_cast<bool>(Document::find(arm, "pose"));
-        if (const Found reality = Document::find(arm, "reality")) {
+        const bool arm_has_pose = static_cast<bool>(Document::find(arm, keys::arm::pose));
+        if (const Found reality = Document::find(arm, keys::arm::reality)) {
             readJointBlock(*reality, arm_has_pose, kernel_.joint_pos, kernel_.joint_vel, kernel_.joint_tau);
         }
-        if (const Found plan = Document::find(arm, "plan")) {
+        if (const Found plan = Document::find(arm, keys::arm::plan)) {
             readJointBlock(*plan, arm_has_pose, kernel_.plan_joint_pos, kernel_.plan_joint_vel, kernel_.plan_joint_tau);
         }
-        if (const Found force = Document::find(arm, "cart_external_force")) {
+        if (const Found force = Document::find(arm, keys::arm::cart_external_force)) {
             readNumbers<double>(force, kernel_.cart_external_force);
         }
-        if (const Found external_tau = Document::find(arm, "joint_external_tau")) {
+        if (const Found external_tau = Document::find(arm, keys::arm::joint_external_tau)) {
             readNumbers<double>(external_tau, kernel_.joint_external_tau);
             registry::callEach(kernel_.registry_mutex_, kernel_.get_external_force_callbacks, kernel_.time_stamp,
                                kernel_.joint_external_tau, kernel_.cart_external_force);
@@ -241,22 +243,22 @@ private:
         }
         readPoses(arm);
 
-        if (const Found servo = Document::find(arm, "servo")) {
+        if (const Found servo = Document::find(arm, keys::arm::servo)) {
             status_field::store(kernel_.status.servo, Document::asBool(servo));
         }
-        if (const Found motion_state = Document::find(arm, "motion_state")) {
+        if (const Found motion_state = Document::find(arm, keys::arm::motion_state)) {
             status_field::store(kernel_.status.motion_state, Document::asInt(motion_state));
         }
-        if (const Found fsm_state = Document::find(arm, "fsm_state")) {
+        if (const Found fsm_state = Document::find(arm, keys::arm::fsm_state)) {
             Document::assignText(fsm_state, kernel_.fsm_state_scratch_);
             status_field::store(kernel_.status.fsm_mode, lookupFsmMode(kernel_.fsm_state_scratch_));
         }
-        if (const Found vel_per = Document::find(arm, "vel_per")) {
+        if (const Found vel_per = Document::find(arm, keys::arm::vel_per)) {
             status_field::store(kernel_.status.vel_per, Document::template as<double>(vel_per));
         }
-        if (const Found tool = Document::find(arm, "tool")) kernel_.tool_index = Document::asInt(tool);
-        if (const Found user = Document::find(arm, "user")) kernel_.user_index = Document::asInt(user);
-        if (const Found task = Document::find(arm, "task")) readTask(*task);
+        if (const Found tool = Document::find(arm, keys::arm::tool)) kernel_.tool_index = Document::asInt(tool);
+        if (const Found user = Document::find(arm, keys::arm::user)) kernel_.user_index = Document::asInt(user);
+        if (const Found task = Document::find(arm, keys::arm::task)) readTask(*task);
     }
 
     void fireAxisCallbacks(const Found& axises) {
@@ -267,19 +269,19 @@ private:
         const auto code_callbacks = registry::copyEntries(registry_mutex, kernel_.motor_code_changed_callbacks);
         const auto run_state_callbacks = registry::copyEntries(registry_mutex, kernel_.motor_run_state_changed_callbacks);
         Document::forEach(axises, [&](const Found& axis) {
-            const Found index_value = Document::find(*axis, "index");
+            const Found index_value = Document::find(*axis, keys::axis::index);
             if (!index_value) return;
             const int index = Document::asInt(index_value);
-            if (const Found mode = Document::find(*axis, "mode")) callEntries(mode_callbacks, index, Document::asInt(mode));
+            if (const Found mode = Document::find(*axis, keys::axis::mode)) callEntries(mode_callbacks, index, Document::asInt(mode));
             // Unlike the arm-level servo flag, the axis servo is an integer.
-            if (const Found servo = Document::find(*axis, "servo")) {
+            if (const Found servo = Document::find(*axis, keys::axis::servo)) {
                 callEntries(servo_callbacks, index, Document::asInt(servo) != 0);
             }
-            if (const Found code = Document::find(*axis, "code")) {
+            if (const Found code = Document::find(*axis, keys::axis::code)) {
                 const int code_value = Document::asInt(code);
-                callEntries(code_callbacks, index, code_value, Document::text(Document::find(*axis, "msg")));
+                callEntries(code_callbacks, index, code_value, Document::text(Document::find(*axis, keys::axis::msg)));
             }
-            if (const Found run_state = Document::find(*axis, "run_state")) {
+            if (const Found run_state = Document::find(*axis, keys::axis::run_state)) {
                 callEntries(run_state_callbacks, index, Document::asInt(run_state));
             }
         });
@@ -287,13 +289,13 @@ private:
 
     void readGripper(const Value& gripper) {
         KelmKernelImpl::EndEffector& end_effector = kernel_.end_effector;
-        if (const Found pos = Document::find(gripper, "gripper_pos")) end_effector.pos = Document::template as<double>(pos);
-        if (const Found vel = Document::find(gripper, "gripper_vel")) end_effector.vel = Document::template as<double>(vel);
-        if (const Found tau = Document::find(gripper, "gripper_tau")) end_effector.tau = Document::template as<double>(tau);
-        if (const Found state = Document::find(gripper, "gripper_state")) {
+        if (const Found pos = Document::find(gripper, keys::gripper::pos)) end_effector.pos = Document::template as<double>(pos);
+        if (const Found vel = Document::find(gripper, keys::gripper::vel)) end_effector.vel = Document::template as<double>(vel);
+        if (const Found tau = Document::find(gripper, keys::gripper::tau)) end_effector.tau = Document::template as<double>(tau);
+        if (const Found state = Document::find(gripper, keys::gripper::state)) {
             end_effector.state = static_cast<int8_t>(Document::asInt(state));  // low byte kept
         }
-        if (const Found connected = Document::find(gripper, "is_connect")) {
+        if (const Found connected = Document::find(gripper, keys::gripper::is_connect)) {
             end_effector.connected = Document::asBool(connected);
         }
     }
@@ -301,9 +303,9 @@ private:
     void readJointBlock(const Value& block, bool arm_has_pose, std::vector<double>& pos, std::vector<double>& vel,
                         std::vector<double>& tau) {
         // With the arm-level `pose`, a block without `pose` empties `pos`.
-        if (arm_has_pose) readNumbers<float>(Document::find(block, "pose"), pos);
-        if (const Found velocities = Document::find(block, "vel")) readNumbers<float>(velocities, vel);
-        if (const Found torques = Document::find(block, "torque")) readNumbers<float>(torques, tau);
+        if (arm_has_pose) readNumbers<float>(Document::find(block, keys::joint_block::pose), pos);
+        if (const Found velocities = Document::find(block, keys::joint_block::vel)) readNumbers<float>(velocities, vel);
+        if (const Found torques = Document::find(block, keys::joint_block::torque)) readNumbers<float>(torques, tau);
     }
 
     // Fills `out` with `values`, one entry per element, read as float or
@@ -325,12 +327,12 @@ private:
     }
 
     void readPoses(const Value& arm) {
-        if (const Found pose = Document::find(arm, "pose")) readPose(*pose, kernel_.cart_pose);
+        if (const Found pose = Document::find(arm, keys::arm::pose)) readPose(*pose, kernel_.cart_pose);
         // Each frame-specific pose that the frame leaves out follows cart_pose.
         const std::pair<Found, Pose*> frame_poses[] = {
-            {Document::find(arm, "pose_tool"), &kernel_.pose_tool},
-            {Document::find(arm, "pose_user"), &kernel_.pose_user},
-            {Document::find(arm, "pose_aut"), &kernel_.pose_aut},
+            {Document::find(arm, keys::arm::pose_tool), &kernel_.pose_tool},
+            {Document::find(arm, keys::arm::pose_user), &kernel_.pose_user},
+            {Document::find(arm, keys::arm::pose_aut), &kernel_.pose_aut},
         };
         for (const auto& frame_pose : frame_poses) {
             if (frame_pose.first) {
@@ -342,9 +344,9 @@ private:
     }
 
     void readTask(const Value& task) {
-        if (const Found flag = Document::find(task, "exe_flag")) kernel_.exe_flag = Document::asBool(flag);
-        if (const Found last = Document::find(task, "last_task_key")) Document::assignText(last, kernel_.last_task_key);
-        if (const Found executing = Document::find(task, "exe_task_key")) {
+        if (const Found flag = Document::find(task, keys::task::exe_flag)) kernel_.exe_flag = Document::asBool(flag);
+        if (const Found last = Document::find(task, keys::task::last_task_key)) Document::assignText(last, kernel_.last_task_key);
+        if (const Found executing = Document::find(task, keys::task::exe_task_key)) {
             Document::assignText(executing, kernel_.exe_task_key);
         }
     }

@@ -12,7 +12,9 @@
 //   as a double beyond uint64, so those are left to jsoncpp;
 // - the frame count: text or an integer (jsoncpp turns other values into text
 //   first); the time stamp: text or a number.
-// Unknown keys are passed over. simdjson refuses comments, trailing text and
+// Unknown keys are passed over. The check files every value it accepts under
+// its key's slot (frame_keys.h) in an index of its object, so that the frame
+// reader's lookups need no search. simdjson refuses comments, trailing text and
 // anything that is not strict JSON, all of which jsoncpp accepts, and nesting
 // beyond kMaxDepth is left to jsoncpp, which has a limit of its own.
 #include "fast_frame.h"
@@ -31,46 +33,56 @@ namespace {
 
 using simdjson::dom::element;
 using simdjson::dom::element_type;
+namespace keys = frame_keys;
 
 // Frames nest four deep; anything much deeper is no frame.
 constexpr size_t kMaxDepth = 64;
 // Room for a few frames; the parser grows for longer messages.
 constexpr size_t kInitialCapacity = 64 * 1024;
+// Indexed objects per message: a frame of one arm has about a dozen.
+constexpr size_t kMostObjects = 128;
 
 enum class Kind { Text, Integer, Boolean, Number, Numbers, Count, Stamp, Arms, Axes, Gripper, JointBlock, Task, Reply };
 
 struct Field {
-    std::string_view key;
+    keys::Key key;
     Kind kind;
 };
 
-// `task_key` beside `command` makes a message a reply.
 constexpr Field kRootFields[] = {
-    {"command", Kind::Text},          {"task_key", Kind::Reply},          {"count", Kind::Count},
-    {"debug", Kind::Boolean},         {"Unix_time_stamp", Kind::Stamp},   {"error", Kind::Integer},
-    {"error_arm_index", Kind::Integer}, {"errMsg", Kind::Text},           {"arm", Kind::Arms},
+    {keys::root::command, Kind::Text},     {keys::root::task_key, Kind::Reply},
+    {keys::root::count, Kind::Count},      {keys::root::debug, Kind::Boolean},
+    {keys::root::unix_time_stamp, Kind::Stamp}, {keys::root::error, Kind::Integer},
+    {keys::root::error_arm_index, Kind::Integer}, {keys::root::err_msg, Kind::Text},
+    {keys::root::arm, Kind::Arms},
 };
 constexpr Field kArmFields[] = {
-    {"arm_index", Kind::Integer},         {"arm_name", Kind::Text},          {"arm_dof", Kind::Integer},
-    {"axises", Kind::Axes},               {"gripper", Kind::Gripper},        {"reality", Kind::JointBlock},
-    {"plan", Kind::JointBlock},           {"cart_external_force", Kind::Numbers},
-    {"joint_external_tau", Kind::Numbers}, {"pose", Kind::Numbers},          {"pose_tool", Kind::Numbers},
-    {"pose_user", Kind::Numbers},         {"pose_aut", Kind::Numbers},       {"servo", Kind::Boolean},
-    {"motion_state", Kind::Integer},      {"fsm_state", Kind::Text},         {"vel_per", Kind::Number},
-    {"tool", Kind::Integer},              {"user", Kind::Integer},           {"task", Kind::Task},
+    {keys::arm::arm_index, Kind::Integer},   {keys::arm::arm_name, Kind::Text},
+    {keys::arm::arm_dof, Kind::Integer},     {keys::arm::axises, Kind::Axes},
+    {keys::arm::gripper, Kind::Gripper},     {keys::arm::reality, Kind::JointBlock},
+    {keys::arm::plan, Kind::JointBlock},     {keys::arm::cart_external_force, Kind::Numbers},
+    {keys::arm::joint_external_tau, Kind::Numbers}, {keys::arm::pose, Kind::Numbers},
+    {keys::arm::pose_tool, Kind::Numbers},   {keys::arm::pose_user, Kind::Numbers},
+    {keys::arm::pose_aut, Kind::Numbers},    {keys::arm::servo, Kind::Boolean},
+    {keys::arm::motion_state, Kind::Integer}, {keys::arm::fsm_state, Kind::Text},
+    {keys::arm::vel_per, Kind::Number},      {keys::arm::tool, Kind::Integer},
+    {keys::arm::user, Kind::Integer},        {keys::arm::task, Kind::Task},
 };
 constexpr Field kAxisFields[] = {
-    {"index", Kind::Integer}, {"mode", Kind::Integer}, {"servo", Kind::Integer},
-    {"code", Kind::Integer},  {"msg", Kind::Text},     {"run_state", Kind::Integer},
+    {keys::axis::index, Kind::Integer}, {keys::axis::mode, Kind::Integer}, {keys::axis::servo, Kind::Integer},
+    {keys::axis::code, Kind::Integer},  {keys::axis::msg, Kind::Text},     {keys::axis::run_state, Kind::Integer},
 };
 constexpr Field kGripperFields[] = {
-    {"gripper_pos", Kind::Number},    {"gripper_vel", Kind::Number}, {"gripper_tau", Kind::Number},
-    {"gripper_state", Kind::Integer}, {"is_connect", Kind::Boolean},
+    {keys::gripper::pos, Kind::Number},     {keys::gripper::vel, Kind::Number},
+    {keys::gripper::tau, Kind::Number},     {keys::gripper::state, Kind::Integer},
+    {keys::gripper::is_connect, Kind::Boolean},
 };
 constexpr Field kJointBlockFields[] = {
-    {"pose", Kind::Numbers}, {"vel", Kind::Numbers}, {"torque", Kind::Numbers}};
+    {keys::joint_block::pose, Kind::Numbers}, {keys::joint_block::vel, Kind::Numbers},
+    {keys::joint_block::torque, Kind::Numbers}};
 constexpr Field kTaskFields[] = {
-    {"exe_flag", Kind::Boolean}, {"last_task_key", Kind::Text}, {"exe_task_key", Kind::Text}};
+    {keys::task::exe_flag, Kind::Boolean}, {keys::task::last_task_key, Kind::Text},
+    {keys::task::exe_task_key, Kind::Text}};
 
 bool isInteger(const element& value) {
     if (value.type() != element_type::INT64) return false;
@@ -80,61 +92,109 @@ bool isInteger(const element& value) {
 
 bool isNumber(const element& value) { return value.is_int64() || value.is_double(); }
 
-template <size_t N>
-bool certainObject(const element& value, const Field (&fields)[N]);
-
-bool certainElements(const element& value, bool (*certain)(const element&)) {
+bool isNumberArray(const element& value) {
     if (!value.is_array()) return false;
     for (const element item : simdjson::dom::array(value)) {
-        if (!certain(item)) return false;
+        if (!isNumber(item)) return false;
     }
     return true;
 }
 
-bool certainArm(const element& value) { return certainObject(value, kArmFields); }
-bool certainAxis(const element& value) { return certainObject(value, kAxisFields); }
-
-bool certainValue(const element& value, Kind kind) {
-    switch (kind) {
-        case Kind::Text: return value.is_string();
-        case Kind::Integer: return isInteger(value);
-        case Kind::Boolean: return value.is_bool();
-        case Kind::Number: return isNumber(value);
-        case Kind::Numbers: return certainElements(value, isNumber);
-        case Kind::Count: return value.is_string() || value.is_int64() || value.is_uint64();
-        case Kind::Stamp: return value.is_string() || value.is_int64() || value.is_uint64() || value.is_double();
-        case Kind::Arms: return certainElements(value, certainArm);
-        case Kind::Axes: return certainElements(value, certainAxis);
-        case Kind::Gripper: return certainObject(value, kGripperFields);
-        case Kind::JointBlock: return certainObject(value, kJointBlockFields);
-        case Kind::Task: return certainObject(value, kTaskFields);
-        case Kind::Reply: return true;
+// Short keys compared inline; the library compare is a call per key.
+bool sameKey(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i) {
+        if (a[i] != b[i]) return false;
     }
-    return false;
+    return true;
 }
 
-// Every known key at most once and of its kind.
-template <size_t N>
-bool certainObject(const element& value, const Field (&fields)[N]) {
-    static_assert(N <= 32, "one bit per field");
-    if (!value.is_object()) return false;
-    uint32_t seen = 0;
-    for (const auto field : simdjson::dom::object(value)) {
-        for (size_t i = 0; i < N; ++i) {
-            if (fields[i].key != field.key) continue;
-            const uint32_t bit = uint32_t(1) << i;
-            if ((seen & bit) != 0 || !certainValue(field.value, fields[i].kind)) return false;
-            seen |= bit;
-            break;
+// Checks a message and files its values by slot, into indices drawn from a
+// pool that is reused message by message.
+class CertaintyCheck {
+public:
+    void restart() { used_ = 0; }
+
+    bool root(const element& value, FastValue& out) { return object(value, kRootFields, out); }
+
+private:
+    ObjectIndex* allocate(size_t count) {
+        if (count > kMostObjects - used_) return nullptr;
+        ObjectIndex* first = &pool_[used_];
+        used_ += count;
+        return first;
+    }
+
+    // Every known key at most once and of its kind.
+    template <size_t N>
+    bool object(const element& value, const Field (&fields)[N], FastValue& out) {
+        static_assert(N <= kMostKeysPerObject, "one slot per field");
+        ObjectIndex* index = allocate(1);
+        return index != nullptr && fill(value, fields, *index, out);
+    }
+
+    template <size_t N>
+    bool fill(const element& value, const Field (&fields)[N], ObjectIndex& index, FastValue& out) {
+        if (!value.is_object()) return false;
+        index.present = 0;
+        for (const auto field : simdjson::dom::object(value)) {
+            for (const Field& known : fields) {
+                if (!sameKey(known.key.text, field.key)) continue;
+                const std::uint32_t bit = std::uint32_t(1) << known.key.slot;
+                if ((index.present & bit) != 0 || !this->value(field.value, known.kind, index.values[known.key.slot])) {
+                    return false;
+                }
+                index.present |= bit;
+                break;
+            }
         }
+        out = FastValue{value, &index};
+        return true;
     }
-    return true;
-}
 
-bool isReply(const element& root) {
-    element unused;
-    return root.at_key("command").get(unused) == simdjson::SUCCESS &&
-           root.at_key("task_key").get(unused) == simdjson::SUCCESS;
+    // An array of objects: their indices follow one another.
+    template <size_t N>
+    bool objects(const element& value, const Field (&fields)[N], FastValue& out) {
+        if (!value.is_array()) return false;
+        const simdjson::dom::array items(value);
+        ObjectIndex* first = allocate(items.size());
+        if (first == nullptr) return false;
+        size_t position = 0;
+        FastValue unused;
+        for (const element item : items) {
+            if (!fill(item, fields, first[position++], unused)) return false;
+        }
+        out = FastValue{value, first};
+        return true;
+    }
+
+    bool value(const element& value, Kind kind, FastValue& out) {
+        out = FastValue{value, nullptr};
+        switch (kind) {
+            case Kind::Text: return value.is_string();
+            case Kind::Integer: return isInteger(value);
+            case Kind::Boolean: return value.is_bool();
+            case Kind::Number: return isNumber(value);
+            case Kind::Numbers: return isNumberArray(value);
+            case Kind::Count: return value.is_string() || value.is_int64() || value.is_uint64();
+            case Kind::Stamp: return value.is_string() || value.is_int64() || value.is_uint64() || value.is_double();
+            case Kind::Arms: return objects(value, kArmFields, out);
+            case Kind::Axes: return objects(value, kAxisFields, out);
+            case Kind::Gripper: return object(value, kGripperFields, out);
+            case Kind::JointBlock: return object(value, kJointBlockFields, out);
+            case Kind::Task: return object(value, kTaskFields, out);
+            case Kind::Reply: return true;
+        }
+        return false;
+    }
+
+    std::array<ObjectIndex, kMostObjects> pool_;
+    size_t used_ = 0;
+};
+
+bool isReply(const FastValue& root) {
+    using Document = FastDocument;
+    return Document::find(root, keys::root::command) && Document::find(root, keys::root::task_key);
 }
 
 // The thread's parser and the message parsed last.
@@ -142,6 +202,7 @@ struct ThreadReader {
     simdjson::dom::parser parser;
     bool usable = parser.allocate(kInitialCapacity, kMaxDepth) == simdjson::SUCCESS;
     bool leased = false;
+    CertaintyCheck check;
     Message message;
 };
 
@@ -157,21 +218,20 @@ Lease read(const std::string& text) {
     if (!reader.usable || reader.leased) return Lease();
     element root;
     if (reader.parser.parse(text.c_str(), std::strlen(text.c_str())).get(root) != simdjson::SUCCESS) return Lease();
-    if (!certainObject(root, kRootFields) || isReply(root)) return Lease();
-    reader.message.root = root;
+    reader.check.restart();
+    if (!reader.check.root(root, reader.message.root) || isReply(reader.message.root)) return Lease();
     reader.leased = true;
     return Lease(&reader.message);
 }
 
 void forEachFinishedTask(const Message& message, const std::function<void(const std::string&)>& each) {
-    element arms;
-    if (message.root.at_key("arm").get(arms) != simdjson::SUCCESS) return;
-    for (const element arm : simdjson::dom::array(arms)) {
-        element key;
-        if (arm.at_pointer("/task/last_task_key").get(key) != simdjson::SUCCESS) continue;
-        const std::string_view text(key);
-        each(std::string(text.data(), text.size()));
-    }
+    using Document = FastDocument;
+    Document::forEach(Document::find(message.root, keys::root::arm), [&](const Document::Found& arm) {
+        const Document::Found task = Document::find(*arm, keys::arm::task);
+        if (!task) return;
+        const Document::Found key = Document::find(*task, keys::task::last_task_key);
+        if (key) each(Document::text(key));
+    });
 }
 
 }  // namespace fast_frame
