@@ -1,6 +1,5 @@
 """The live view (python3 -m kelm.view) against two simulators, in headless Chromium."""
 
-import os
 import re
 import subprocess
 import sys
@@ -26,9 +25,12 @@ class ViewProcess:
             [sys.executable, "-m", "kelm.view", "--master", master.address, "--slave", slave.address, "--port", "0",
              *options], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         lines, match = [], None
+        watchdog = threading.Timer(WAIT_S, self.process.kill)  # bounds the reads below in time
+        watchdog.start()
         while not match and len(lines) < 50:  # the library's log lines come first
             lines.append(self.process.stdout.readline())
             match = re.search(r"open (http://([\d.]+):(\d+)/)", lines[-1])
+        watchdog.cancel()
         if not match:
             self.stop()
             raise RuntimeError("kelm.view did not start: " + "".join(lines))
