@@ -5,15 +5,14 @@
 #include "callback_registry.h"
 #include "kelm_kernel.h"
 #include "log_manager.h"
+#include "protocol.h"
 #include "status_field.h"
 
 namespace kelm {
 
 namespace {
 
-constexpr int kCommandTimeoutMs = 1000;
 constexpr size_t kReservedIntCount = 16;
-const char* const kTaskReceived = "Task_Recieve";
 
 }  // namespace
 
@@ -64,9 +63,9 @@ void KelmKernelImpl::initData() {
 
 int KelmKernelImpl::sendCommand(const Json::Value& body) {
     std::string task_key;
-    const Json::Value reply = cmd_server(body, task_key, kCommandTimeoutMs);
+    const Json::Value reply = cmd_server(body, task_key, protocol::kReplyTimeoutMs);
     // A null reply (failed send, time-out) is no object either.
-    return reply.isObject() && reply["recv"] == kTaskReceived ? 1 : -1;
+    return reply.isObject() && reply["recv"] == protocol::kTaskReceived ? 1 : -1;
 }
 
 int KelmKernelImpl::publishStream(const Json::Value& body) {

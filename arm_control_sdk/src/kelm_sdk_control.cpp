@@ -10,19 +10,14 @@
 
 #include "kelm_kernel.h"
 #include "log_manager.h"
+#include "protocol.h"
 #include "status_field.h"
 
 namespace kelm {
 
 namespace {
 
-constexpr int kQueryTimeoutMs = 1000;
 constexpr unsigned kHighestControlMode = 4;
-constexpr double kGripperMaxPos = 0.08;
-constexpr double kGripperMaxTau = 20.0;
-constexpr double kSpeedLevelMax = 10.0;
-constexpr int kResponseLevelMin = 1;
-constexpr int kResponseLevelMax = 10000;
 constexpr int kStopStepCount = 5;
 
 Json::Value commandBody(const char* command) {
@@ -64,10 +59,10 @@ int KelmKernelImpl::set_end_effector(double pos, double tau) {
         logIllegalSetting();
         return -1;
     }
-    Json::Value body = commandBody("setEffectorCtr");
+    Json::Value body = commandBody(protocol::kEndEffectorCommand);
     body["arm_index"] = status_field::load(status.arm_index);
-    body["pos"] = clampFromZero(pos, kGripperMaxPos);
-    body["tau"] = clampFromZero(tau, kGripperMaxTau);
+    body["pos"] = clampFromZero(pos, protocol::kGripperMaxPos);
+    body["tau"] = clampFromZero(tau, protocol::kGripperMaxTau);
     return publishStream(body);
 }
 
@@ -144,11 +139,11 @@ int KelmKernelImpl::set_speed_level(double level, int response_level) {
         logIllegalSetting();
         return -1;
     }
-    const int clamped_response = std::min(response_level, kResponseLevelMax);
+    const int clamped_response = std::min(response_level, protocol::kResponseLevelMax);
     Json::Value body = commandBody("setSpeedLevel");
     body["arm_index"] = status_field::load(status.arm_index);
-    body["level"] = clampFromZero(level, kSpeedLevelMax);
-    body["response_level"] = clamped_response <= 0 ? kResponseLevelMin : clamped_response;
+    body["level"] = clampFromZero(level, protocol::kSpeedLevelMax);
+    body["response_level"] = clamped_response <= 0 ? protocol::kResponseLevelMin : clamped_response;
     return sendCommand(body);
 }
 
@@ -163,7 +158,7 @@ ArmConfig KelmKernelImpl::get_config() {
     Json::Value body = commandBody("getJointParams");
     body["arm_index"] = status_field::load(status.arm_index);
     std::string task_key;
-    const Json::Value reply = cmd_server(body, task_key, kQueryTimeoutMs);
+    const Json::Value reply = cmd_server(body, task_key, protocol::kReplyTimeoutMs);
     if (reply == Json::Value()) {
         KELM_LOG(LOG_ERROR, "get config result null");
         return ArmConfig();
@@ -197,7 +192,7 @@ std::string KelmKernelImpl::get_version() {
     body["type"] = "version";
     body["arm_index"] = status_field::load(status.arm_index);
     std::string task_key;
-    const Json::Value reply = cmd_server(body, task_key, kQueryTimeoutMs);
+    const Json::Value reply = cmd_server(body, task_key, protocol::kReplyTimeoutMs);
     if (reply == Json::Value()) return std::string();
     return reply["version"].asString();
 }

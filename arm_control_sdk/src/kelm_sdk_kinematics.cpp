@@ -11,6 +11,7 @@
 #include "kelm_kernel.h"
 #include "motion_checks.h"
 #include "print_array.h"
+#include "protocol.h"
 #include "status_field.h"
 
 namespace kelm {
@@ -19,7 +20,6 @@ using namespace motion_checks;
 
 namespace {
 
-constexpr int kKinematicsTimeoutMs = 3000;
 
 // "joint1", "point3", "refer3": the numbered point keys, counted from 1.
 std::string pointKey(const char* word, std::size_t number) {
@@ -89,7 +89,7 @@ int KelmKernelImpl::forwardKine(int tool, int user, const std::vector<std::vecto
         }
         writeReals(joints, data[pointKey("joint", i + 1)]);
     }
-    const Json::Value reply = askController(*this, request, kKinematicsTimeoutMs);
+    const Json::Value reply = askController(*this, request, protocol::kLongReplyTimeoutMs);
 
     const int count = acceptedPointCount(reply, "forwardKine");
     if (count < 0) return -1;
@@ -152,7 +152,7 @@ int KelmKernelImpl::inverseKine(int tool, int user, const std::vector<Pose>& qua
         writeReals(quat_poses[i], data[pointKey("point", i + 1)]);
         writeReals(reference, data[pointKey("refer", i + 1)]);
     }
-    const Json::Value reply = askController(*this, request, kKinematicsTimeoutMs);
+    const Json::Value reply = askController(*this, request, protocol::kLongReplyTimeoutMs);
 
     const int count = acceptedPointCount(reply, "inverseKine");
     if (count < 0) return -1;

@@ -1,5 +1,6 @@
 // Input checks shared by the motion family of KelmKernelImpl.
 #include "motion_checks.h"
+#include "protocol.h"
 
 #include "log_manager.h"
 
@@ -66,12 +67,12 @@ bool acceptTarget(const char* operation, const std::vector<double>& target, bool
 bool isTaskReceived(const Json::Value& reply) {
     if (!reply.isObject()) return false;
     const Json::Value& recv = reply["recv"];
-    return recv.isString() && recv.asString() == "Task_Recieve";
+    return recv.isString() && recv.asString() == protocol::kTaskReceived;
 }
 
 Json::Value motionRequest(const char* task_id, bool with_level) {
     Json::Value request;
-    request["command"] = "webRecieveTasks";
+    request["command"] = protocol::kTaskCommand;
     request["task_id"] = task_id;
     if (with_level) request["task_level"] = "Task_General";
     return request;
@@ -85,7 +86,7 @@ Json::Value askController(KelmKernelImpl& kernel, Json::Value& request, int time
 
 int submitTask(KelmKernelImpl& kernel, Json::Value& request, std::string& task_key) {
     request["arm_index"] = status_field::load(kernel.status.arm_index);
-    return isTaskReceived(kernel.cmd_server(request, task_key, kReplyTimeoutMs)) ? 1 : -1;
+    return isTaskReceived(kernel.cmd_server(request, task_key, protocol::kReplyTimeoutMs)) ? 1 : -1;
 }
 
 int submitTask(KelmKernelImpl& kernel, Json::Value& request) {

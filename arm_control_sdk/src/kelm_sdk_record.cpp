@@ -8,6 +8,7 @@
 
 #include "kelm_kernel.h"
 #include "motion_checks.h"
+#include "protocol.h"
 
 namespace kelm {
 
@@ -19,7 +20,6 @@ constexpr int kTeachStop = 0;
 constexpr int kTeachStart = 1;
 constexpr int kTeachRecord = 2;
 constexpr int kTeachList = 3;
-constexpr int kTeachListTimeoutMs = 3000;
 
 Json::Value teachRequest(int sub_command, const std::string& name) {
     Json::Value request;
@@ -64,7 +64,7 @@ int KelmKernelImpl::trajectory_recorder(std::string name) {
 
 int KelmKernelImpl::check_teach(std::vector<std::string>& teach_list) {
     Json::Value request = teachRequest(kTeachList, "");
-    const Json::Value reply = askController(*this, request, kTeachListTimeoutMs);
+    const Json::Value reply = askController(*this, request, protocol::kLongReplyTimeoutMs);
     // The list is judged by its count alone; `recv` is not looked at.
     if (!reply.isObject() || !reply.isMember("count")) return -1;
     const int count = reply["count"].asInt();
@@ -91,7 +91,7 @@ int KelmKernelImpl::set_zero_position(int axis_id) {
 int KelmKernelImpl::set_dynamics_cali_record_flag() {
     const Json::Value request = dynamicsCalibrationRequest("record");
     std::string dropped_key;
-    return controllerResult(cmd_server(request, dropped_key, kReplyTimeoutMs));
+    return controllerResult(cmd_server(request, dropped_key, protocol::kReplyTimeoutMs));
 }
 
 int KelmKernelImpl::set_dynamics_cali_calcu(bool payload) {

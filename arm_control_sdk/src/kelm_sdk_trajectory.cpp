@@ -10,6 +10,7 @@
 
 #include "kelm_kernel.h"
 #include "motion_checks.h"
+#include "protocol.h"
 
 namespace kelm {
 
@@ -17,7 +18,6 @@ using namespace motion_checks;
 
 namespace {
 
-constexpr double kGripperMaxPos = 0.08;
 // Longest allowed step between two time stamps [s].
 constexpr double kMaxStampStep = 3600.0;
 // How far a first point stamped 0 may lie from the current position: per
@@ -147,7 +147,7 @@ int KelmKernelImpl::move_pvt(const std::vector<std::vector<double>>& targets, co
             gripper_part["gripper_linkage"] = 1;
             Json::Value& eeffe_point = gripper_part["eeffe_point"];
             eeffe_point = Json::Value(Json::arrayValue);
-            for (double value : gripper) eeffe_point.append(std::clamp(value, 0.0, kGripperMaxPos));
+            for (double value : gripper) eeffe_point.append(std::clamp(value, 0.0, protocol::kGripperMaxPos));
         } else {
             gripper_part["gripper_linkage"] = 0;
             KELM_LOG(LOG_ERROR, "夹抓未连接，无法联动控制夹抓");

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "kelm_kernel.h"
+#include "protocol.h"
 #include "status_field.h"
 
 namespace kelm {
@@ -109,7 +110,6 @@ bool acceptUnitQuaternion(double norm_squared);
 // "Task_Recieve"; a null reply (time-out, failed send) is false.
 bool isTaskReceived(const Json::Value& reply);
 
-constexpr int kReplyTimeoutMs = 1000;
 
 constexpr bool kWithLevel = true;
 constexpr bool kWithoutLevel = false;
@@ -121,7 +121,7 @@ Json::Value motionRequest(const char* task_id, bool with_level);
 
 // Adds the kernel's `arm_index` and sends `request` with cmd_server: the
 // reply, or null after a failed send or a time-out. The key is dropped.
-Json::Value askController(KelmKernelImpl& kernel, Json::Value& request, int timeout_ms = kReplyTimeoutMs);
+Json::Value askController(KelmKernelImpl& kernel, Json::Value& request, int timeout_ms = protocol::kReplyTimeoutMs);
 
 // Adds the kernel's `arm_index`, sends `request` with cmd_server and reads the
 // reply: 1 for "Task_Recieve", -1 otherwise. `task_key` receives the key.
