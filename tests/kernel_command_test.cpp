@@ -20,28 +20,20 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr int kArm = 1;
 
-Json::Value parse(const std::string& text) {
-    Json::Value value;
-    std::istringstream stream(text);
-    std::string errors;
-    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), stream, &value, &errors)) << text;
-    return value;
-}
+Json::Value parse(const std::string& text) { return AnsweredKernel::parse(text); }
 
-class KernelCommands : public KernelOnPeer {
+class KernelCommands : public ::testing::Test {
 protected:
-    void SetUp() override {
-        peer.replyToAll(TestPeer::recv("Task_Recieve"));
-        connectKernel(kArm);
+    // The one request with this command sent since the last look, without its key.
+    Json::Value nextRequest(const std::string& command) {
+        const std::vector<Json::Value> sent = kernel.sent(command);
+        kernel.forgetSent();
+        EXPECT_EQ(sent.size(), 1u) << command;
+        return sent.empty() ? Json::Value() : sent.front();
     }
 
-    // The next request with this command, without the key cmd_publish added.
-    Json::Value nextRequest(const std::string& command) {
-        Json::Value request = peer.waitForCommand(command).value_or(Json::Value());
-        EXPECT_TRUE(request["task_key"].isString()) << command;
-        request.removeMember("task_key");
-        return request;
-    }
+    LogCapture log;
+    AnsweredKernel kernel{kArm};
 };
 
 TEST_F(KernelCommands, SendExactlyTheirBodiesWithArgumentsClamped) {
@@ -82,16 +74,16 @@ TEST_F(KernelCommands, RefusedArgumentsSendNothingAndOnlyTaskRecieveCountsAsTake
     EXPECT_EQ(kernel->set_end_effector(0.01, kNaN), -1);
     EXPECT_EQ(kernel->set_speed_level(kNaN, 5), -1);
     EXPECT_EQ(log.count("error: 输入含有非法值，请检查输入！！！", LOG_ERROR), 3u);
-    EXPECT_EQ(peer.receivedCount(), 0u);
+    EXPECT_EQ(kernel.sentCount(), 0u);
 
     const std::vector<std::pair<Json::Value, int>> replies = {{TestPeer::recv("Task_Refused"), -1},
                                                               {jsonObject({{"result", "ok"}}), -1},
                                                               {jsonObject({{"recv", "Task_Recieve"}, {"extra", 7}}), 1}};
     for (const auto& reply : replies) {
-        peer.replyTo("setServoEnable", reply.first);
+        kernel.replyTo("setServoEnable", reply.first);
         EXPECT_EQ(kernel->set_servo_enable(true), reply.second) << reply.first;
     }
-    peer.neverReply("setServoEnable");
+    kernel.replyTo("setServoEnable", Json::Value());
     EXPECT_EQ(kernel->set_servo_enable(true), -1);
     EXPECT_TRUE(log.contains(" timeout", LOG_ERROR));
 }
@@ -103,8 +95,8 @@ TEST_F(KernelCommands, ReadsTheJointConfigurationAndVersion) {
         const int length = column == 5 ? 4 : 9;  // jerk too short, the others longer than dof
         for (int joint = 0; joint < length; ++joint) params[columns[column]].append(10.0 * column + joint + 0.5);
     }
-    peer.replyTo("getJointParams", jsonObject({{"params", params}}));
-    peer.replyTo("getArmIntrinsicProperties", jsonObject({{"version", "v2.3.1"}}));
+    kernel.replyTo("getJointParams", jsonObject({{"params", params}}));
+    kernel.replyTo("getArmIntrinsicProperties", jsonObject({{"version", "v2.3.1"}}));
 
     const ArmConfig config = kernel->get_config();
     EXPECT_EQ(nextRequest("getJointParams"), jsonObject({{"command", "getJointParams"}, {"arm_index", kArm}}));
@@ -122,8 +114,7 @@ TEST_F(KernelCommands, ReadsTheJointConfigurationAndVersion) {
 class KernelStreaming : public KernelCommands {
 protected:
     void SetUp() override {
-        KernelCommands::SetUp();
-        ASSERT_TRUE(deliver(twoArmFrame(1)));  // dof 6
+        kernel->onReceive(toJsonText(twoArmFrame(1)));  // dof 6
         kernel->config.dof = 6;
         kernel->config.limit_lower.assign(6, -1.0);
         kernel->config.limit_upper.assign(6, 1.0);
@@ -196,9 +187,8 @@ TEST_F(KernelStreaming, RefusedStreamsLogOnceAndSendNothing) {
     EXPECT_EQ(kernel->tracking(std::vector<double>(6, 0.0), true, 0.0), -1);  // no limits to clamp against yet
 
     EXPECT_EQ(kernel->set_redundancy_tau(tau, kInf), 1);  // only NaN is refused for the end effector
-    ASSERT_TRUE(peer.waitForCount(1));
-    EXPECT_NE(peer.received()[0].text.find("setRedundancyTau"), std::string::npos);
-    EXPECT_EQ(peer.receivedCount(), 1u);
+    ASSERT_EQ(kernel.sentCount(), 1u);
+    EXPECT_NE(kernel->socket().sent().back().find("setRedundancyTau"), std::string::npos);
 }
 
 }  // namespace

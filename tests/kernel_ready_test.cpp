@@ -1,4 +1,4 @@
-// The ready sequence against a scripted arm whose frames follow the commands
+// The ready sequence against a scripted arm whose frames follow the requests
 // it gets, and the wait for a task's end with each of its four outcomes.
 #include <gtest/gtest.h>
 
@@ -16,21 +16,19 @@ namespace kelm {
 namespace test {
 namespace {
 
-// An arm behind the peer: streams its state every 10 ms once started,
-// accepts every request, turns its servo on at the given servo request and
-// goes to POSITION when the mode is set. The peer's rules and stream share
-// ownership of it, so a frame being built while a test ends never outlives it.
-class ScriptedArm : public std::enable_shared_from_this<ScriptedArm> {
-public:
-    static std::shared_ptr<ScriptedArm> behind(TestPeer& peer) {
-        auto arm = std::make_shared<ScriptedArm>();
-        peer.replyToAll(TestPeer::recv("Task_Recieve"));
-        peer.replyWith("setServoEnable", [arm](const Json::Value&) {
-            if (++arm->servo_requests >= arm->servo_on_at_request) arm->servo = true;
+// An arm behind the kernel's in-memory socket: accepts every request, turns
+// its servo on at the given servo request, goes to POSITION when the mode is
+// set, and shows its state in a frame after each answer. stream() delivers
+// its frame every 10 ms as well, until the test ends.
+class KernelReady : public ::testing::Test {
+protected:
+    void SetUp() override {
+        kernel.replyWith("setServoEnable", [this](const Json::Value&) {
+            if (++servo_requests >= servo_on_at_request) servo = true;
             return TestPeer::recv("Task_Recieve");
         });
-        peer.replyWith("setControlMode", [arm](const Json::Value&) {
-            arm->setFsmState("POSITION");
+        kernel.replyWith("setControlMode", [this](const Json::Value&) {
+            setFsmState("POSITION");
             return TestPeer::recv("Task_Recieve");
         });
         Json::Value params = jsonObject({{"dof", 6}});
@@ -38,68 +36,71 @@ public:
             params["limit_lower"].append(-3.0);
             params["limit_upper"].append(3.0);
         }
-        peer.replyTo("getJointParams", jsonObject({{"params", params}}));
-        return arm;
+        kernel.replyTo("getJointParams", jsonObject({{"params", params}}));
+        kernel.after_each_answer = [this] { return frame(); };
     }
 
-    void startStreaming(TestPeer& peer) {
-        auto self = shared_from_this();
-        peer.startStream([self] { return self->frame(); }, std::chrono::microseconds(10000));
-    }
-    void setFsmState(const std::string& state) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        fsm_state_ = state;
-    }
-    void setLastTaskKey(const std::string& key) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        last_task_key_ = key;
+    void TearDown() override {
+        streaming = false;
+        if (streamer.joinable()) streamer.join();
     }
 
-    std::atomic<bool> servo{false};
-    std::atomic<int> motion_state{Kelm_Standby};
-    std::atomic<int> error{0};
-    std::atomic<int> servo_requests{0};
-    std::atomic<int> servo_on_at_request{1};
-
-private:
-    Json::Value frame() {
-        ArmFrame arm = realisticArm(0);
-        arm.servo = servo;
-        arm.motion_state = motion_state;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            arm.fsm_state = fsm_state_;
-            arm.last_task_key = last_task_key_;
-        }
-        Json::Value state = stateFrame(++count_, {arm});
-        state["error"] = error.load();
-        return state;
+    void stream() {
+        streamer = std::thread([this] {
+            for (int sent = 0; streaming && sent < kMaxStreamFrames; ++sent) {
+                kernel->socket().deliver(frame());
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
+        });
     }
-
-    std::mutex mutex_;
-    std::string fsm_state_ = "IDLE";
-    std::string last_task_key_ = "none";
-    uint64_t count_ = 0;  // the peer's one scheduler thread builds the frames
-};
-
-class KernelReady : public KernelOnPeer {
-protected:
-    void SetUp() override { connectKernel(); }
 
     // Commands the kernel sent, in order, with the stop signal's id.
-    std::vector<std::string> sentCommands() const {
+    std::vector<std::string> sentCommands() {
         std::vector<std::string> commands;
-        for (const ReceivedMessage& message : peer.received()) {
-            std::string command = message.json["command"].asString();
-            if (message.json.isMember("stop_id")) command += " " + message.json["stop_id"].asString();
+        for (const std::string& text : kernel->socket().sent()) {
+            const Json::Value message = AnsweredKernel::parse(text);
+            std::string command = message["command"].asString();
+            if (message.isMember("stop_id")) command += " " + message["stop_id"].asString();
             commands.push_back(command);
         }
         return commands;
     }
 
-    void TearDown() override { peer.stopStream(); }
+    void setFsmState(const std::string& state) {
+        std::lock_guard<std::mutex> lock(mutex);
+        fsm_state = state;
+    }
+    void setLastTaskKey(const std::string& key) {
+        std::lock_guard<std::mutex> lock(mutex);
+        last_task_key = key;
+    }
 
-    std::shared_ptr<ScriptedArm> arm = ScriptedArm::behind(peer);
+    std::string frame() {
+        ArmFrame arm = realisticArm(0);
+        arm.servo = servo;
+        arm.motion_state = motion_state;
+        std::lock_guard<std::mutex> lock(mutex);
+        arm.fsm_state = fsm_state;
+        arm.last_task_key = last_task_key;
+        Json::Value state = stateFrame(++count, {arm});
+        state["error"] = error.load();
+        return toJsonText(state);
+    }
+
+    static constexpr int kMaxStreamFrames = 1000;
+    std::atomic<bool> servo{false};
+    std::atomic<int> motion_state{Kelm_Standby};
+    std::atomic<int> error{0};
+    std::atomic<int> servo_requests{0};
+    std::atomic<int> servo_on_at_request{1};
+    std::mutex mutex;  // guards the three below
+    std::string fsm_state = "IDLE";
+    std::string last_task_key = "none";
+    uint64_t count = 0;
+    std::atomic<bool> streaming{true};
+    std::thread streamer;
+    LogCapture log;
+    AnsweredKernel kernel{0};
 };
 
 struct ReadyCase {
@@ -123,24 +124,23 @@ class KernelReadyPaths : public KernelReady, public ::testing::WithParamInterfac
 
 TEST_P(KernelReadyPaths, SendsWhatTheArmNeedsAndReportsTheOutcome) {
     const ReadyCase& ready = GetParam();
-    arm->servo = ready.servo;
-    arm->setFsmState(ready.fsm_state);
-    arm->motion_state = ready.motion_state;
-    arm->servo_on_at_request = ready.servo_on_at_request;
-    arm->startStreaming(peer);
-    ASSERT_TRUE(waitUntil([&] { return handled.load() > 0; }));
+    servo = ready.servo;
+    setFsmState(ready.fsm_state);
+    motion_state = ready.motion_state;
+    servo_on_at_request = ready.servo_on_at_request;
+    kernel->onReceive(frame());
     log.clear();
 
     EXPECT_EQ(kernel->set_kelm_ready(ready.retry, ready.budget_ms), ready.result);
     if (ready.servo_requests >= 0) {
-        EXPECT_EQ(arm->servo_requests.load(), ready.servo_requests);
+        EXPECT_EQ(servo_requests.load(), ready.servo_requests);
     }
     if (ready.servo_requests == 0 && ready.motion_state != Kelm_Error) {
         EXPECT_EQ(sentCommands(), (std::vector<std::string>{"setControllerErrorReset", "stopSignals SIG_ARM_RECOVER",
                                                             "getJointParams"}));
     }
-    for (const Json::Value& mode : peer.receivedCommands("setControlMode")) EXPECT_EQ(mode["mode"], 0);
-    EXPECT_GE(peer.receivedCommands("setControllerErrorReset").size(), ready.min_resets);
+    for (const Json::Value& mode : kernel.sent("setControlMode")) EXPECT_EQ(mode["mode"], 0);
+    EXPECT_GE(kernel.sent("setControllerErrorReset").size(), ready.min_resets);
     EXPECT_TRUE(!ready.logged || log.contains(ready.logged));
     EXPECT_FALSE(ready.not_logged && log.contains(ready.not_logged));
     EXPECT_EQ(kernel->config.limit_upper, std::vector<double>(6, 3.0));  // read at the end, ready or not
@@ -185,7 +185,7 @@ TEST(KernelWithoutController, QueriesGiveEmptyAnswersAtOnceAndReadyFailsAfterIts
 
 class KernelTaskWait : public KernelReady {
 protected:
-    bool registeredAnywhere(const std::string& key) const {
+    bool registeredAnywhere(const std::string& key) {
         return RegistryProbe::contains(*kernel, kernel->subscriptions, key) ||
                RegistryProbe::contains(*kernel, kernel->error_catch_callbacks, key) ||
                RegistryProbe::contains(*kernel, kernel->connect_changed_callbacks, key);
@@ -193,11 +193,11 @@ protected:
 };
 
 TEST_F(KernelTaskWait, FinishedTaskEndsTheWaitAndAWarningDoesNot) {
-    arm->setLastTaskKey("move-1");
-    arm->startStreaming(peer);
+    setLastTaskKey("move-1");
+    stream();
     EXPECT_EQ(kernel->task_blocking_wait("move-1", 5000), 1);
     EXPECT_EQ(kernel->task_wait_flag.load(), 0);
-    arm->error = WARN_MESSAGE;
+    error = WARN_MESSAGE;
     EXPECT_EQ(kernel->task_blocking_wait("move-2", 300), 0);
     EXPECT_TRUE(log.contains("recieve a warnning"));
     EXPECT_EQ(kernel->task_blocking_wait("move-3", 0), 0);
@@ -205,15 +205,15 @@ TEST_F(KernelTaskWait, FinishedTaskEndsTheWaitAndAWarningDoesNot) {
 }
 
 TEST_F(KernelTaskWait, ErrorEndsTheWaitAndLeavesAStaleSubscription) {
-    arm->error = 3002;
-    arm->startStreaming(peer);
+    error = 3002;
+    stream();
     EXPECT_EQ(kernel->task_blocking_wait("move-4", 5000), 1);
     EXPECT_TRUE(RegistryProbe::contains(*kernel, kernel->subscriptions, "move-4"));
     EXPECT_FALSE(RegistryProbe::contains(*kernel, kernel->error_catch_callbacks, "move-4"));
 
     // The stale subscription fires between waits; the next wait starts afresh.
-    arm->error = 0;
-    arm->setLastTaskKey("move-4");
+    error = 0;
+    setLastTaskKey("move-4");
     ASSERT_TRUE(waitUntil([&] { return !RegistryProbe::contains(*kernel, kernel->subscriptions, "move-4"); }));
     EXPECT_EQ(kernel->task_wait_flag.load(), 1);
     EXPECT_EQ(kernel->task_blocking_wait("", 5000), 0);
@@ -225,7 +225,7 @@ TEST_F(KernelTaskWait, DisconnectEndsTheWaitAndReconnectDoesNot) {
         if (!waitUntil([&] { return RegistryProbe::contains(*kernel, kernel->connect_changed_callbacks, "move-6"); })) return;
         kernel->connectChanged(true);
         EXPECT_EQ(kernel->task_wait_flag.load(), 0);
-        peer.dropConnections();
+        kernel->socket().abort();
     });
     EXPECT_EQ(kernel->task_blocking_wait("move-6", 5000), 1);
     disturber.join();

@@ -2,15 +2,13 @@
 // the unpacking of remote IO blocks.
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "kelm_kernel.h"
+#include "direct_kernel.h"
 #include "log_capture.h"
-#include "test_peer.h"
 
 namespace kelm {
 namespace test {
@@ -41,23 +39,16 @@ TEST(KelmTables, SpotChecks) {
 
 class KernelIO : public ::testing::Test {
 protected:
-    void SetUp() override {
-        TestPeer unused;
-        const unsigned short port = unused.port();
-        unused.stop();
-        kernel = std::make_unique<KelmKernelImpl>(TestPeer::kHost, port, 0.2, 0);
-    }
-
     int parseIO(const std::string& text) {
         Json::Value root;
         std::istringstream stream(text);
         std::string errors;
         EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), stream, &root, &errors)) << errors;
-        return kernel->parseIOInfo(root, stations);
+        return kernel.parseIOInfo(root, stations);
     }
 
     LogCapture log;
-    std::unique_ptr<KelmKernelImpl> kernel;
+    DirectKernel kernel;
     std::vector<KelmKernelImpl::RtuInfo> stations;
 };
 
@@ -94,8 +85,8 @@ TEST_F(KernelIO, AnalogWidthsAreTakenOnlyWhenTheirShapeFits) {
     EXPECT_THROW(parseIO(R"({"rtu": [{"size": [0, 0], "ad": [["volts"]]}]})"), std::invalid_argument);
     EXPECT_THROW(parseIO(R"({"rtu": [{"size": [0, 0], "ad": [["99999999999999999999999"]]}]})"), std::out_of_range);
     EXPECT_THROW(parseIO(R"({"rtu": [{"size": [-1, 0]}]})"), std::length_error);
-    ASSERT_TRUE(kernel->io_mutex.try_lock());
-    kernel->io_mutex.unlock();
+    ASSERT_TRUE(kernel.io_mutex.try_lock());
+    kernel.io_mutex.unlock();
 }
 
 TEST_F(KernelIO, StationsAreSkippedKeptOrEmptiedAsTheBlockSays) {

@@ -102,7 +102,7 @@ TEST_F(MotionTest, MoveDirectlyMapsGripperValuesWhenTheGripperIsConnected) {
     expectRefused(kernel->move_directly(points, task_key, {0.01, 0.02}), "点位与夹爪维度不一致,请检查数据.");
     kernel->end_effector.connected = false;
     ASSERT_EQ(kernel->move_directly(points, task_key, {0.1, 0.2, 0.3}), 1);
-    EXPECT_EQ(peer.receivedCommands("webRecieveTasks").back()["gripper"], parseJson(R"({"gripper_linkage": 0})"));
+    EXPECT_EQ(kernel.sent("webRecieveTasks").back()["gripper"], parseJson(R"({"gripper_linkage": 0})"));
     EXPECT_TRUE(log.contains("夹抓未连接，无法联动控制夹抓", LOG_ERROR));
 }
 
@@ -114,7 +114,7 @@ TEST_F(MotionTest, ArcSendsItsTypeAndTheRadianOnlyAboveZero) {
         "speed": 20.0, "acc": 20.0, "tool": 1, "user": 2, "dir": 0, "radian": 0.5, "type": 1}})");
     for (double radian : {0.0, kNaN}) {
         ASSERT_EQ(kernel->move_3p_arc({kPose, kPose, kPose}, task_key, 20.0, false, radian, 0, 0, false), 1);
-        const Json::Value data = peer.receivedCommands("webRecieveTasks").back()["data"];
+        const Json::Value data = kernel.sent("webRecieveTasks").back()["data"];
         EXPECT_TRUE(data["type"] == 0 && data["dir"] == 1 && !data.isMember("radian")) << data;
     }
 }
@@ -172,9 +172,8 @@ TEST_F(JumpTest, RefusesBadInputBeforeAskingForTheStartAndMovesNotWithoutIt) {
     task_key = "untouched";
     EXPECT_EQ(kernel->move_jump(kTarget, {}, {}, task_key, 30.0, 0, 0), -1);
     EXPECT_EQ(task_key, "untouched");
-    ASSERT_EQ(kernel->move_joint_jog(0, 1, 1.0), 1);
-    EXPECT_EQ(peer.receivedCommands("getKinematics").size(), 1u);
-    EXPECT_EQ(peer.receivedCommands("webRecieveTasks").size(), 1u) << "only the jog";
+    EXPECT_EQ(kernel.sent("getKinematics").size(), 1u);
+    EXPECT_TRUE(kernel.sent("webRecieveTasks").empty());
 }
 
 }  // namespace

@@ -86,7 +86,7 @@ TEST_F(PvtTest, GripperIsClampedAndLinkedOnlyWithAConnectedGripper) {
     kernel->end_effector.connected = false;
     ASSERT_EQ(kernel->move_pvt(three, {-1.0, 0.1, 0.05}, {1.0, 2.0, 3.0}, task_key, true), 1);
     EXPECT_TRUE(log.contains("夹抓未连接，无法联动控制夹抓", LOG_ERROR));
-    EXPECT_EQ(peer.receivedCommands("webRecieveTasks").back()["gripper"], parseJson(R"({"gripper_linkage": 0})"));
+    EXPECT_EQ(kernel.sent("webRecieveTasks").back()["gripper"], parseJson(R"({"gripper_linkage": 0})"));
 }
 
 }  // namespace

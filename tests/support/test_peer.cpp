@@ -109,7 +109,6 @@ TestPeer::TestPeer() {
 }
 
 TestPeer::~TestPeer() {
-    stopStream();
     scheduler_->stop();
     server_->stop();
 }
@@ -227,12 +226,6 @@ void TestPeer::replyToAll(const Json::Value& members, Milliseconds delay) {
     default_rule_ = Rule{[members](const Json::Value&) { return members; }, delay};
 }
 
-void TestPeer::clearRules() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    rules_.clear();
-    default_rule_.reset();
-}
-
 void TestPeer::setMinimumReplyDelay(Milliseconds delay) {
     std::lock_guard<std::mutex> lock(mutex_);
     minimum_reply_delay_ = delay;
@@ -241,37 +234,6 @@ void TestPeer::setMinimumReplyDelay(Milliseconds delay) {
 bool TestPeer::sendText(const std::string& text) { return server_->broadcastText(text) > 0; }
 
 bool TestPeer::sendJson(const Json::Value& value) { return sendText(toJsonText(value)); }
-
-void TestPeer::startStream(std::function<Json::Value()> frame, std::chrono::microseconds interval) {
-    std::size_t generation = 0;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        generation = ++stream_generation_;
-        streamed_ = 0;
-    }
-    auto tick = std::make_shared<std::function<void()>>();
-    std::weak_ptr<std::function<void()>> weak_tick = tick;
-    *tick = [this, frame = std::move(frame), interval, generation, weak_tick] {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (generation != stream_generation_) return;
-            ++streamed_;
-        }
-        sendJson(frame());
-        if (auto next = weak_tick.lock()) scheduler_->schedule(interval, [next] { (*next)(); });
-    };
-    scheduler_->schedule(std::chrono::microseconds(0), [tick] { (*tick)(); });
-}
-
-void TestPeer::stopStream() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++stream_generation_;
-}
-
-std::size_t TestPeer::streamedCount() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return streamed_;
-}
 
 WebSocketServer& TestPeer::server() { return *server_; }
 

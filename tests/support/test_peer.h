@@ -3,7 +3,7 @@
 //
 // It records every message a client sends (raw text and parsed JSON),
 // answers requests by rules keyed by their `command`, and pushes text or JSON
-// to its clients on demand or at a steady rate. Typical use:
+// to its clients on demand. Typical use:
 //
 //   kelm::test::TestPeer peer;
 //   peer.replyTo("setServoEnable", TestPeer::recv("Task_Recieve"));
@@ -25,8 +25,8 @@
 //
 // Threads: all members are safe from any thread. Responders run on the
 // connection's thread of the peer as the request arrives; the replies they
-// build (delayed by at least the minimum reply delay) and the streams go out
-// from one scheduler thread of the peer. Waits are bounded by their time-out.
+// build (delayed by at least the minimum reply delay) go out from one
+// scheduler thread of the peer. Waits are bounded by their time-out.
 #pragma once
 
 #include <json/json.h>
@@ -125,7 +125,6 @@ public:
     void neverReply(const std::string& command);
     // Answers requests that have no rule of their own.
     void replyToAll(const Json::Value& members, Milliseconds delay = Milliseconds(0));
-    void clearRules();
     // The least time between a request and its reply (kMinimumReplyDelay at first).
     void setMinimumReplyDelay(Milliseconds delay);
 
@@ -133,11 +132,6 @@ public:
     // Sends to every connected client. True if at least one got it.
     bool sendText(const std::string& text);
     bool sendJson(const Json::Value& value);
-    // Sends frame() to every client every `interval` until stopStream().
-    void startStream(std::function<Json::Value()> frame, std::chrono::microseconds interval);
-    void stopStream();
-    // How many stream frames have been sent since startStream().
-    std::size_t streamedCount() const;
 
     // Direct access for tests of the protocol layer.
     WebSocketServer& server();
@@ -161,8 +155,6 @@ private:
     std::map<std::string, Rule> rules_;
     std::optional<Rule> default_rule_;
     Milliseconds minimum_reply_delay_ = kMinimumReplyDelay;
-    std::size_t stream_generation_ = 0;  // a running stream stops when this moves on
-    std::size_t streamed_ = 0;
     std::unique_ptr<WebSocketServer> server_;
     std::unique_ptr<Scheduler> scheduler_;
 };
