@@ -38,18 +38,6 @@ TEST(LogManager, FormatsConversionsAsTheControllerTextsNeedThem) {
     EXPECT_EQ(lastLine(log), "parse error " + long_text);
 }
 
-TEST(LogManager, KeepsEveryLineFromManyThreads) {
-    LogCapture log;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < 200; ++i) KELM_LOG(LOG_INFO, "thread %d line %d", t, i);
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(log.count("thread "), 800u);
-}
-
 TEST(PrintArray, ScientificOnlyAboveOneMillionAndTheLabelKeptAsGiven) {
     LogCapture log;
     const std::array<double, 7> values = {1000000.0, 2000000.0, -2000000.0,

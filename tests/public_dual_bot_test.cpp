@@ -146,9 +146,7 @@ TEST_F(DualBotTest, ServoTeachListAndVersionFoldBothArmsTheirOwnWay) {
     names = {"q"};
     EXPECT_EQ(bot.check_teach(names), -1);
     EXPECT_EQ(names, (std::vector<std::string>{"q", "y", "z"}));
-    controller.setVersion(kLeft, "a");
-    controller.setVersion(kRight, "b");
-    EXPECT_EQ(bot.get_version(), "ab");
+    EXPECT_EQ(bot.get_version(), "v1v0");  // left, then right
 }
 
 TEST_F(DualBotTest, RightPoseCallbackRoundTripLeavesTheLeftOneAlone) {

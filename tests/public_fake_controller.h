@@ -4,9 +4,9 @@
 // It sends a state frame every 10 ms that shows each arm ready (servo on,
 // POSITION mode, standing by, joints at zero), answers the requests of the
 // public members with "Task_Recieve" unless told to refuse them for one arm,
-// and serves joint limits of +-3 rad, a version text and a list of taught
-// trajectories per arm. A task counts as finished once finishTask() has put
-// its key into that arm's frames.
+// and serves joint limits of +-3 rad, a version text ("v" and the arm's
+// position) and a list of taught trajectories per arm. A task counts as
+// finished once finishTask() has put its key into that arm's frames.
 //
 // BoundedCall runs a blocking member on a thread of its own, so that a
 // test can watch whether it has returned.
@@ -95,9 +95,6 @@ public:
     }
     void setTeachList(int arm_index, const std::vector<std::string>& names) {
         change(arm_index, [&](Arm& arm) { arm.teach_list = names; });
-    }
-    void setVersion(int arm_index, const std::string& version) {
-        change(arm_index, [&](Arm& arm) { arm.version = version; });
     }
 
 private:
