@@ -218,27 +218,6 @@ TEST_F(SimModelTest, PauseHoldsRecoverResumesStopEnds) {
     EXPECT_LT(model.telemetry(0).joints[0], 2.0);
 }
 
-TEST_F(SimModelTest, ErrorAbortsTasksUntilResetAndAWarningStopsNothing) {
-    makeReady();
-    const Json::Value move = jointMove({1.0, 0, 0, 0, -1.57, 0}, 10.0);
-    ASSERT_EQ(recv(move), kRecvTaken);
-    model.raiseError(0, 13, "task failed");
-    model.step(kDt);
-    EXPECT_EQ(model.telemetry(0).motion_state, -1);
-    EXPECT_EQ(model.telemetry(0).mode, ArmMode::Error);
-    EXPECT_EQ(model.telemetry(0).last_task_key, move["task_key"].asString());
-    EXPECT_EQ(recv(jointMove(kHome)), kRecvRefused);
-    ASSERT_EQ(recv(request("setControllerErrorReset")), kRecvTaken);
-    model.step(kDt);
-    EXPECT_EQ(model.telemetry(0).motion_state, 0);
-    EXPECT_EQ(model.telemetry(0).mode, ArmMode::Position);
-    EXPECT_EQ(recv(jointMove({0.5, 0, 0, 0, -1.57, 0})), kRecvTaken);
-    model.raiseError(0, kWarningCode, "mind the cable");
-    model.step(kDt);
-    EXPECT_EQ(model.telemetry(0).motion_state, 1);
-    EXPECT_EQ(model.telemetry(0).error_code, kWarningCode);
-}
-
 TEST_F(SimModelTest, ModesFollowTheirRequests) {
     makeReady();
     const struct {

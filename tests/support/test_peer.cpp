@@ -183,11 +183,6 @@ std::vector<Json::Value> TestPeer::receivedCommands(const std::string& command) 
     return matching;
 }
 
-std::size_t TestPeer::receivedCount() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return received_.size();
-}
-
 void TestPeer::clearReceived() {
     std::lock_guard<std::mutex> lock(mutex_);
     received_.clear();
@@ -214,11 +209,6 @@ void TestPeer::replyTo(const std::string& command, const Json::Value& members, M
 void TestPeer::replyWith(const std::string& command, Responder responder, Milliseconds delay) {
     std::lock_guard<std::mutex> lock(mutex_);
     rules_[command] = Rule{std::move(responder), delay};
-}
-
-void TestPeer::neverReply(const std::string& command) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    rules_[command] = Rule{};
 }
 
 void TestPeer::replyToAll(const Json::Value& members, Milliseconds delay) {
@@ -259,7 +249,7 @@ void TestPeer::onText(WebSocketServer::ConnectionId connection, const std::strin
 
 void TestPeer::answer(WebSocketServer::ConnectionId connection, const Json::Value& request) {
     const auto rule = ruleFor(request["command"].asString());
-    if (!rule || !rule->responder) return;
+    if (!rule) return;
     const Json::Value members = rule->responder(request);
     if (members.isNull()) return;
     const std::string reply = toJsonText(replyFor(request, members));

@@ -108,7 +108,6 @@ public:
     std::vector<ReceivedMessage> received() const;
     // Every received request with this `command`, in arrival order.
     std::vector<Json::Value> receivedCommands(const std::string& command) const;
-    std::size_t receivedCount() const;
     void clearReceived();
 
     // ---- answering requests ----
@@ -121,8 +120,6 @@ public:
     void replyTo(const std::string& command, const Json::Value& members, Milliseconds delay = Milliseconds(0));
     // Answers every `command` request with replyFor(request, responder(request)).
     void replyWith(const std::string& command, Responder responder, Milliseconds delay = Milliseconds(0));
-    // Requests with this `command` get no answer, even with a default rule.
-    void neverReply(const std::string& command);
     // Answers requests that have no rule of their own.
     void replyToAll(const Json::Value& members, Milliseconds delay = Milliseconds(0));
     // The least time between a request and its reply (kMinimumReplyDelay at first).
@@ -139,7 +136,7 @@ public:
 private:
     class Scheduler;
     struct Rule {
-        Responder responder;  // empty: never answer
+        Responder responder;
         Milliseconds delay{0};
     };
 
