@@ -32,8 +32,10 @@ public:
 
     // Ordinary reals, edges and specials alike.
     double real() {
-        static const double specials[] = {0.0, -0.0, 1.0, 0.1, 1e300, -1e-300, 5e-324, 1e16, 123456789.0, kInfinity,
-                                          -kInfinity, std::numeric_limits<double>::quiet_NaN(), 0.08, -1.0};
+        static const double specials[] = {0.0,         -0.0,      1.0,        0.1,
+                                          1e300,       -1e-300,   5e-324,     1e16,
+                                          123456789.0, kInfinity, -kInfinity, std::numeric_limits<double>::quiet_NaN(),
+                                          0.08,        -1.0};
         switch (pick(4)) {
             case 0: return specials[pick(static_cast<int>(std::size(specials)))];
             case 1: return std::uniform_real_distribution<double>(-4.0, 4.0)(random_);
@@ -109,7 +111,8 @@ TEST(StreamTextTest, TrackingAndRedundancyTauMatchTheTreeWriter) {
             body["command"] = "trajectoryTrackingTasks";
             body["task_id"] = "TASK_TRACKING";
             body["data"]["way_point"] = Json::Value(Json::arrayValue);
-            for (const Json::Value& value : sent_body["data"]["way_point"]) body["data"]["way_point"].append(value.asDouble());
+            for (const Json::Value& value : sent_body["data"]["way_point"])
+                body["data"]["way_point"].append(value.asDouble());
             if (gripper >= 0.0) body["data"]["grp_point"] = std::min(gripper, 0.08);
             body["point_type"]["space"] = is_joint ? 0 : 1;
             body["arm_index"] = kernel.status.arm_index;
@@ -119,7 +122,8 @@ TEST(StreamTextTest, TrackingAndRedundancyTauMatchTheTreeWriter) {
             if (is_joint) {
                 for (int j = 0; j < dof; ++j) {
                     const double lower = kernel.config.limit_lower[j];
-                    const double expected = lower > target[j] ? lower : std::min(kernel.config.limit_upper[j], target[j]);
+                    const double expected =
+                        lower > target[j] ? lower : std::min(kernel.config.limit_upper[j], target[j]);
                     ASSERT_EQ(sent_body["data"]["way_point"][j].asDouble(), expected) << "round " << round;
                 }
             }

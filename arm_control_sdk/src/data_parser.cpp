@@ -190,7 +190,8 @@ private:
         const int code = Document::asInt(error);
         if (code == 0) return;
         // Level-triggered: every frame that still carries the error fires again.
-        if (Document::asInt(Document::find(root, keys::root::error_arm_index)) != status_field::load(kernel_.status.arm_index)) {
+        if (Document::asInt(Document::find(root, keys::root::error_arm_index)) !=
+            status_field::load(kernel_.status.arm_index)) {
             return;
         }
         registry::callEach(kernel_.registry_mutex_, kernel_.error_catch_callbacks, code,
@@ -218,7 +219,8 @@ private:
                 kernel_.status.arm_name = kernel_.arm_name_scratch_;
             }
         }
-        if (const Found dof = Document::find(arm, keys::arm::arm_dof)) status_field::store(kernel_.status.dof, Document::asInt(dof));
+        if (const Found dof = Document::find(arm, keys::arm::arm_dof))
+            status_field::store(kernel_.status.dof, Document::asInt(dof));
         if (const Found axises = Document::find(arm, keys::arm::axises)) fireAxisCallbacks(axises);
         if (const Found gripper = Document::find(arm, keys::arm::gripper)) readGripper(*gripper);
 
@@ -267,12 +269,14 @@ private:
         const auto mode_callbacks = registry::copyEntries(registry_mutex, kernel_.fsm_mode_changed_callbacks);
         const auto servo_callbacks = registry::copyEntries(registry_mutex, kernel_.servo_status_changed_callbacks);
         const auto code_callbacks = registry::copyEntries(registry_mutex, kernel_.motor_code_changed_callbacks);
-        const auto run_state_callbacks = registry::copyEntries(registry_mutex, kernel_.motor_run_state_changed_callbacks);
+        const auto run_state_callbacks =
+            registry::copyEntries(registry_mutex, kernel_.motor_run_state_changed_callbacks);
         Document::forEach(axises, [&](const Found& axis) {
             const Found index_value = Document::find(*axis, keys::axis::index);
             if (!index_value) return;
             const int index = Document::asInt(index_value);
-            if (const Found mode = Document::find(*axis, keys::axis::mode)) callEntries(mode_callbacks, index, Document::asInt(mode));
+            if (const Found mode = Document::find(*axis, keys::axis::mode))
+                callEntries(mode_callbacks, index, Document::asInt(mode));
             // Unlike the arm-level servo flag, the axis servo is an integer.
             if (const Found servo = Document::find(*axis, keys::axis::servo)) {
                 callEntries(servo_callbacks, index, Document::asInt(servo) != 0);
@@ -289,9 +293,12 @@ private:
 
     void readGripper(const Value& gripper) {
         KelmKernelImpl::EndEffector& end_effector = kernel_.end_effector;
-        if (const Found pos = Document::find(gripper, keys::gripper::pos)) end_effector.pos = Document::template as<double>(pos);
-        if (const Found vel = Document::find(gripper, keys::gripper::vel)) end_effector.vel = Document::template as<double>(vel);
-        if (const Found tau = Document::find(gripper, keys::gripper::tau)) end_effector.tau = Document::template as<double>(tau);
+        if (const Found pos = Document::find(gripper, keys::gripper::pos))
+            end_effector.pos = Document::template as<double>(pos);
+        if (const Found vel = Document::find(gripper, keys::gripper::vel))
+            end_effector.vel = Document::template as<double>(vel);
+        if (const Found tau = Document::find(gripper, keys::gripper::tau))
+            end_effector.tau = Document::template as<double>(tau);
         if (const Found state = Document::find(gripper, keys::gripper::state)) {
             end_effector.state = static_cast<int8_t>(Document::asInt(state));  // low byte kept
         }
@@ -314,9 +321,8 @@ private:
     static void readNumbers(const Found& values, std::vector<double>& out) {
         out.resize(Document::size(values));
         size_t i = 0;
-        Document::forEach(values, [&](const Found& value) {
-            out[i++] = static_cast<double>(Document::template as<Element>(value));
-        });
+        Document::forEach(
+            values, [&](const Found& value) { out[i++] = static_cast<double>(Document::template as<Element>(value)); });
     }
 
     // Seven values at float precision; missing ones read 0.
@@ -345,7 +351,8 @@ private:
 
     void readTask(const Value& task) {
         if (const Found flag = Document::find(task, keys::task::exe_flag)) kernel_.exe_flag = Document::asBool(flag);
-        if (const Found last = Document::find(task, keys::task::last_task_key)) Document::assignText(last, kernel_.last_task_key);
+        if (const Found last = Document::find(task, keys::task::last_task_key))
+            Document::assignText(last, kernel_.last_task_key);
         if (const Found executing = Document::find(task, keys::task::exe_task_key)) {
             Document::assignText(executing, kernel_.exe_task_key);
         }
@@ -390,7 +397,8 @@ void KelmKernelImpl::fireFrameDataCallbacks() {
     // them here without the lock.
     registry::callEach(registry_mutex_, get_joint_callbacks, time_stamp, joint_pos, joint_vel, joint_tau);
     registry::callEach(registry_mutex_, get_pose_callbacks, time_stamp, cart_pose);
-    registry::callEach(registry_mutex_, get_plan_joint_callbacks, time_stamp, plan_joint_pos, plan_joint_vel, plan_joint_tau);
+    registry::callEach(registry_mutex_, get_plan_joint_callbacks, time_stamp, plan_joint_pos, plan_joint_vel,
+                       plan_joint_tau);
     registry::callEach(registry_mutex_, get_tele_master_data_callbacks, time_stamp, joint_pos, end_effector.pos);
 }
 

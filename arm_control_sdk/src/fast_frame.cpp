@@ -50,39 +50,53 @@ struct Field {
 };
 
 constexpr Field kRootFields[] = {
-    {keys::root::command, Kind::Text},     {keys::root::task_key, Kind::Reply},
-    {keys::root::count, Kind::Count},      {keys::root::debug, Kind::Boolean},
-    {keys::root::unix_time_stamp, Kind::Stamp}, {keys::root::error, Kind::Integer},
-    {keys::root::error_arm_index, Kind::Integer}, {keys::root::err_msg, Kind::Text},
+    {keys::root::command, Kind::Text},
+    {keys::root::task_key, Kind::Reply},
+    {keys::root::count, Kind::Count},
+    {keys::root::debug, Kind::Boolean},
+    {keys::root::unix_time_stamp, Kind::Stamp},
+    {keys::root::error, Kind::Integer},
+    {keys::root::error_arm_index, Kind::Integer},
+    {keys::root::err_msg, Kind::Text},
     {keys::root::arm, Kind::Arms},
 };
 constexpr Field kArmFields[] = {
-    {keys::arm::arm_index, Kind::Integer},   {keys::arm::arm_name, Kind::Text},
-    {keys::arm::arm_dof, Kind::Integer},     {keys::arm::axises, Kind::Axes},
-    {keys::arm::gripper, Kind::Gripper},     {keys::arm::reality, Kind::JointBlock},
-    {keys::arm::plan, Kind::JointBlock},     {keys::arm::cart_external_force, Kind::Numbers},
-    {keys::arm::joint_external_tau, Kind::Numbers}, {keys::arm::pose, Kind::Numbers},
-    {keys::arm::pose_tool, Kind::Numbers},   {keys::arm::pose_user, Kind::Numbers},
-    {keys::arm::pose_aut, Kind::Numbers},    {keys::arm::servo, Kind::Boolean},
-    {keys::arm::motion_state, Kind::Integer}, {keys::arm::fsm_state, Kind::Text},
-    {keys::arm::vel_per, Kind::Number},      {keys::arm::tool, Kind::Integer},
-    {keys::arm::user, Kind::Integer},        {keys::arm::task, Kind::Task},
+    {keys::arm::arm_index, Kind::Integer},
+    {keys::arm::arm_name, Kind::Text},
+    {keys::arm::arm_dof, Kind::Integer},
+    {keys::arm::axises, Kind::Axes},
+    {keys::arm::gripper, Kind::Gripper},
+    {keys::arm::reality, Kind::JointBlock},
+    {keys::arm::plan, Kind::JointBlock},
+    {keys::arm::cart_external_force, Kind::Numbers},
+    {keys::arm::joint_external_tau, Kind::Numbers},
+    {keys::arm::pose, Kind::Numbers},
+    {keys::arm::pose_tool, Kind::Numbers},
+    {keys::arm::pose_user, Kind::Numbers},
+    {keys::arm::pose_aut, Kind::Numbers},
+    {keys::arm::servo, Kind::Boolean},
+    {keys::arm::motion_state, Kind::Integer},
+    {keys::arm::fsm_state, Kind::Text},
+    {keys::arm::vel_per, Kind::Number},
+    {keys::arm::tool, Kind::Integer},
+    {keys::arm::user, Kind::Integer},
+    {keys::arm::task, Kind::Task},
 };
 constexpr Field kAxisFields[] = {
     {keys::axis::index, Kind::Integer}, {keys::axis::mode, Kind::Integer}, {keys::axis::servo, Kind::Integer},
     {keys::axis::code, Kind::Integer},  {keys::axis::msg, Kind::Text},     {keys::axis::run_state, Kind::Integer},
 };
 constexpr Field kGripperFields[] = {
-    {keys::gripper::pos, Kind::Number},     {keys::gripper::vel, Kind::Number},
-    {keys::gripper::tau, Kind::Number},     {keys::gripper::state, Kind::Integer},
+    {keys::gripper::pos, Kind::Number},         {keys::gripper::vel, Kind::Number},
+    {keys::gripper::tau, Kind::Number},         {keys::gripper::state, Kind::Integer},
     {keys::gripper::is_connect, Kind::Boolean},
 };
-constexpr Field kJointBlockFields[] = {
-    {keys::joint_block::pose, Kind::Numbers}, {keys::joint_block::vel, Kind::Numbers},
-    {keys::joint_block::torque, Kind::Numbers}};
-constexpr Field kTaskFields[] = {
-    {keys::task::exe_flag, Kind::Boolean}, {keys::task::last_task_key, Kind::Text},
-    {keys::task::exe_task_key, Kind::Text}};
+constexpr Field kJointBlockFields[] = {{keys::joint_block::pose, Kind::Numbers},
+                                       {keys::joint_block::vel, Kind::Numbers},
+                                       {keys::joint_block::torque, Kind::Numbers}};
+constexpr Field kTaskFields[] = {{keys::task::exe_flag, Kind::Boolean},
+                                 {keys::task::last_task_key, Kind::Text},
+                                 {keys::task::exe_task_key, Kind::Text}};
 
 bool isInteger(const element& value) {
     if (value.type() != element_type::INT64) return false;

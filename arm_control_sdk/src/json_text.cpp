@@ -71,7 +71,8 @@ JsonText& JsonText::real(double value) {
         text_ += value < 0 ? "-1e+9999" : "1e+9999";
     } else {
         char digits[32];
-        const auto written = std::to_chars(digits, digits + sizeof digits, value, std::chars_format::general, kRealDigits);
+        const auto written =
+            std::to_chars(digits, digits + sizeof digits, value, std::chars_format::general, kRealDigits);
         const std::string_view number(digits, static_cast<size_t>(written.ptr - digits));
         text_ += number;
         // A real keeps a decimal point or an exponent, so that it reads back as one.

@@ -99,7 +99,8 @@ int KelmKernelImpl::tracking(const std::vector<double>& target, bool is_joint, c
             return -1;
         }
     } else if (target.size() != motion_checks::kPoseSize) {
-        KELM_LOG(LOG_ERROR, "move_tracking: 输入目标位姿维度不正确, 姿态默认四元数描述(xyzw), 输入维度: %d, 合理维度: 7",
+        KELM_LOG(LOG_ERROR,
+                 "move_tracking: 输入目标位姿维度不正确, 姿态默认四元数描述(xyzw), 输入维度: %d, 合理维度: 7",
                  static_cast<int>(target.size()));
         return -1;
     }
@@ -118,7 +119,11 @@ int KelmKernelImpl::tracking(const std::vector<double>& target, bool is_joint, c
         appendNormalisedPose(target, body);
     }
     body.endArray().endObject();
-    body.member(kPointTypeKey).beginObject().member(kSpaceKey).integer(is_joint ? kJointSpace : kCartesianSpace).endObject();
+    body.member(kPointTypeKey)
+        .beginObject()
+        .member(kSpaceKey)
+        .integer(is_joint ? kJointSpace : kCartesianSpace)
+        .endObject();
     body.member(kTaskIdKey).string(kTrackingTaskId);
     return publishStreamText(*this, body);
 }

@@ -34,9 +34,8 @@ public:
         });
         watch(fast_, fast_trace_);
         watch(reference_, reference_trace_);
-        fast_.register_update_robot_state_callback("trace", [this](std::string text) {
-            fast_trace_.push_back("state text " + std::to_string(text.size()));
-        });
+        fast_.register_update_robot_state_callback(
+            "trace", [this](std::string text) { fast_trace_.push_back("state text " + std::to_string(text.size())); });
         reference_.register_update_robot_state_callback("trace", [this](std::string text) {
             reference_trace_.push_back("state text " + std::to_string(text.size()));
         });
@@ -116,29 +115,28 @@ private:
             t.push_back("error " + std::to_string(code) + " " + msg);
             if (code % 3 == 0) throw std::runtime_error("error callback threw");
         });
-        k.register_get_joint_callback("trace", [&t](double s, V p, V v, V q) {
-            t.push_back("joint " + bits(s) + bits(p) + bits(v) + bits(q));
-        });
+        k.register_get_joint_callback(
+            "trace", [&t](double s, V p, V v, V q) { t.push_back("joint " + bits(s) + bits(p) + bits(v) + bits(q)); });
         k.register_get_pose_callback("trace", [&t](double s, Pose p) { t.push_back("pose " + bits(s) + bits(p)); });
-        k.register_get_plan_joint_callback("trace", [&t](double s, V p, V v, V q) {
-            t.push_back("plan " + bits(s) + bits(p) + bits(v) + bits(q));
-        });
+        k.register_get_plan_joint_callback(
+            "trace", [&t](double s, V p, V v, V q) { t.push_back("plan " + bits(s) + bits(p) + bits(v) + bits(q)); });
         k.register_get_tele_master_data_callback("trace", [&t](double s, V p, double g) {
             t.push_back("master " + bits(s) + bits(p) + bits(g));
             if (g == 0.5) throw std::runtime_error("master callback threw");
         });
-        k.register_get_tele_slave_data_callback("trace", [&t](double s, V p, double g) {
-            t.push_back("slave " + bits(s) + bits(p) + bits(g));
-        });
-        k.register_get_external_force_callback("trace", [&t](double s, V tau, V force) {
-            t.push_back("force " + bits(s) + bits(tau) + bits(force));
-        });
-        k.register_fsm_mode_changed_callback("trace", [&t](int i, int v) { t.push_back("mode " + std::to_string(i) + " " + std::to_string(v)); });
-        k.register_servo_status_changed_callback("trace", [&t](int i, bool v) { t.push_back("servo " + std::to_string(i) + " " + std::to_string(v)); });
+        k.register_get_tele_slave_data_callback(
+            "trace", [&t](double s, V p, double g) { t.push_back("slave " + bits(s) + bits(p) + bits(g)); });
+        k.register_get_external_force_callback(
+            "trace", [&t](double s, V tau, V force) { t.push_back("force " + bits(s) + bits(tau) + bits(force)); });
+        k.register_fsm_mode_changed_callback(
+            "trace", [&t](int i, int v) { t.push_back("mode " + std::to_string(i) + " " + std::to_string(v)); });
+        k.register_servo_status_changed_callback(
+            "trace", [&t](int i, bool v) { t.push_back("servo " + std::to_string(i) + " " + std::to_string(v)); });
         k.register_motor_code_changed_callback("trace", [&t](int i, int c, const std::string& m) {
             t.push_back("code " + std::to_string(i) + " " + std::to_string(c) + " " + m);
         });
-        k.register_motor_run_state_changed_callback("trace", [&t](int i, int v) { t.push_back("run " + std::to_string(i) + " " + std::to_string(v)); });
+        k.register_motor_run_state_changed_callback(
+            "trace", [&t](int i, int v) { t.push_back("run " + std::to_string(i) + " " + std::to_string(v)); });
         k.register_state_changed_callback("trace", [&t](int v) { t.push_back("changed " + std::to_string(v)); });
     }
 
@@ -147,7 +145,8 @@ private:
         for (size_t i = 0; i < n; ++i) {
             const std::string fast = i < fast_trace_.size() ? fast_trace_[i] : "(nothing)";
             const std::string reference = i < reference_trace_.size() ? reference_trace_[i] : "(nothing)";
-            if (fast != reference) return "event " + std::to_string(i) + "\n  onReceive: " + fast + "\n  jsoncpp:   " + reference;
+            if (fast != reference)
+                return "event " + std::to_string(i) + "\n  onReceive: " + fast + "\n  jsoncpp:   " + reference;
         }
         return std::string();
     }
