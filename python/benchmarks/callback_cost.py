@@ -8,6 +8,9 @@ process's CPU time (all threads, time.process_time) per frame in four runs:
 no Python code per frame (only the C++ frame capture that counts frames),
 an empty Python joint callback, a joint callback that reads its arrays, and
 the leader-follower relay (tracking to a kernel on the second simulator).
+Then the same four without the network: one captured frame handed to the
+kernel's parseRecieveData --calls times on this thread, which gives the cost
+of each callback without the noise of the streams.
 """
 import argparse
 import os
@@ -41,6 +44,7 @@ def main():
     parser.add_argument("--sim", required=True)
     parser.add_argument("--rate", type=float, default=1000)
     parser.add_argument("--seconds", type=float, default=5)
+    parser.add_argument("--calls", type=int, default=20000)
     args = parser.parse_args()
     kelm.set_log_level(2)  # no log lines: the frame gaps of a loaded machine would flood the output
     sims = [start_sim(args.sim, args.rate) for _ in range(2)]
@@ -73,6 +77,29 @@ def main():
         base = results[0][3]
         for label, frames, rate, cpu in results:
             print(f"  {label:38s} {frames:7d} frames {rate:7.1f}/s  {cpu:7.1f} us/frame  (+{cpu - base:6.1f})")
+
+        # The same callbacks with no network: one real frame handed to the
+        # kernel's frame entry again and again on this thread.
+        frame = []
+        master.register_update_robot_state_callback("grab", lambda text: frame.append(text) if not frame else None)
+        time.sleep(0.2)
+        master.release_update_robot_state_callback("grab")
+        master.disconnect_kelm()
+        print(f"one frame ({len(frame[0])} bytes) through parseRecieveData, {args.calls} calls each; CPU per call")
+        offline = []
+        for label, setup in runs:
+            if setup:
+                setup(label)
+            for _ in range(200):
+                master.parseRecieveData(frame[0])
+            cpu0 = time.process_time()
+            for _ in range(args.calls):
+                master.parseRecieveData(frame[0])
+            offline.append((label, (time.process_time() - cpu0) * 1e6 / args.calls))
+            master.release_get_joint_callback("cb")
+            master.release_get_tele_master_data_callback("cb")
+        for label, cpu in offline:
+            print(f"  {label:38s} {cpu:7.1f} us/frame  (+{cpu - offline[0][1]:6.1f})")
         master.close()
         slave.close()
     finally:
