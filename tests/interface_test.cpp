@@ -76,7 +76,8 @@ static_assert(std::is_enum_v<LogLevel>);
 KELM_GLOBAL(&getLogInstance, LogManager* (*)());
 KELM_OPERATION(LogManager, log, void(const char*, int, LogLevel, const char*, ...));
 KELM_OPERATION(LogManager, reset, void());
-KELM_OPERATION(LogManager, printArray<Pose>, void(const char*, int, LogLevel, const char*, const Pose&, int, const char*));
+KELM_OPERATION(LogManager, printArray<Pose>,
+               void(const char*, int, LogLevel, const char*, const Pose&, int, const char*));
 static_assert(std::is_default_constructible_v<log_time::TimerUnit>);
 KELM_GLOBAL(&log_time::getTimeStamp, std::string (*)(int));
 KELM_GLOBAL(&log_time::timer_start, void (*)(log_time::TimerUnit&));
@@ -84,7 +85,8 @@ KELM_GLOBAL(&log_time::timer_end, void (*)(log_time::TimerUnit&));
 
 // ---- tables ----
 
-static_assert(std::is_signed_v<std::underlying_type_t<FsmMode>> && std::is_signed_v<std::underlying_type_t<KelmState>> &&
+static_assert(std::is_signed_v<std::underlying_type_t<FsmMode>> &&
+              std::is_signed_v<std::underlying_type_t<KelmState>> &&
               std::is_signed_v<std::underlying_type_t<KelmErrorCode>> && std::is_enum_v<LogColor>);
 KELM_GLOBAL(fsm_mode_str_map, std::map<FsmMode, std::string>);
 KELM_GLOBAL(str_map_fsm_mode, std::map<std::string, FsmMode>);
@@ -159,10 +161,9 @@ KELM_OPERATION(KelmCommManager, deregister_subscription, void(std::string));
 KELM_OPERATION(KelmCommManager, clear_subscription, void());
 
 // A named callback map of the connection: register, release by name, release all.
-#define KELM_COMM_MAP(kind, ...)                                                                          \
-    KELM_OPERATION(KelmCommManager, register_##kind##_callback,                                          \
-                   int(const std::string&, std::function<__VA_ARGS__>));                                  \
-    KELM_OPERATION(KelmCommManager, release_##kind##_callback, int(const std::string&));                  \
+#define KELM_COMM_MAP(kind, ...)                                                                                      \
+    KELM_OPERATION(KelmCommManager, register_##kind##_callback, int(const std::string&, std::function<__VA_ARGS__>)); \
+    KELM_OPERATION(KelmCommManager, release_##kind##_callback, int(const std::string&));                              \
     KELM_OPERATION(KelmCommManager, release_##kind##_callback, int())
 KELM_COMM_MAP(task_completion, void(std::string));
 KELM_COMM_MAP(update_robot_state, void(std::string));
@@ -215,10 +216,9 @@ KELM_MEMBER(KelmKernelImpl, reserved_text, std::string);
 
 // A registry with its register operation and its release of everything; the
 // `_BY_NAME` form adds the release of one name.
-#define KELM_REGISTRY(kind, ...)                                                                      \
-    KELM_MEMBER(KelmKernelImpl, kind##_callbacks, Registry<__VA_ARGS__>);                             \
-    KELM_OPERATION(KelmKernelImpl, register_##kind##_callback,                                       \
-                   int(const std::string&, std::function<__VA_ARGS__>));                              \
+#define KELM_REGISTRY(kind, ...)                                                                                     \
+    KELM_MEMBER(KelmKernelImpl, kind##_callbacks, Registry<__VA_ARGS__>);                                            \
+    KELM_OPERATION(KelmKernelImpl, register_##kind##_callback, int(const std::string&, std::function<__VA_ARGS__>)); \
     KELM_OPERATION(KelmKernelImpl, release_##kind##_callback, int())
 #define KELM_REGISTRY_BY_NAME(kind, ...) \
     KELM_REGISTRY(kind, __VA_ARGS__);    \
@@ -337,7 +337,7 @@ static_assert(std::is_constructible_v<KelmSingleCol, const std::string&, int, do
 static_assert(std::is_constructible_v<KelmDualBot, const std::string&, int, double, int, int>);
 
 // A member that both classes have, with one name and signature.
-#define KELM_BOTH_CLASSES(name, ...)                   \
+#define KELM_BOTH_CLASSES(name, ...)                  \
     KELM_OPERATION(KelmSingleCol, name, __VA_ARGS__); \
     KELM_OPERATION(KelmDualBot, name, __VA_ARGS__)
 KELM_BOTH_CLASSES(connect, int(const std::string&, int, double));
@@ -359,7 +359,7 @@ KELM_BOTH_CLASSES(register_completion_cbk, void(const std::string&, CompletionFn
 KELM_BOTH_CLASSES(release_completion_cbk, int(const std::string&));
 
 // A one-arm member of KelmSingleCol with its left and right twins in KelmDualBot.
-#define KELM_ONE_ARM(single, left, right, ...)         \
+#define KELM_ONE_ARM(single, left, right, ...)          \
     KELM_OPERATION(KelmSingleCol, single, __VA_ARGS__); \
     KELM_OPERATION(KelmDualBot, left, __VA_ARGS__);     \
     KELM_OPERATION(KelmDualBot, right, __VA_ARGS__)
