@@ -12,6 +12,7 @@
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,61 +24,17 @@ namespace {
 constexpr int kMutationsPerSeed = 1500;
 constexpr std::uint32_t kSeed = 20261122;
 
-const char* const kLiterals[] = {
-    "0",
-    "-0",
-    "-1",
-    "2147483647",
-    "2147483648",
-    "-2147483648",
-    "-2147483649",
-    "4294967296",
-    "9223372036854775807",
-    "9223372036854775808",
-    "-9223372036854775808",
-    "-9223372036854775809",
-    "18446744073709551615",
-    "18446744073709551616",
-    "123456789012345678901",
-    "1e2",
-    "1E2",
-    "1.0",
-    "-0.0",
-    "0.1",
-    "3.4028234663852886e38",
-    "3.4028235677973366e38",
-    "3.5e38",
-    "-3.5e38",
-    "1.401298464324817e-45",
-    "7e-46",
-    "1.7976931348623157e308",
-    "1.7976931348623159e308",
-    "1e400",
-    "5e-324",
-    "2.2250738585072011e-308",
-    "1.00000000000000011102230246251565404236316680908203125",
-    "\"\"",
-    "\"12\"",
-    "\" 42\"",
-    "\"-1\"",
-    "\"1e3\"",
-    "\"nan\"",
-    "\"18446744073709551616\"",
-    "\"1700000000.5\"",
-    "\"\\u00e9\\n\\\"\\\\ \\/\"",
-    "\"\\ud83d\\ude00\"",
-    "\"\\u0000x\"",
-    "\"POSITION\"",
-    "\"webSendRobotState\"",
-    "true",
-    "false",
-    "null",
-    "[]",
-    "{}",
-    "[1,2]",
-    "{\"a\":1}",
-    "[0.5,1,-2,3e1,4,5,6,7]",
-};
+// Literal JSON values put in place of a value, separated by "|".
+constexpr char kLiterals[] =
+    "0|-0|-1|2147483647|2147483648|-2147483648|-2147483649|4294967296|9223372036854775807|"
+    "9223372036854775808|-9223372036854775808|-9223372036854775809|18446744073709551615|"
+    "18446744073709551616|123456789012345678901|1e2|1E2|1.0|-0.0|0.1|3.4028234663852886e38|"
+    "3.4028235677973366e38|3.5e38|-3.5e38|1.401298464324817e-45|7e-46|1.7976931348623157e308|"
+    "1.7976931348623159e308|1e400|5e-324|2.2250738585072011e-308|"
+    "1.00000000000000011102230246251565404236316680908203125|\"\"|\"12\"|\" 42\"|\"-1\"|\"1e3\"|"
+    "\"nan\"|\"18446744073709551616\"|\"1700000000.5\"|\"\\u00e9\\n\\\"\\\\ \\/\"|"
+    "\"\\ud83d\\ude00\"|\"\\u0000x\"|\"POSITION\"|\"webSendRobotState\"|true|false|null|[]|{}|[1,2]|"
+    "{\"a\":1}|[0.5,1,-2,3e1,4,5,6,7]";
 const char* const kTextEdits[] = {"//c\n", "/*c*/", " x", "\xef\xbb\xbf", "\xff", "\n\t ", ",", "}", "\0"};
 
 std::vector<std::string> readSeeds() {
@@ -90,6 +47,15 @@ std::vector<std::string> readSeeds() {
 }
 
 // Makes mutated copies of a real frame, reproducibly from one generator.
+std::vector<std::string> split(const std::string& text, char separator) {
+    std::vector<std::string> parts;
+    std::stringstream stream(text);
+    for (std::string part; std::getline(stream, part, separator);) parts.push_back(part);
+    return parts;
+}
+
+const std::vector<std::string> kLiteralList = split(kLiterals, '|');
+
 class Mutator {
 public:
     explicit Mutator(std::uint32_t seed) : random_(seed) {}
@@ -135,7 +101,7 @@ private:
             case 0:
             case 1: {  // another type or an edge value, as literal text
                 *value = "@" + std::to_string(literals_.size()) + "@";
-                literals_.emplace_back(kLiterals[pick(static_cast<int>(std::size(kLiterals)))]);
+                literals_.push_back(kLiteralList[static_cast<size_t>(pick(static_cast<int>(kLiteralList.size())))]);
                 break;
             }
             case 2:  // drop it
