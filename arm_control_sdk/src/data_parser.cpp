@@ -19,6 +19,7 @@
 #include "frame_keys.h"
 #include "kelm_kernel.h"
 #include "log_manager.h"
+#include "protocol.h"
 #include "status_field.h"
 #if KELM_FRAME_FAST_PATH
 #include "fast_frame_document.h"
@@ -28,7 +29,6 @@ namespace kelm {
 
 namespace {
 
-constexpr char kStateCommand[] = "webSendRobotState";
 namespace keys = frame_keys;
 
 // Parses text up to its first zero byte; a failed parse gives a null value.
@@ -143,7 +143,7 @@ public:
     // `command` read as text equals "webSendRobotState".
     static bool isStateFrame(const Value& root) {
         const Found command = Document::find(root, keys::root::command);
-        return command && Document::textIs(*command, kStateCommand);
+        return command && Document::textIs(*command, protocol::kStateFrameCommand);
     }
 
     void takeOver(const Value& root) {

@@ -13,13 +13,13 @@
 #include "kelm_kernel.h"
 #include "log_manager.h"
 #include "motion_checks.h"
+#include "protocol.h"
 #include "status_field.h"
 
 namespace kelm {
 
 namespace {
 
-constexpr double kGripperMaxPos = 0.08;
 constexpr double kMinQuaternionNorm = 1e-6;
 constexpr int kJointSpace = 0;
 constexpr int kCartesianSpace = 1;
@@ -36,9 +36,6 @@ constexpr char kArmIndexKey[] = "arm_index";
 constexpr char kIsMasterKey[] = "is_master";
 constexpr char kRedundancyTauKey[] = "redundancy_tau";
 constexpr char kEndEffectorTauKey[] = "eeff_tau";
-constexpr char kTrackingCommand[] = "trajectoryTrackingTasks";
-constexpr char kTrackingTaskId[] = "TASK_TRACKING";
-constexpr char kRedundancyTauCommand[] = "setRedundancyTau";
 
 // The receive thread's body under construction, reused message by message.
 JsonText& streamBody() {
@@ -108,10 +105,10 @@ int KelmKernelImpl::tracking(const std::vector<double>& target, bool is_joint, c
     JsonText& body = streamBody();
     body.beginRoot();
     body.member(kArmIndexKey).integer(status_field::load(status.arm_index));
-    body.member(kCommandKey).string(kTrackingCommand);
+    body.member(kCommandKey).string(protocol::kTrackingCommand);
     body.member(kDataKey).beginObject();
     // A negative (or NaN) gripper position means the frame has none.
-    if (gripper >= 0.0) body.member(kGripperPointKey).real(std::min(gripper, kGripperMaxPos));
+    if (gripper >= 0.0) body.member(kGripperPointKey).real(std::min(gripper, protocol::kGripperMaxPos));
     body.member(kWayPointKey).beginArray();
     if (is_joint) {
         appendClampedJoints(target, config, body);
@@ -124,7 +121,7 @@ int KelmKernelImpl::tracking(const std::vector<double>& target, bool is_joint, c
         .member(kSpaceKey)
         .integer(is_joint ? kJointSpace : kCartesianSpace)
         .endObject();
-    body.member(kTaskIdKey).string(kTrackingTaskId);
+    body.member(kTaskIdKey).string(protocol::kTrackingTaskId);
     return publishStreamText(*this, body);
 }
 
@@ -145,7 +142,7 @@ int KelmKernelImpl::set_redundancy_tau(const std::vector<double>& redundancy_tau
     JsonText& body = streamBody();
     body.beginRoot();
     body.member(kArmIndexKey).integer(status_field::load(status.arm_index));
-    body.member(kCommandKey).string(kRedundancyTauCommand);
+    body.member(kCommandKey).string(protocol::kRedundancyTauCommand);
     body.member(kEndEffectorTauKey).real(eeff_tau);
     body.member(kIsMasterKey).boolean(true);
     body.member(kRedundancyTauKey).beginArray();
