@@ -124,8 +124,9 @@ TEST(FaultHostile, EveryInputLeavesTheConnectionGoingOrDropsItCleanly) {
             if (*hostile.log != '\0') {
                 EXPECT_TRUE(log.waitFor(hostile.log));
             }
-            std::printf("%-32s %s, peak memory grew by %ld kB\n", hostile.name,
-                        hostile.outcome == Outcome::Dropped ? "dropped" : "goes on", peakKilobytes() - peak_before);
+            std::printf("%-32s %s, peak memory grew by %ld kB to %ld kB\n", hostile.name,
+                        hostile.outcome == Outcome::Dropped ? "dropped" : "goes on", peakKilobytes() - peak_before,
+                        peakKilobytes());
         }
         EXPECT_LE(losses->load(), 1);
     }

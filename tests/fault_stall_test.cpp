@@ -35,7 +35,8 @@ const std::string kRunningLine = "程序运行中... 按 Ctrl+C 退出";
 double millis(Clock::duration duration) { return std::chrono::duration<double, std::milli>(duration).count(); }
 
 // When each master frame left, keyed by its first two joint positions (the
-// tool relays them unchanged, so a target names the frame it came from).
+// kernel keeps them as floats and the tool relays them unchanged, so a
+// target names the frame it came from).
 class MasterFrames {
 public:
     void add(const std::vector<double>& joints, Clock::time_point sent) {
@@ -51,11 +52,12 @@ public:
     }
 
 private:
-    static std::pair<double, double> key(const std::vector<double>& joints) {
-        return {joints.size() > 0 ? joints[0] : 0.0, joints.size() > 1 ? joints[1] : 0.0};
+    static std::pair<float, float> key(const std::vector<double>& joints) {
+        return {joints.size() > 0 ? static_cast<float>(joints[0]) : 0.0f,
+                joints.size() > 1 ? static_cast<float>(joints[1]) : 0.0f};
     }
     mutable std::mutex mutex_;
-    std::map<std::pair<double, double>, Clock::time_point> sent_;
+    std::map<std::pair<float, float>, Clock::time_point> sent_;
 };
 
 struct Target {
@@ -142,7 +144,15 @@ TEST_F(FaultStall, SlaveThatStopsReadingGetsNoStaleBurstAndTheMasterStays) {
     const auto exit_code = tool.waitForExit(30s);
     ASSERT_TRUE(exit_code) << tool.stdoutText();
     EXPECT_EQ(*exit_code, 0);
-    std::printf("tool output during the run:\n%s\n", tool.stdoutText().c_str());
+    // What the operator sees: the console, and the error lines of the log.
+    std::printf("tool console:\n%s", tool.stdoutText().c_str());
+    std::istringstream log(tool.stderrText() + tool.stdoutText());
+    std::map<std::string, int> errors;
+    for (std::string line; std::getline(log, line);) {
+        const auto tid = line.find("[error] ") == std::string::npos ? std::string::npos : line.find("[tid ");
+        if (tid != std::string::npos) ++errors[line.substr(line.find("] ", tid) + 2, 48)];
+    }
+    for (const auto& [text, count] : errors) std::printf("log, %d times: %s\n", count, text.c_str());
 }
 
 }  // namespace

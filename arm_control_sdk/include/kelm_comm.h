@@ -17,6 +17,10 @@
 // and call the copies without it. A program that reads or changes a map
 // directly does so unsynchronised with the receive thread, and must make sure
 // itself that no message is being delivered meanwhile.
+//
+// A manager owned by std::shared_ptr may lose its last owner inside one of
+// its own callbacks: it then goes only when the delivery of that message or
+// connection change is over, still on the receive thread.
 #pragma once
 
 #include <json/json.h>
@@ -34,7 +38,7 @@
 
 namespace kelm {
 
-class KelmCommManager : public iRecieveListener {
+class KelmCommManager : public iRecieveListener, public std::enable_shared_from_this<KelmCommManager> {
 public:
     // Kinds of transport; only the WebSocket is ever made.
     enum ComMode { COM_NONE = 0, COM_TCP = 0, COM_WEBSOCKET = 1 };

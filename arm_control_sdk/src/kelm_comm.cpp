@@ -153,10 +153,14 @@ void KelmCommManager::setRecvRate(double rate) {
 }
 
 void KelmCommManager::connectChanged(bool connected) {
+    const auto keep_alive = weak_from_this().lock();  // see onReceive
     registry::callEachSet(registry_mutex_, connect_changed_callbacks, connected);
 }
 
 void KelmCommManager::onReceive(const std::string& message) {
+    // A callback may drop the last owner of this manager: it is destroyed
+    // when this reference goes, after the walks over its maps have ended.
+    const auto keep_alive = weak_from_this().lock();
 #if KELM_FRAME_FAST_PATH
     // A message the fast reader maps with certainty is no reply: its tasks
     // are broadcast and it goes to the state callbacks without a tree.
@@ -204,6 +208,9 @@ bool KelmCommManager::cmd_publish(const Json::Value& request, std::string& task_
     if (!isStreamingRequest(command, task_id)) {
         KELM_LOG(LOG_INFO, "task [%s]--- %s", message["command"].asCString(), message["task_key"].asCString());
     }
+    // A streamed target is dropped rather than queued behind a controller
+    // that stops reading: the next one makes it stale.
+    if (isStreamingRequest(command, task_id)) return comm_client->sendLatest(message) == 1;
     return comm_client->sendRequest(message) == 1;
 }
 
