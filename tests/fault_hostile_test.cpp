@@ -132,6 +132,18 @@ TEST(FaultHostile, EveryInputLeavesTheConnectionGoingOrDropsItCleanly) {
     }
 }
 
+TEST(FaultHostile, ConfigurationReplyWithAnAbsurdJointCountIsNotBelieved) {
+    LogCapture log;
+    TestPeer peer;
+    Json::Value params = jsonObject({{"dof", 1000000000}});
+    peer.replyTo("getJointParams", jsonObject({{"recv", "Task_Recieve"}, {"params", params}}));
+    KelmKernelImpl kernel(peer.host(), peer.port(), 1.0, 0);
+    const long peak_before = peakKilobytes();
+    EXPECT_EQ(kernel.get_config().dof, 0);
+    EXPECT_TRUE(log.contains("more than any arm has", LOG_ERROR));
+    std::printf("getJointParams with dof 10^9: peak memory grew by %ld kB\n", peakKilobytes() - peak_before);
+}
+
 }  // namespace
 }  // namespace test
 }  // namespace kelm

@@ -19,6 +19,9 @@ namespace {
 
 constexpr unsigned kHighestControlMode = 4;
 constexpr int kStopStepCount = 5;
+// More joints than any arm has: a reply that claims them is not believed
+// (six columns of that length could take gigabytes).
+constexpr int kMostJoints = 64;
 
 Json::Value commandBody(const char* command) {
     Json::Value body(Json::objectValue);
@@ -168,6 +171,10 @@ ArmConfig KelmKernelImpl::get_config() {
     const int dof = params["dof"].asInt();
     if (dof < 0) {
         KELM_LOG(LOG_ERROR, "get config: negative dof %d, taken as 0", dof);
+        return result;
+    }
+    if (dof > kMostJoints) {
+        KELM_LOG(LOG_ERROR, "get config: dof %d is more than any arm has (%d), taken as 0", dof, kMostJoints);
         return result;
     }
     result.dof = dof;
