@@ -97,6 +97,12 @@ protected:
         slave->start();
     }
 
+    // The controllers go first: their observers use the members below.
+    void TearDown() override {
+        master.reset();
+        slave.reset();
+    }
+
     std::vector<Target> targetsBetween(Clock::time_point from, Clock::time_point to) {
         std::lock_guard<std::mutex> lock(targets_mutex);
         std::vector<Target> found;

@@ -88,6 +88,11 @@ TEST(TransportCorner, ReconnectFromACallbackKeepsOneDeliveringThread) {
     TestPeer peer;
     Endpoint endpoint(peer);
     Recorder<int> results;
+    std::atomic<bool> reconnect_on_loss{false};
+    endpoint.client.connect_callback = [&](bool up) {
+        endpoint.events.add(up);
+        if (!up && reconnect_on_loss) results.add(endpoint.connect());
+    };
     endpoint.listener.hook = [&](const std::string& message) {
         if (message != "reconnect") return;
         results.add(endpoint.connect());
@@ -107,18 +112,14 @@ TEST(TransportCorner, ReconnectFromACallbackKeepsOneDeliveringThread) {
     EXPECT_TRUE(endpoint.client.isConnected());
 
     // The loss callback may reconnect as well, on the same thread.
-    endpoint.client.connect_callback = [&](bool up) {
-        endpoint.events.add(up);
-        if (!up) results.add(endpoint.connect());
-    };
+    reconnect_on_loss = true;
     peer.dropConnections();
     ASSERT_TRUE(endpoint.events.waitFor({true, false, true, false, true}));
     ASSERT_TRUE(peer.waitForConnections(1));
     peer.sendText("after the loss");
     ASSERT_TRUE(endpoint.listener.messages.waitForCount(3));
     EXPECT_EQ(endpoint.listener.threadCount(), 1u);
-    endpoint.client.disConnect();
-    endpoint.client.connect_callback = [&](bool up) { endpoint.events.add(up); };
+    reconnect_on_loss = false;
 }
 
 TEST(TransportCorner, TwoConnectionsWhoseCallbacksDisconnectEachOtherBothEnd) {

@@ -44,13 +44,14 @@ JsonText& streamBody() {
 }
 
 // Stamps a fresh task key on `body`, whose members all sort before that key,
-// and sends it as cmd_publish sends a streaming request: without a log line.
+// and sends it as cmd_publish sends a streaming request: without a log line,
+// and dropped rather than queued behind a controller that stops reading.
 // 1 if it went out.
 int publishStreamText(KelmCommManager& connection, JsonText& body) {
     if (!connection.comm_client) return -1;
     body.member(kTaskKeyKey).string(log_time::getTimeStamp(0));
     body.endObject();
-    return connection.comm_client->sendText(body.text()) == 1 ? 1 : -1;
+    return connection.comm_client->sendLatestText(body.text()) == 1 ? 1 : -1;
 }
 
 // The joint target pulled into [lower, upper] joint by joint.

@@ -296,13 +296,16 @@ int CommunicationClient::sendText(const std::string& text) {
 }
 
 int CommunicationClient::sendLatest(const Json::Value& request) {
+    return sendLatestText(Json::writeString(writer_builder_, request));
+}
+
+int CommunicationClient::sendLatestText(const std::string& text) {
     std::shared_ptr<Connection> connection;
     {
         std::lock_guard<std::mutex> lock(state_mutex_);
         connection = connection_;
     }
     if (!connection || connection->stop_requested) return -1;
-    const std::string text = Json::writeString(writer_builder_, request);
     return connection->client->sendLatestText(text) ? 1 : -1;
 }
 

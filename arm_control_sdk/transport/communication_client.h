@@ -98,6 +98,8 @@ public:
     // streamed target): sent only when the controller keeps up with reading,
     // and never blocking the caller for long; -1 when it was dropped.
     int sendLatest(const Json::Value& request);
+    // As sendLatest() for a message already written as JSON text.
+    int sendLatestText(const std::string& text);
 
     // Told true when the connection comes up and false, once, when it goes down.
     std::function<void(bool)> connect_callback;
