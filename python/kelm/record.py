@@ -348,6 +348,9 @@ def main(argv=None):
     _kelm.set_log_level(_kelm.LOG_ERROR)
     teleop = None
     if args.teleop is not None:
+        if slave != ("127.0.0.1", 8090) or master[1] != 8090:
+            print("kelm.record: kelm_teleop drives MASTER:8090 and the slave at 127.0.0.1:8090; recording "
+                  f"{args.master} and {args.slave} all the same", file=sys.stderr)
         teleop = TeleopChild(find_teleop(args.teleop_path), args.teleop, master[0], sys.stderr)
         if not teleop.wait_running(90):
             code = teleop.stop()
@@ -363,11 +366,15 @@ def main(argv=None):
             teleop.stop()
         return 1
 
+    # Ctrl+C (or SIGTERM) ends the recording between two batches, so that
+    # no batch is cut in half in the file.
+    stop = threading.Event()
+    for signum in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(signum, lambda *_: stop.set())
     show = not args.quiet
-    interrupted = False
     try:
         last_line = 0.0
-        while True:
+        while not stop.is_set():
             time.sleep(0.1)
             recorder.poll()
             now = time.time()
@@ -380,8 +387,6 @@ def main(argv=None):
             if teleop and teleop.process.poll() is not None:
                 print("\nkelm.record: kelm_teleop ended", file=sys.stderr)
                 break
-    except KeyboardInterrupt:
-        interrupted = True
     finally:
         summary = recorder.progress()
         recorder.close()
@@ -389,7 +394,7 @@ def main(argv=None):
             teleop.stop()
     if show:
         sys.stderr.write("\r" + summary + "\n")
-    print(f"kelm.record: {'stopped, ' if interrupted else ''}episode written to {path}")
+    print(f"kelm.record: {'stopped, ' if stop.is_set() else ''}episode written to {path}")
     return 0
 
 

@@ -2,6 +2,10 @@
 
 import os
 import re
+import signal
+import subprocess
+import sys
+import time
 
 import h5py
 import numpy as np
@@ -33,7 +37,8 @@ def test_recorder_keeps_every_frame_and_lines_up_its_columns(start_sim, python, 
         dof = attrs["dof"]
         action, qpos = episode["action"][:], episode["observations/qpos"][:]
         assert action.shape == qpos.shape == episode["observations/qvel"].shape == (rows, dof + 1)
-        assert episode["timestamps"].shape == (rows, 2) and 900 < attrs["rate"] < 1100
+        assert episode["timestamps"].shape == (rows, 2)
+        assert 500 < attrs["recorded_rate"] <= attrs["rate"] * 1.01 < 1100  # a loaded machine slows the controllers
         # Columns: master joints and gripper; the slave frame received last before.
         assert np.array_equal(action[:, :dof], episode["master/qpos"][:])
         assert np.array_equal(action[:, dof], episode["master/gripper"][:, 0])
@@ -49,6 +54,19 @@ def test_recorder_keeps_every_frame_and_lines_up_its_columns(start_sim, python, 
     plot = python(["-m", "kelm.plot", str(path)])
     assert plot.returncode == 0, plot.stderr
     assert os.path.getsize(tmp_path / "episode.png") > 10000
+
+
+def test_recorder_ends_on_ctrl_c_with_a_whole_file(start_sim, tmp_path):
+    master, slave = start_sim(), start_sim()
+    path = tmp_path / "interrupted.hdf5"
+    recorder = subprocess.Popen([sys.executable, "-m", "kelm.record", "--master", master.address, "--slave",
+                                 slave.address, "-o", str(path), "--quiet"], stdout=subprocess.PIPE, text=True)
+    time.sleep(1.5)
+    recorder.send_signal(signal.SIGINT)
+    assert recorder.wait(20) == 0 and "stopped, episode written" in recorder.stdout.read()
+    with h5py.File(path, "r") as episode:
+        rows = len(episode["action"])
+        assert rows > 100 and all(len(episode[name]) == rows for name in ("timestamps", "observations/qpos"))
 
 
 def test_leader_follower_relays_every_frame(start_sim, python, examples_dir):
