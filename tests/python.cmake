@@ -12,4 +12,15 @@ if(TARGET kelm_python_module AND TARGET kelm_sim)
       ${CMAKE_CURRENT_LIST_DIR}/python/test_bindings.py
       ${CMAKE_CURRENT_LIST_DIR}/python/test_record_and_examples.py)
   set_tests_properties(python_kelm PROPERTIES TIMEOUT 180)
+  # kelm.record --teleop starts kelm_teleop, whose controllers are on port 8090.
+  if(TARGET kelm_teleop)
+    add_test(NAME python_kelm_record_teleop
+      COMMAND ${CMAKE_COMMAND} -E env
+        PYTHONPATH=${PROJECT_BINARY_DIR}/python
+        KELM_SIM=$<TARGET_FILE:kelm_sim>
+        KELM_TELEOP=$<TARGET_FILE:kelm_teleop>
+        PYTHONDONTWRITEBYTECODE=1
+        ${KELM_PYTHON_INTERPRETER} -m pytest -q -p no:cacheprovider ${CMAKE_CURRENT_LIST_DIR}/python/test_record_teleop.py)
+    set_tests_properties(python_kelm_record_teleop PROPERTIES TIMEOUT 180 RESOURCE_LOCK port8090)
+  endif()
 endif()
