@@ -1,7 +1,8 @@
 // A slave controller that stops reading during teleoperation: the built
 // kelm_teleop relays a master simulated at 1000 Hz (127.0.0.2:8090) to a
 // slave (127.0.0.1:8090) whose reading stalls for a while. The test prints
-// what reached the slave after each stall (how many targets, how stale) and
+// what reached the slave after each stall (how many targets, how long after
+// the tool sent them) and
 // checks what must hold whatever the timing: the tool and the master
 // connection survive. KELM_STALL_LONG=1 adds a 6 s stall.
 #include <gtest/gtest.h>
@@ -10,6 +11,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -32,33 +34,19 @@ using Clock = SimController::Clock;
 constexpr const char* kTeleopPath = KELM_TELEOP_PATH;
 const std::string kRunningLine = "程序运行中... 按 Ctrl+C 退出";
 
-double millis(Clock::duration duration) { return std::chrono::duration<double, std::milli>(duration).count(); }
+double millis(std::chrono::system_clock::duration duration) { return std::chrono::duration<double, std::milli>(duration).count(); }
 
-// When each master frame left, keyed by its first two joint positions (the
-// kernel keeps them as floats and the tool relays them unchanged, so a
-// target names the frame it came from).
-class MasterFrames {
-public:
-    void add(const std::vector<double>& joints, Clock::time_point sent) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        sent_.emplace(key(joints), sent);
-    }
-    bool find(const std::vector<double>& joints, Clock::time_point& sent) const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        const auto it = sent_.find(key(joints));
-        if (it == sent_.end()) return false;
-        sent = it->second;
-        return true;
-    }
-
-private:
-    static std::pair<float, float> key(const std::vector<double>& joints) {
-        return {joints.size() > 0 ? static_cast<float>(joints[0]) : 0.0f,
-                joints.size() > 1 ? static_cast<float>(joints[1]) : 0.0f};
-    }
-    mutable std::mutex mutex_;
-    std::map<std::pair<float, float>, Clock::time_point> sent_;
-};
+// When the tool sent a message, from its task key: the local time as
+// YYYYMMDDhhmmss, microseconds, "_" and a sequence number.
+bool sentAt(const std::string& task_key, std::chrono::system_clock::time_point& sent) {
+    if (task_key.size() < 20) return false;
+    std::tm fields{};
+    if (!strptime(task_key.substr(0, 14).c_str(), "%Y%m%d%H%M%S", &fields)) return false;
+    fields.tm_isdst = -1;
+    const std::time_t seconds = std::mktime(&fields);
+    sent = std::chrono::system_clock::from_time_t(seconds) + std::chrono::microseconds(std::stol(task_key.substr(14, 6)));
+    return true;
+}
 
 struct Target {
     Clock::time_point read;
@@ -79,19 +67,15 @@ protected:
     void SetUp() override {
         master = controller("127.0.0.2");
         slave = controller("127.0.0.1");
-        master->sent_frame_observers.set("frames", [this](std::uint64_t, Clock::time_point sent) {
-            frames.add(master->model().telemetry(0).joints, sent);
-        });
         slave->received_message_observers.set("targets", [this](const std::string& text, Clock::time_point read) {
             if (text.find("trajectoryTrackingTasks") == std::string::npos) return;
+            const auto now = std::chrono::system_clock::now();
             Json::Value message;
             std::istringstream(text) >> message;
-            std::vector<double> joints;
-            for (const auto& value : message["data"]["way_point"]) joints.push_back(value.asDouble());
-            Clock::time_point sent;
+            std::chrono::system_clock::time_point sent;
+            if (!sentAt(message["task_key"].asString(), sent)) return;
             std::lock_guard<std::mutex> lock(targets_mutex);
-            if (frames.find(joints, sent)) targets.push_back(Target{read, millis(read - sent)});
-            else ++unmatched;
+            targets.push_back(Target{read, millis(now - sent)});
         });
         master->start();
         slave->start();
@@ -99,8 +83,8 @@ protected:
 
     // The controllers go first: their observers use the members below.
     void TearDown() override {
-        master.reset();
-        slave.reset();
+        master->stop();
+        slave->stop();
     }
 
     std::vector<Target> targetsBetween(Clock::time_point from, Clock::time_point to) {
@@ -111,11 +95,9 @@ protected:
         return found;
     }
 
-    MasterFrames frames;
     std::unique_ptr<SimController> master, slave;
     std::mutex targets_mutex;
     std::vector<Target> targets;
-    int unmatched = 0;
 };
 
 TEST_F(FaultStall, SlaveThatStopsReadingGetsNoStaleBurstAndTheMasterStays) {
@@ -138,9 +120,12 @@ TEST_F(FaultStall, SlaveThatStopsReadingGetsNoStaleBurstAndTheMasterStays) {
             if (target.age_ms > 50.0) ++stale;
         }
         const auto first_second = targetsBetween(stall_end + 500ms, stall_end + 1500ms).size();
-        std::printf("stall %4lld ms: %zu targets read after it, %zu older than 50 ms, oldest %.0f ms; "
-                    "%zu targets in the second that follows; slave connections %zu, master connections %zu\n",
-                    static_cast<long long>(stall.count()), after.size(), stale, oldest, first_second,
+        double oldest_before = 0.0;
+        for (const auto& target : targetsBetween(begin - 1000ms, begin)) oldest_before = std::max(oldest_before, target.age_ms);
+        std::printf("stall %4lld ms: %zu targets read in the 1.5 s after it, %zu older than 50 ms, oldest %.0f ms "
+                    "(oldest in the second before the stall %.0f ms); %zu targets from 0.5 to 1.5 s after; "
+                    "slave connections %zu, master connections %zu\n",
+                    static_cast<long long>(stall.count()), after.size(), stale, oldest, oldest_before, first_second,
                     slave->stats().connections, master->stats().connections);
         EXPECT_EQ(master->stats().connections, 1u) << "the master connection was lost";
         if (slave->stats().connections == 0) break;  // the tool does not reconnect
