@@ -85,20 +85,22 @@ void HandleBase::joinAbandoned() {
     if (pending && pending->thread.joinable()) pending->thread.join();
 }
 
+bool HandleBase::waitDone(Pending& pending) {
+    while (true) {
+        {
+            py::gil_scoped_release release;
+            std::unique_lock<std::mutex> lock(pending.mutex);
+            if (pending.done_cv.wait_for(lock, std::chrono::milliseconds(kSignalPollMs), [&] { return pending.done; }))
+                return true;
+        }
+        if (PyErr_CheckSignals() != 0) return false;
+    }
+}
+
 void HandleBase::waitForAbandoned() {
     std::shared_ptr<Pending> pending = abandoned_;
     if (!pending) return;
-    while (true) {
-        bool done = false;
-        {
-            py::gil_scoped_release release;
-            std::unique_lock<std::mutex> lock(pending->mutex);
-            done = pending->done_cv.wait_for(lock, std::chrono::milliseconds(kSignalPollMs),
-                                             [&] { return pending->done; });
-        }
-        if (done) break;
-        if (PyErr_CheckSignals() != 0) throw py::error_already_set();
-    }
+    if (!waitDone(*pending)) throw py::error_already_set();
     py::gil_scoped_release release;
     joinAbandoned();
 }

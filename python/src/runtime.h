@@ -171,6 +171,9 @@ protected:
         std::condition_variable done_cv;
         bool done = false;
     };
+    // Waits for `pending` to be done, without the GIL, looking for Ctrl+C
+    // every 50 ms; false (with the Python error set) on Ctrl+C.
+    static bool waitDone(Pending& pending);
     std::shared_ptr<Pending> abandoned_;
     std::atomic<int> users_{0};
 };
@@ -195,19 +198,9 @@ R runInterruptible(HandleBase& handle, std::function<R()> work) {
         pending->done = true;
         pending->done_cv.notify_all();
     });
-    while (true) {
-        bool done = false;
-        {
-            py::gil_scoped_release release;
-            std::unique_lock<std::mutex> lock(pending->mutex);
-            done = pending->done_cv.wait_for(lock, std::chrono::milliseconds(kSignalPollMs),
-                                             [&] { return pending->done; });
-        }
-        if (done) break;
-        if (PyErr_CheckSignals() != 0) {
-            handle.abandoned_ = pending;
-            throw py::error_already_set();
-        }
+    if (!HandleBase::waitDone(*pending)) {
+        handle.abandoned_ = pending;
+        throw py::error_already_set();
     }
     {
         py::gil_scoped_release release;
