@@ -421,7 +421,10 @@ public:
 
 protected:
     // A kernel whose connection runs over the socket clients that `factory`
-    // makes (see KelmCommManager); otherwise as the public constructor.
+    // makes (see KelmCommManager); otherwise as the public constructor. A
+    // class derived from the kernel calls disconnect_kelm in its own
+    // destructor, before the kernel's runs, so that no message is delivered
+    // while the object is being taken apart.
     KelmKernelImpl(SocketClientFactory factory, const std::string& ip, int port, double timeout, int arm_index);
 
 private:

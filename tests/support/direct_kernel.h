@@ -22,6 +22,9 @@ public:
         : KelmKernelImpl([socket](const std::string&, unsigned short) { return socket; }, "127.0.0.1", kAnyPort,
                          kConnectTimeoutSeconds, arm_index),
           socket_(std::move(socket)) {}
+    // Ends the connection before the kernel's own destructor runs, so that no
+    // delivery is under way while the object's dynamic type changes.
+    ~DirectKernel() override { disconnect_kelm(); }
 
     LoopbackSocket& socket() { return *socket_; }
 
