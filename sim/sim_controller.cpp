@@ -92,6 +92,7 @@ void SimController::stop() {
 SimStats SimController::stats() const {
     SimStats stats;
     stats.frames_sent = frames_sent_.load();
+    stats.frames_skipped = frames_skipped_.load();
     stats.requests = requests_.load();
     stats.replies_sent = replies_sent_.load();
     stats.replies_dropped = replies_dropped_.load();
@@ -166,22 +167,28 @@ void SimController::reply(WebSocketServer::ConnectionId connection, const Json::
 
 // Sends now, or hands the text to the slowed network. Connection 0 is a
 // frame for everyone; an injected fault frame reaches even a slow client.
-void SimController::transmit(WebSocketServer::ConnectionId connection, const std::string& text, bool fault_frame) {
+// False when a frame was skipped for a client that reads too slowly.
+bool SimController::transmit(WebSocketServer::ConnectionId connection, const std::string& text, bool fault_frame) {
     if (faults_.networkDelayed()) {
         putOnWire(connection, text, fault_frame);
-        return;
+        return true;
     }
-    send(connection, text, fault_frame);
+    return send(connection, text, fault_frame);
 }
 
-void SimController::send(WebSocketServer::ConnectionId connection, const std::string& text, bool fault_frame) {
+bool SimController::send(WebSocketServer::ConnectionId connection, const std::string& text, bool fault_frame) {
     if (connection != 0) {
         if (server_.sendText(connection, text)) ++replies_sent_;
-    } else if (fault_frame) {
-        server_.broadcastText(text);
-    } else {
-        server_.broadcastLatest(text, kMaxFrameBacklogBytes);
+        return true;
     }
+    if (fault_frame) {
+        server_.broadcastText(text);
+        return true;
+    }
+    std::size_t skipped = 0;
+    server_.broadcastLatest(text, kMaxFrameBacklogBytes, &skipped);
+    frames_skipped_ += skipped;
+    return skipped == 0;
 }
 
 void SimController::putOnWire(WebSocketServer::ConnectionId connection, std::string text, bool fault_frame) {
@@ -254,10 +261,9 @@ void SimController::sendFrame(std::uint64_t frame_number) {
     // Taken before the send, so that it precedes anything a client does
     // in answer to the frame, even when this thread is preempted.
     const Clock::time_point sent = Clock::now();
-    if (malformed) transmit(0, text.substr(0, text.size() / 2), true);
-    else transmit(0, text);
+    const bool reached_all = malformed ? transmit(0, text.substr(0, text.size() / 2), true) : transmit(0, text);
     ++frames_sent_;
-    if (!sent_frame_observers.empty()) sent_frame_observers.callEach(count_, sent);
+    if (reached_all && !sent_frame_observers.empty()) sent_frame_observers.callEach(count_, sent);
 }
 
 void SimController::applyTimedFaults(double seconds_running) {

@@ -18,8 +18,9 @@
 // Observers, for latency measurement: received_message_observers are called
 // on the connection's thread with each received text and its steady-clock
 // receive time, before it is handled; sent_frame_observers on the frame
-// loop, right after the send, with each frame's count and the time the send
-// began. Both cost one look at an empty map when unused.
+// loop, right after the send, with the count of each frame that reached
+// every client (a frame skipped for a slow client is not told) and the time
+// the send began. Both cost one look at an empty map when unused.
 #pragma once
 
 #include <atomic>
@@ -47,6 +48,7 @@ namespace sim {
 // Counters since start(), for the console and tests.
 struct SimStats {
     std::uint64_t frames_sent = 0;
+    std::uint64_t frames_skipped = 0;     // frames not sent to a client that read too slowly, per client
     std::uint64_t requests = 0;
     std::uint64_t replies_sent = 0;
     std::uint64_t replies_dropped = 0;
@@ -107,8 +109,8 @@ private:
     void applyTimedFaults(double seconds_running);
     void senderLoop();
     void putOnWire(WebSocketServer::ConnectionId connection, std::string text, bool fault_frame);
-    void transmit(WebSocketServer::ConnectionId connection, const std::string& text, bool fault_frame = false);
-    void send(WebSocketServer::ConnectionId connection, const std::string& text, bool fault_frame);
+    bool transmit(WebSocketServer::ConnectionId connection, const std::string& text, bool fault_frame = false);
+    bool send(WebSocketServer::ConnectionId connection, const std::string& text, bool fault_frame);
 
     SimOptions options_;
     SimModel model_;
@@ -141,7 +143,7 @@ private:
     bool reply_thread_stop_ = false;
     std::thread reply_thread_;
 
-    std::atomic<std::uint64_t> frames_sent_{0}, requests_{0}, replies_sent_{0}, replies_dropped_{0};
+    std::atomic<std::uint64_t> frames_sent_{0}, frames_skipped_{0}, requests_{0}, replies_sent_{0}, replies_dropped_{0};
     std::atomic<std::uint64_t> bad_messages_{0}, late_frames_{0};
 };
 

@@ -434,10 +434,14 @@ std::size_t WebSocketServer::broadcastText(const std::string& text) {
     return reached;
 }
 
-std::size_t WebSocketServer::broadcastLatest(const std::string& text, std::size_t max_backlog_bytes) {
+std::size_t WebSocketServer::broadcastLatest(const std::string& text, std::size_t max_backlog_bytes,
+                                             std::size_t* skipped) {
     std::size_t reached = 0;
     for (const auto& connection : impl_->all()) {
-        if (connection->unsentBytes() > max_backlog_bytes) continue;
+        if (connection->unsentBytes() > max_backlog_bytes) {
+            if (skipped) ++*skipped;
+            continue;
+        }
         if (connection->sendFrame(text.data(), text.size(), WebSocket::FRAME_TEXT)) ++reached;
     }
     return reached;

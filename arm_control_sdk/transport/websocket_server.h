@@ -75,8 +75,9 @@ public:
     // open connection, except to one that still has more than
     // `max_backlog_bytes` unsent in its socket: a client that reads too
     // slowly misses messages instead of receiving ever older ones, and the
-    // sender never blocks on it. Returns how many it reached.
-    std::size_t broadcastLatest(const std::string& text, std::size_t max_backlog_bytes);
+    // sender never blocks on it. Returns how many it reached; `skipped`, if
+    // given, receives how many it passed over.
+    std::size_t broadcastLatest(const std::string& text, std::size_t max_backlog_bytes, std::size_t* skipped = nullptr);
     // Sends `text` as one message cut into frames of at most
     // `fragment_bytes` payload bytes (a text frame and continuation frames).
     bool sendFragmentedText(ConnectionId id, const std::string& text, std::size_t fragment_bytes);
