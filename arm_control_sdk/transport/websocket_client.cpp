@@ -188,7 +188,7 @@ bool WebSocketClient::sendLatestText(const std::string& text) {
 // Whether a streamed message may go out now; tells the log when the peer
 // falls behind and when it has caught up.
 bool WebSocketClient::peerKeepsUpLocked() {
-    const std::size_t unread = unreadByPeer(socket_->impl()->sockfd(), largest_peer_window_);
+    const std::size_t unread = unacknowledgedBytes(socket_->impl()->sockfd());
     if (unread <= kStreamBacklogBytes) {
         if (peer_behind_) {
             KELM_LOG(LOG_ERROR, "WebSocket %s: peer reads again, %lu streamed messages were dropped", endpoint().c_str(),

@@ -9,8 +9,8 @@
 //
 // Streamed targets (sendLatestText) never queue up behind a controller that
 // stops reading, and never block their sender: while more than
-// kStreamBacklogBytes sent to it are unread (as far as the peer's advertised
-// window and the unacknowledged bytes tell), they are dropped. What the
+// kStreamBacklogBytes sent to it are unacknowledged (its receive buffer is
+// full), they are dropped. What the
 // controller holds unread when it stops reading it still reads later; the
 // bound keeps that to a few kilobytes. A send that fails (a request that
 // could not go out within 5 s) ends the connection with a reset.
@@ -96,7 +96,6 @@ private:
     std::atomic<bool> ended_locally_{false};  // close()/abort() was asked for: no loss to log
     std::chrono::steady_clock::time_point last_heard_;  // receive thread only
     // The streamed-message gate, guarded by send_mutex_.
-    std::uint32_t largest_peer_window_ = 0;
     bool peer_behind_ = false;
     std::uint64_t dropped_streamed_ = 0;
 };
