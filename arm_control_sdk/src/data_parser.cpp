@@ -9,9 +9,6 @@
 // only supply lookups and conversions. Member lookups never insert, and the
 // cached vectors and strings are refilled in place so that a frame of
 // unchanged shape allocates nothing for them.
-#include <cstring>
-#include <iostream>
-#include <memory>
 #include <string>
 #include <string_view>
 
@@ -19,6 +16,7 @@
 #include "frame_keys.h"
 #include "kelm_kernel.h"
 #include "log_manager.h"
+#include "message_text.h"
 #include "protocol.h"
 #include "status_field.h"
 #if KELM_FRAME_FAST_PATH
@@ -30,19 +28,6 @@ namespace kelm {
 namespace {
 
 namespace keys = frame_keys;
-
-// Parses text up to its first zero byte; a failed parse gives a null value.
-Json::Value parseText(const std::string& text) {
-    thread_local std::unique_ptr<Json::CharReader> reader = [] {
-        Json::CharReaderBuilder builder;
-        builder["collectComments"] = false;
-        return std::unique_ptr<Json::CharReader>(builder.newCharReader());
-    }();
-    const char* begin = text.c_str();
-    Json::Value root;
-    if (!reader->parse(begin, begin + std::strlen(begin), &root, nullptr)) return Json::Value();
-    return root;
-}
 
 // A jsoncpp tree as a document for FrameReader. An absent value reads as
 // null; every conversion is jsoncpp's own, so a value of an unexpected type
@@ -375,7 +360,7 @@ void KelmKernelImpl::parseRecieveData(const std::string& msg) {
         Json::Value parsed;
         const Json::Value* root = treeOfDispatchedMessage(msg);
         if (root == nullptr) {
-            parsed = parseText(msg);
+            parsed = parseMessageText(msg);
             root = &parsed;
         }
         if (root->isNull()) {
@@ -388,7 +373,7 @@ void KelmKernelImpl::parseRecieveData(const std::string& msg) {
     } catch (const std::exception& e) {
         KELM_LOG(LOG_ERROR, "%s", e.what());
     } catch (...) {
-        std::cout << "execption: " << msg << std::endl;
+        reportUnknownException(msg);
     }
 }
 

@@ -2,14 +2,14 @@
 
 #include <unistd.h>
 
-#include <cstring>
-#include <iostream>
 #include <memory>
 #include <utility>
 
 #include "callback_registry.h"
 #include "fast_frame.h"
 #include "log_manager.h"
+#include "message_text.h"
+#include "protocol.h"
 #include "websocket_client.h"
 
 namespace kelm {
@@ -22,22 +22,8 @@ constexpr useconds_t kReplyPollUs = 100;
 
 // Streaming requests go out at the frame rate and write no log line.
 bool isStreamingRequest(const std::string& command, const std::string& task_id) {
-    return task_id == "TASK_TRACKING" || command == "setRedundancyTau" || command == "setEffectorCtr";
-}
-
-// Parses text up to its first zero byte; a failed parse gives a null value.
-// One reader per thread, reused for every message that thread parses.
-Json::Value parseMessage(const std::string& message) {
-    thread_local std::unique_ptr<Json::CharReader> reader = [] {
-        Json::CharReaderBuilder builder;
-        builder["collectComments"] = false;
-        return std::unique_ptr<Json::CharReader>(builder.newCharReader());
-    }();
-    const char* begin = message.c_str();
-    const char* end = begin + std::strlen(begin);
-    Json::Value value;
-    if (!reader->parse(begin, end, &value, nullptr)) return Json::Value();
-    return value;
+    return task_id == protocol::kTrackingTaskId || command == protocol::kRedundancyTauCommand ||
+           command == protocol::kEndEffectorCommand;
 }
 
 // The message that onReceive is dispatching on this thread, with its tree or
@@ -76,7 +62,7 @@ bool receiveGuarded(const std::string& message, Work work) {
     } catch (const std::exception& e) {
         KELM_LOG(LOG_ERROR, "%s", e.what());
     } catch (...) {
-        std::cout << "execption: " << message << std::endl;
+        reportUnknownException(message);
     }
     return false;
 }
@@ -269,7 +255,7 @@ bool KelmCommManager::cmd_recv(const std::string& message) {
 
 bool KelmCommManager::receiveMessage(const std::string& message, Json::Value& tree, bool& parsed) {
     return receiveGuarded(message, [&] {
-        tree = parseMessage(message);
+        tree = parseMessageText(message);
         parsed = true;
         const Json::Value& value = tree;  // read-only: operator[] must never insert members
         if (value.isNull()) {
