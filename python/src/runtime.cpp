@@ -41,7 +41,32 @@ void onInterpreterExit() {
     }
 }
 
+// The thread state a receive thread keeps from its first callback to its end.
+class ThreadState {
+public:
+    void keep() {
+        if (state_ != nullptr || PyGILState_GetThisThreadState() != nullptr) return;
+        // Registered as this thread's state, with a count of one that the
+        // GIL's takers and releasers never bring to zero.
+        state_ = PyThreadState_New(PyInterpreterState_Main());
+    }
+    ~ThreadState() {
+        if (state_ == nullptr || !pythonUsable()) return;  // at exit the interpreter clears it
+        PyEval_RestoreThread(state_);
+        PyThreadState_Clear(state_);
+        PyThreadState_DeleteCurrent();
+    }
+
+private:
+    PyThreadState* state_ = nullptr;
+};
+
 }  // namespace
+
+void keepThreadState() {
+    thread_local ThreadState state;
+    state.keep();
+}
 
 std::atomic<bool>& shuttingDown() {
     static std::atomic<bool> flag{false};

@@ -67,6 +67,13 @@ private:
     const void* previous_;
 };
 
+// ---- a Python thread state for each receive thread ----
+
+// Gives the calling thread a Python thread state that lasts as long as the
+// thread, so that taking the GIL for each frame's callback does not create
+// and delete one every time; the thread state goes when the thread ends.
+void keepThreadState();
+
 // ---- a Python callable held by C++ ----
 
 class PyCallback {
@@ -92,6 +99,7 @@ public:
             ~InFlight() { callbacksInFlight().fetch_sub(1); }
         } in_flight;
         if (!pythonUsable()) return;
+        keepThreadState();
         py::gil_scoped_acquire gil;
         if (shuttingDown().load()) return;
         CallbackScope scope(owner_);
