@@ -62,7 +62,9 @@ def test_every_class_serves_each_family(sim):
         result, joints = arm.inverse_kine(0, pose, start)
         assert result == 1 and np.allclose(joints, arm.get_joint_pos(), atol=1e-3)
         assert arm.track_joint(arm.get_joint_pos(), 0.01) == 1
-        assert arm.check_teach()[0] in (1, -1)
+        assert arm.trajectory_teach(True, "py") == 1 and arm.trajectory_teach(False, "py") == 1  # teaching
+        result, names = arm.check_teach()
+        assert result == 1 and "py" in names
     with kelm.KelmDualBot(sim.host, sim.port) as bot:
         assert bot.set_ready() == 1
         assert version and bot.get_version() == version + version
