@@ -54,6 +54,7 @@ bool WebSocketClient::open(double timeout_seconds) {
         Poco::Net::StreamSocket tcp;
         tcp.connect(Poco::Net::SocketAddress(host_, port_), toTimespan(deadline - std::chrono::steady_clock::now()));
         tcp.setNoDelay(true);
+        tcp.setSendBufferSize(kSendBufferBytes);
         // The handshake must finish within what is left of the time-out.
         tcp.setReceiveTimeout(toTimespan(deadline - std::chrono::steady_clock::now()));
         tcp.setSendTimeout(toTimespan(deadline - std::chrono::steady_clock::now()));

@@ -55,7 +55,11 @@ public:
     static constexpr std::size_t kMaxMessageBytes = 1024u * 1024u;
     static constexpr std::chrono::milliseconds kQuietBeforePing{1000};
     static constexpr std::chrono::milliseconds kSilenceLimit{3000};
-    static constexpr std::size_t kStreamBacklogBytes = 8 * 1024;
+    // A few hundred streamed targets: a controller that is briefly slow loses
+    // none, one that stops reading gets no more. The socket's send buffer is
+    // set well above it, so that a streamed send never waits for room.
+    static constexpr std::size_t kStreamBacklogBytes = 64 * 1024;
+    static constexpr int kSendBufferBytes = 256 * 1024;
 
     // An unconnected client for ws://host:port/. Nothing happens on the
     // network until open().
