@@ -128,6 +128,13 @@ protected:
     // while a callback runs.
     std::mutex registry_mutex_;
 
+    // Remembers who owns this manager, if a std::shared_ptr does, for
+    // onReceive and connectChanged; called by every register operation, on a
+    // thread that holds the manager after its construction (reading the
+    // shared owner from the receive thread could race with its first
+    // assignment while the constructor connects).
+    void noteOwner();
+
     // The parsed tree of `message` when it is the message that onReceive is
     // handing to the state callbacks on this thread right now, otherwise
     // null. Lets a state callback skip parsing the same text a second time.
@@ -135,6 +142,8 @@ protected:
 
 private:
     SocketClientFactory make_socket_client_;
+    std::weak_ptr<KelmCommManager> owner_;  // guarded by registry_mutex_
+    std::shared_ptr<KelmCommManager> keepAlive();
 
     // cmd_recv's work; `tree` receives the parsed message and `parsed` says
     // whether the parse itself completed.

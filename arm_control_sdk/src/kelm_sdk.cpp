@@ -76,6 +76,7 @@ int KelmKernelImpl::publishStream(const Json::Value& body) {
 // ---- registries ----
 
 int KelmKernelImpl::register_error_catch_callback(const std::string& name, ErrorCallback cb) {
+    noteOwner();
     registry::set(registry_mutex_, error_catch_callbacks, name, std::move(cb));
     return 0;
 }
@@ -91,6 +92,7 @@ int KelmKernelImpl::release_error_catch_callback() {
 }
 
 int KelmKernelImpl::register_get_joint_callback(const std::string& name, JointCallback cb) {
+    noteOwner();
     registry::set(registry_mutex_, get_joint_callbacks, name, std::move(cb));
     return 0;
 }
@@ -106,6 +108,7 @@ int KelmKernelImpl::release_get_joint_callback() {
 }
 
 int KelmKernelImpl::register_get_pose_callback(const std::string& name, PoseCallback cb) {
+    noteOwner();
     registry::set(registry_mutex_, get_pose_callbacks, name, std::move(cb));
     return 0;
 }
@@ -121,6 +124,7 @@ int KelmKernelImpl::release_get_pose_callback() {
 }
 
 int KelmKernelImpl::register_get_plan_joint_callback(const std::string& name, JointCallback cb) {
+    noteOwner();
     registry::set(registry_mutex_, get_plan_joint_callbacks, name, std::move(cb));
     return 0;
 }
@@ -136,6 +140,7 @@ int KelmKernelImpl::release_get_plan_joint_callback() {
 }
 
 int KelmKernelImpl::register_get_tele_master_data_callback(const std::string& name, TeleDataCallback cb) {
+    noteOwner();
     registry::set(registry_mutex_, get_tele_master_data_callbacks, name, std::move(cb));
     return 0;
 }
@@ -151,6 +156,7 @@ int KelmKernelImpl::release_get_tele_master_data_callback() {
 }
 
 int KelmKernelImpl::register_get_tele_slave_data_callback(const std::string& name, TeleDataCallback cb) {
+    noteOwner();
     registry::set(registry_mutex_, get_tele_slave_data_callbacks, name, std::move(cb));
     return 0;
 }
@@ -166,6 +172,7 @@ int KelmKernelImpl::release_get_tele_slave_data_callback() {
 }
 
 int KelmKernelImpl::register_get_external_force_callback(const std::string& name, ExternalForceCallback cb) {
+    noteOwner();
     registry::set(registry_mutex_, get_external_force_callbacks, name, std::move(cb));
     return 0;
 }
@@ -181,6 +188,7 @@ int KelmKernelImpl::release_get_external_force_callback() {
 }
 
 int KelmKernelImpl::register_fsm_mode_changed_callback(const std::string& name, AxisValueCallback cb) {
+    noteOwner();
     registry::set(registry_mutex_, fsm_mode_changed_callbacks, name, std::move(cb));
     return 0;
 }
@@ -191,6 +199,7 @@ int KelmKernelImpl::release_fsm_mode_changed_callback() {
 }
 
 int KelmKernelImpl::register_servo_status_changed_callback(const std::string& name, AxisServoCallback cb) {
+    noteOwner();
     registry::set(registry_mutex_, servo_status_changed_callbacks, name, std::move(cb));
     return 0;
 }
@@ -201,6 +210,7 @@ int KelmKernelImpl::release_servo_status_changed_callback() {
 }
 
 int KelmKernelImpl::register_motor_code_changed_callback(const std::string& name, AxisCodeCallback cb) {
+    noteOwner();
     registry::set(registry_mutex_, motor_code_changed_callbacks, name, std::move(cb));
     return 0;
 }
@@ -211,6 +221,7 @@ int KelmKernelImpl::release_motor_code_changed_callback() {
 }
 
 int KelmKernelImpl::register_motor_run_state_changed_callback(const std::string& name, AxisValueCallback cb) {
+    noteOwner();
     registry::set(registry_mutex_, motor_run_state_changed_callbacks, name, std::move(cb));
     return 0;
 }
@@ -221,6 +232,7 @@ int KelmKernelImpl::release_motor_run_state_changed_callback() {
 }
 
 int KelmKernelImpl::register_state_changed_callback(const std::string& name, StateCallback cb) {
+    noteOwner();
     registry::set(registry_mutex_, state_changed_callbacks, name, std::move(cb));
     return 0;
 }
