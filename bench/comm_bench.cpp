@@ -42,9 +42,8 @@ void reportLatencies(benchmark::State& state, std::vector<double>& samples_us) {
 
 void BM_CmdPublishTracking(benchmark::State& state) {
     std::atomic<std::size_t> received{0};
-    WebSocketServer sink("127.0.0.1", 0, {nullptr, [&](WebSocketServer::ConnectionId, const std::string&) {
-                                              ++received;
-                                          }, nullptr});
+    WebSocketServer sink("127.0.0.1", 0,
+                         {nullptr, [&](WebSocketServer::ConnectionId, const std::string&) { ++received; }, nullptr});
     sink.start();
     KelmCommManager manager;
     if (manager.connect_kelm("127.0.0.1", sink.port(), 1.0) != 1) {

@@ -92,12 +92,12 @@ long runToolPath(const std::string& frame, long frames, unsigned short slave_por
     makeReady(master, frame);
     makeReady(slave, frame);
     long published = 0;
-    master.register_get_tele_master_data_callback(
-        "slaveJointTracking", [&](double, std::vector<double> joint_pos, double gripper_pos) {
-            const double gripper = mapGripper(gripper_pos);
-            std::vector<double> target = std::move(joint_pos);
-            if (slave.tracking(target, true, gripper) == 1) ++published;
-        });
+    master.register_get_tele_master_data_callback("slaveJointTracking",
+                                                  [&](double, std::vector<double> joint_pos, double gripper_pos) {
+                                                      const double gripper = mapGripper(gripper_pos);
+                                                      std::vector<double> target = std::move(joint_pos);
+                                                      if (slave.tracking(target, true, gripper) == 1) ++published;
+                                                  });
     for (long i = 0; i < frames; ++i) master.onReceive(frame);
     return published;
 }

@@ -44,8 +44,9 @@ namespace {
 // A server that takes what it is sent and only counts it.
 class Sink {
 public:
-    Sink() : server_("127.0.0.1", 0, {nullptr, [this](WebSocketServer::ConnectionId, const std::string&) { ++received; },
-                                      nullptr}) {
+    Sink()
+        : server_("127.0.0.1", 0,
+                  {nullptr, [this](WebSocketServer::ConnectionId, const std::string&) { ++received; }, nullptr}) {
         server_.start();
     }
     unsigned short port() const { return server_.port(); }
@@ -145,9 +146,8 @@ void BM_FrameDrivesTracking(benchmark::State& state) {
     auto leader = readyKernel(sink);
     auto follower = readyKernel(sink);
     leader->register_get_tele_master_data_callback(
-        "follow", [&follower](double, std::vector<double> joints, double gripper) {
-            follower->tracking(joints, true, gripper);
-        });
+        "follow",
+        [&follower](double, std::vector<double> joints, double gripper) { follower->tracking(joints, true, gripper); });
     const std::string text = frameText(2);
     const std::size_t before = allocations_on_this_thread;
     for (auto _ : state) leader->onReceive(text);

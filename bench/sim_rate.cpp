@@ -107,8 +107,8 @@ Measurement measure(double rate, int arms) {
 }  // namespace
 
 int main() {
-    std::printf("%8s %5s %12s %12s %12s %14s %14s %14s\n", "rate Hz", "arms", "held Hz", "p99 gap ms",
-                "max gap ms", "loop CPU %", "process CPU %", "received Hz");
+    std::printf("%8s %5s %12s %12s %12s %14s %14s %14s\n", "rate Hz", "arms", "held Hz", "p99 gap ms", "max gap ms",
+                "loop CPU %", "process CPU %", "received Hz");
     for (double rate : {500.0, 1000.0, 2000.0}) {
         for (int arms : {1, 2}) {
             const Measurement m = measure(rate, arms);

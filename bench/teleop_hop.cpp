@@ -23,8 +23,8 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <map>
 #include <iterator>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <sstream>
@@ -217,8 +217,9 @@ int main(int argc, char** argv) {
     double error_mean = 0.0, error_max = 0.0;
     size_t error_frames = 0;
     recorder.trackingError(error_mean, error_max, error_frames);
-    std::printf("  slave tracking error (largest joint difference to the master's latest frame, %zu slave frames):"
-                " mean %.4f rad, max %.4f rad\n",
-                error_frames, error_mean, error_max);
+    std::printf(
+        "  slave tracking error (largest joint difference to the master's latest frame, %zu slave frames):"
+        " mean %.4f rad, max %.4f rad\n",
+        error_frames, error_mean, error_max);
     return 0;
 }

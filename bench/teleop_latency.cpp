@@ -62,11 +62,11 @@ const std::string kPython = "/usr/bin/python3";
 
 // Who relays master frames to the slave in a session.
 struct Relayer {
-    std::string label;               // "joint", "pose", "force", "raw", "parse-once", "python"
-    std::vector<std::string> args;   // of the child process
-    std::string program;             // the child's program; empty: the tool, or this program for a relay
+    std::string label;              // "joint", "pose", "force", "raw", "parse-once", "python"
+    std::vector<std::string> args;  // of the child process
+    std::string program;            // the child's program; empty: the tool, or this program for a relay
     bool is_tool = false;
-    bool matched_by_order = false;   // raw relay: no content to match by
+    bool matched_by_order = false;  // raw relay: no content to match by
     double gripper_divisor = kelm::bench::kJointGripperDivisor;
 };
 
@@ -175,7 +175,8 @@ std::vector<double> matchArrivals(const Relayer& relayer, std::int64_t first,
     std::vector<double> latencies;
     std::set<std::int64_t> seen;
     for (size_t k = 0; k < arrivals.size(); ++k) {
-        const std::int64_t index = relayer.matched_by_order ? static_cast<std::int64_t>(k) : arrivals[k].sequence - first;
+        const std::int64_t index =
+            relayer.matched_by_order ? static_cast<std::int64_t>(k) : arrivals[k].sequence - first;
         if (index < 0 || index >= static_cast<std::int64_t>(sent.size()) || !seen.insert(index).second) continue;
         latencies.push_back(
             std::chrono::duration<double, std::micro>(arrivals[k].at - sent[static_cast<size_t>(index)]).count());
@@ -226,7 +227,8 @@ private:
         const double cpu_before = cpuMicroseconds(pid);
         const std::int64_t first = next_sequence_;
         std::thread slave_stream;
-        if (options_.slave_stream) slave_stream = std::thread([&] { slave.streamFrames(first, rate, options_.seconds); });
+        if (options_.slave_stream)
+            slave_stream = std::thread([&] { slave.streamFrames(first, rate, options_.seconds); });
         const std::vector<Clock::time_point> sent = master.streamFrames(first, rate, options_.seconds);
         if (slave_stream.joinable()) slave_stream.join();
         std::this_thread::sleep_for(kDrainTime);
@@ -256,9 +258,10 @@ private:
 };
 
 void printResult(const RunResult& r) {
-    std::printf("%-10s %6.0f %8zu %8zu %8zu %9.0f %9.0f %9.0f %9.0f %10.1f", r.label.c_str(), r.rate, r.sent,
-                r.relayed, r.missing, r.median_us, r.p99_us, r.p999_us, r.max_us, r.cpu_us_per_frame);
-    if (r.label == "force") std::printf("   torque msgs to master %llu", static_cast<unsigned long long>(r.torque_messages));
+    std::printf("%-10s %6.0f %8zu %8zu %8zu %9.0f %9.0f %9.0f %9.0f %10.1f", r.label.c_str(), r.rate, r.sent, r.relayed,
+                r.missing, r.median_us, r.p99_us, r.p999_us, r.max_us, r.cpu_us_per_frame);
+    if (r.label == "force")
+        std::printf("   torque msgs to master %llu", static_cast<unsigned long long>(r.torque_messages));
     std::printf("\n");
     std::fflush(stdout);
 }
@@ -281,7 +284,8 @@ void printComparison(const std::vector<RunResult>& results, const Options& optio
         const RunResult* python = find(results, "python", rate);
         std::printf("%6.0f %11.2f %9.2f %9.2f %18.2f %14.2f\n", rate, tool->median_us / raw->median_us,
                     tool->p99_us / raw->p99_us, tool->cpu_us_per_frame / raw->cpu_us_per_frame,
-                    parse ? tool->median_us / parse->median_us : 0.0, python ? tool->median_us / python->median_us : 0.0);
+                    parse ? tool->median_us / parse->median_us : 0.0,
+                    python ? tool->median_us / python->median_us : 0.0);
     }
 
     std::printf("\ngoals\n");
@@ -296,8 +300,9 @@ void printComparison(const std::vector<RunResult>& results, const Options& optio
     const std::pair<const char*, double> sustained[] = {{"joint", 5000}, {"force", 3000}};
     for (const auto& [mode, rate] : sustained) {
         if (const RunResult* r = find(results, mode, rate)) {
-            std::printf("  %s %.0f Hz over %.0f s: missing %zu, p99 %.0f us (goal: nothing missing, p99 < 2000 for 10 s)\n",
-                        mode, rate, options.seconds, r->missing, r->p99_us);
+            std::printf(
+                "  %s %.0f Hz over %.0f s: missing %zu, p99 %.0f us (goal: nothing missing, p99 < 2000 for 10 s)\n",
+                mode, rate, options.seconds, r->missing, r->p99_us);
         }
     }
 }
@@ -309,7 +314,11 @@ std::vector<Relayer> relayers(const Options& options) {
     for (const auto& mode : options.modes) {
         const auto entry = modes.find(mode);
         if (entry == modes.end()) continue;
-        all.push_back(Relayer{mode, {"--mode", entry->second.first, "--ip", kelm::bench::kMasterHost}, "", true, false,
+        all.push_back(Relayer{mode,
+                              {"--mode", entry->second.first, "--ip", kelm::bench::kMasterHost},
+                              "",
+                              true,
+                              false,
                               entry->second.second});
     }
     if (options.baselines) {
@@ -332,15 +341,17 @@ int main(int argc, char** argv) {
                   << std::endl;
         return 1;
     }
-    std::printf("frame path of the tool: %s\n\n", KELM_FRAME_FAST_PATH_BUILT
-                                                      ? "simdjson fast path, jsoncpp for the rest (KELM_FRAME_FAST_PATH=ON)"
-                                                      : "jsoncpp only (KELM_FRAME_FAST_PATH=OFF)");
+    std::printf("frame path of the tool: %s\n\n",
+                KELM_FRAME_FAST_PATH_BUILT ? "simdjson fast path, jsoncpp for the rest (KELM_FRAME_FAST_PATH=ON)"
+                                           : "jsoncpp only (KELM_FRAME_FAST_PATH=OFF)");
     std::printf("%-10s %6s %8s %8s %8s %9s %9s %9s %9s %10s\n", "relay", "rate", "sent", "relayed", "missing",
                 "median_us", "p99_us", "p99.9_us", "max_us", "cpu_us/fr");
     std::vector<RunResult> results;
     for (const Relayer& relayer : relayers(*options)) {
         Session session(*options, relayer);
-        const std::string program = !relayer.program.empty() ? relayer.program : relayer.is_tool ? options->tool : selfPath();
+        const std::string program = !relayer.program.empty() ? relayer.program
+                                    : relayer.is_tool        ? options->tool
+                                                             : selfPath();
         for (const RunResult& result : session.run(program)) {
             printResult(result);
             results.push_back(result);

@@ -20,9 +20,7 @@ constexpr char kTrackingCommand[] = "trajectoryTrackingTasks";
 constexpr char kRedundancyTauCommand[] = "setRedundancyTau";
 constexpr char kGripperKey[] = "\"grp_point\":";
 
-double unixTime() {
-    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
-}
+double unixTime() { return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count(); }
 
 bool parseJson(const std::string& text, Json::Value& root) {
     thread_local std::unique_ptr<Json::CharReader> reader = [] {
@@ -43,9 +41,9 @@ std::string compact(const Json::Value& value) {
 
 BenchController::BenchController(const std::string& host, unsigned short port)
     : model_(1, 6, sim::OperatorSettings{}, sim::WallSettings{}),
-      server_(host, port,
-              {nullptr, [this](WebSocketServer::ConnectionId id, const std::string& text) { onText(id, text); },
-               nullptr}) {
+      server_(
+          host, port,
+          {nullptr, [this](WebSocketServer::ConnectionId id, const std::string& text) { onText(id, text); }, nullptr}) {
     server_.start();
 }
 

@@ -52,9 +52,8 @@ int main(int argc, char** argv) {
     std::atomic<int> last_error{0};
     arm.register_error_cbk("example", [&last_error](int code, std::string) { last_error = code; });
     std::atomic<int> frames{0};
-    arm.register_joint_cbk([&frames](double, std::vector<double>, std::vector<double>, std::vector<double>) {
-        ++frames;
-    });
+    arm.register_joint_cbk(
+        [&frames](double, std::vector<double>, std::vector<double>, std::vector<double>) { ++frames; });
 
     std::printf("controller version: %s\n", arm.get_version().c_str());
     if (arm.set_ready() != 1) return fail("the arm did not become ready");
@@ -76,8 +75,8 @@ int main(int argc, char** argv) {
     print_joints("back at:", arm.get_joint_pos());
 
     const std::array<double, 7> pose = arm.get_cart_pose();
-    std::printf("pose: %.4f %.4f %.4f / %.4f %.4f %.4f %.4f\n", pose[0], pose[1], pose[2], pose[3], pose[4],
-                pose[5], pose[6]);
+    std::printf("pose: %.4f %.4f %.4f / %.4f %.4f %.4f %.4f\n", pose[0], pose[1], pose[2], pose[3], pose[4], pose[5],
+                pose[6]);
     std::printf("%d joint frames received\n", frames.load());
 
     arm.release_joint_cbk();

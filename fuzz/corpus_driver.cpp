@@ -9,10 +9,10 @@
 // by a seeded generator, so the same run always feeds the same inputs. It
 // prints how many inputs ran and fails only when no seed was found; a crash
 // or a sanitizer report ends the process as it would under libFuzzer.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <iterator>

@@ -120,8 +120,8 @@ bool ArmKinematics::inverse(const KDL::Frame& target, const std::vector<double>&
     return false;
 }
 
-bool ArmKinematics::inverseNear(const KDL::Frame& target, const std::vector<double>& seed,
-                                const JointLimits& limits, std::vector<double>& joints) const {
+bool ArmKinematics::inverseNear(const KDL::Frame& target, const std::vector<double>& seed, const JointLimits& limits,
+                                std::vector<double>& joints) const {
     KDL::ChainIkSolverPos_LMA solver(chain_, 1e-10, 150, 1e-15);
     KDL::JntArray initial(dof_);
     KDL::JntArray solution(dof_);
@@ -149,8 +149,8 @@ void ArmKinematics::refine(const KDL::Frame& target, std::vector<double>& joints
             rotation_error.z();
         if (error.norm() < 1e-14) return;
         jacobian(joints, jacobian_values);
-        const Eigen::Map<const Eigen::Matrix<double, 6, Eigen::Dynamic, Eigen::RowMajor>> matrix(
-            jacobian_values.data(), 6, dof_);
+        const Eigen::Map<const Eigen::Matrix<double, 6, Eigen::Dynamic, Eigen::RowMajor>> matrix(jacobian_values.data(),
+                                                                                                 6, dof_);
         const Eigen::VectorXd delta = matrix.jacobiSvd(Eigen::ComputeThinU | Eigen::ComputeThinV).solve(error);
         for (int i = 0; i < dof_; ++i) joints[i] += delta(i);
     }

@@ -53,10 +53,10 @@ struct ArmJoint {
 // One arm read from a URDF file: the revolute joints on the way from the
 // root link to `tool0`, fixed joints folded into the next origin.
 struct ArmModel {
-    std::string path;             // the file it came from
+    std::string path;              // the file it came from
     std::vector<ArmJoint> joints;  // root first
-    KDL::Frame tool;              // tool0 in the last joint's turned frame
-    JointLimits limits;           // one entry per joint
+    KDL::Frame tool;               // tool0 in the last joint's turned frame
+    JointLimits limits;            // one entry per joint
 };
 
 // Reads `urdf_path`; throws std::runtime_error saying what is wrong.

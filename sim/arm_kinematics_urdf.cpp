@@ -2,11 +2,11 @@
 // it into a KDL tree, and the chain from the root to tool0 becomes the
 // model's joints. Acceleration and jerk limits, which URDF has no place for,
 // are read from the same <limit> elements with tinyxml2.
-#include <kdl/tree.hpp>
-#include <kdl_parser/kdl_parser.hpp>
 #include <tinyxml2.h>
 #include <unistd.h>
 #include <urdf_parser/urdf_parser.h>
+#include <kdl/tree.hpp>
+#include <kdl_parser/kdl_parser.hpp>
 
 #include <cmath>
 #include <fstream>
@@ -60,9 +60,10 @@ std::map<std::string, DynamicLimits> readDynamicLimits(const std::string& xml) {
 
 void addLimits(const std::string& path, const urdf::Joint& joint, const DynamicLimits& dynamic, JointLimits& limits) {
     if (joint.type != urdf::Joint::REVOLUTE || !joint.limits)
-        throw std::runtime_error("arm model " + path + ": joint " + joint.name + " is not a revolute joint with limits");
-    const double acceleration = std::isnan(dynamic.acceleration) ? kAccelerationPerVelocity * joint.limits->velocity
-                                                                  : dynamic.acceleration;
+        throw std::runtime_error("arm model " + path + ": joint " + joint.name +
+                                 " is not a revolute joint with limits");
+    const double acceleration =
+        std::isnan(dynamic.acceleration) ? kAccelerationPerVelocity * joint.limits->velocity : dynamic.acceleration;
     limits.lower.push_back(joint.limits->lower);
     limits.upper.push_back(joint.limits->upper);
     limits.vel.push_back(joint.limits->velocity);
@@ -139,7 +140,8 @@ const ArmModel& armModel() {
 
 JointLimits defaultJointLimits(int dof) {
     const JointLimits& all = armModel().limits;
-    if (dof < 0 || dof > static_cast<int>(all.lower.size())) throw std::invalid_argument("arm dof exceeds the model's joints");
+    if (dof < 0 || dof > static_cast<int>(all.lower.size()))
+        throw std::invalid_argument("arm dof exceeds the model's joints");
     const auto first = [dof](const std::vector<double>& values) {
         return std::vector<double>(values.begin(), values.begin() + dof);
     };

@@ -10,14 +10,14 @@ namespace sim {
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
-constexpr double kLineStep = 0.002;          // [m] between Cartesian samples
-constexpr double kAngleStep = 0.01;          // [rad] between Cartesian samples
+constexpr double kLineStep = 0.002;  // [m] between Cartesian samples
+constexpr double kAngleStep = 0.01;  // [rad] between Cartesian samples
 constexpr int kMaxCartesianSamples = 400;
-constexpr double kMaxJointStepOnPath = 0.25; // [rad]: more means a branch flip
-constexpr double kJointJogStep = 0.05;       // [rad]
-constexpr double kLineJogStep = 0.005;       // [m]
-constexpr double kRotationJogStep = 0.05;    // [rad]
-constexpr double kMaxPvtStep = 3600.0;       // [s]
+constexpr double kMaxJointStepOnPath = 0.25;  // [rad]: more means a branch flip
+constexpr double kJointJogStep = 0.05;        // [rad]
+constexpr double kLineJogStep = 0.005;        // [m]
+constexpr double kRotationJogStep = 0.05;     // [rad]
+constexpr double kMaxPvtStep = 3600.0;        // [s]
 
 // Plans one request against one context; each member returns false after
 // setting `error`.
@@ -29,16 +29,26 @@ public:
     PlanOutcome run() {
         const std::string task = readString(request_, "task_id");
         bool planned = false;
-        if (task == "TASK_MOVJ") planned = planJointMove();
-        else if (task == "TASK_MOVL") planned = planLineMove();
-        else if (task == "TASK_MOVT") planned = planWayPoints();
-        else if (task == "TASK_PVT") planned = planTimedPoints();
-        else if (task == "TASK_MOVC") planned = planArc();
-        else if (task == "TASK_MOVD") planned = planDirectPoints();
-        else if (task == "TASK_TIMER") planned = planPause();
-        else if (task == "TASK_MOVJ_JOG") planned = planJointJog();
-        else if (task == "TASK_MOVL_JOG") planned = planLineJog();
-        else error_ = "unknown task_id '" + task + "'";
+        if (task == "TASK_MOVJ")
+            planned = planJointMove();
+        else if (task == "TASK_MOVL")
+            planned = planLineMove();
+        else if (task == "TASK_MOVT")
+            planned = planWayPoints();
+        else if (task == "TASK_PVT")
+            planned = planTimedPoints();
+        else if (task == "TASK_MOVC")
+            planned = planArc();
+        else if (task == "TASK_MOVD")
+            planned = planDirectPoints();
+        else if (task == "TASK_TIMER")
+            planned = planPause();
+        else if (task == "TASK_MOVJ_JOG")
+            planned = planJointJog();
+        else if (task == "TASK_MOVL_JOG")
+            planned = planLineJog();
+        else
+            error_ = "unknown task_id '" + task + "'";
         if (planned && !withinLimits(outcome_.motion, context_.limits)) {
             planned = false;
             error_ = "the path leaves the joint limits";
@@ -80,9 +90,9 @@ private:
                         std::to_string(dof()));
         for (int i = 0; i < dof(); ++i)
             if (joints[i] < context_.limits.lower[i] || joints[i] > context_.limits.upper[i])
-                return fail("joint " + std::to_string(i) + " target " + std::to_string(joints[i]) +
-                            " is outside [" + std::to_string(context_.limits.lower[i]) + ", " +
-                            std::to_string(context_.limits.upper[i]) + "]");
+                return fail("joint " + std::to_string(i) + " target " + std::to_string(joints[i]) + " is outside [" +
+                            std::to_string(context_.limits.lower[i]) + ", " + std::to_string(context_.limits.upper[i]) +
+                            "]");
         return true;
     }
 
@@ -107,8 +117,8 @@ private:
                std::vector<double>& joints) {
         if (context_.kinematics->inverse(tip * tool.Inverse(), seed, context_.limits, joints)) return true;
         const Pose pose = ArmKinematics::toPose(tip);
-        return fail("no inverse solution for the pose at (" + std::to_string(pose[0]) + ", " +
-                    std::to_string(pose[1]) + ", " + std::to_string(pose[2]) + ")");
+        return fail("no inverse solution for the pose at (" + std::to_string(pose[0]) + ", " + std::to_string(pose[1]) +
+                    ", " + std::to_string(pose[2]) + ")");
     }
 
     // Joint knots along dense tool-tip frames, each solved from the last.
@@ -334,8 +344,10 @@ private:
         double angle = std::atan2(length(normal), dot(from, to));
         const double radian = readDouble(data_, "radian", 0.0);
         const bool other_way = readInt(data_, "dir", 0) == 1;
-        if (radian > 0.0) angle = other_way ? -radian : radian;
-        else if (other_way) angle = angle - 2.0 * kPi;
+        if (radian > 0.0)
+            angle = other_way ? -radian : radian;
+        else if (other_way)
+            angle = angle - 2.0 * kPi;
         appendCircle(tips, centre, normal, angle, frames);
         return true;
     }
@@ -363,8 +375,10 @@ private:
         axis = user.M * axis;
         KDL::Frame target = start;
         const int sign = jogSign(request_);
-        if (index < 3) target.p = start.p + axis * (sign * kLineJogStep);
-        else target.M = KDL::Rotation::Rot2(axis, sign * kRotationJogStep) * start.M;
+        if (index < 3)
+            target.p = start.p + axis * (sign * kLineJogStep);
+        else
+            target.M = KDL::Rotation::Rot2(axis, sign * kRotationJogStep) * start.M;
         std::vector<KDL::Frame> tips;
         appendLine(start, target, tips);
         std::vector<std::vector<double>> knots{context_.start_joints};
@@ -382,15 +396,13 @@ private:
 
 }  // namespace
 
-PlanOutcome planTask(const Json::Value& request, const PlanContext& context) {
-    return Planner(request, context).run();
-}
+PlanOutcome planTask(const Json::Value& request, const PlanContext& context) { return Planner(request, context).run(); }
 
 bool forwardPose(const PlanContext& context, int tool, int user, const std::vector<double>& joints, Pose& pose) {
     if (tool < 0 || tool >= static_cast<int>(context.tools.size())) return false;
     if (user < 0 || user >= static_cast<int>(context.users.size())) return false;
-    pose = ArmKinematics::toPose(context.users[user].Inverse() * context.kinematics->flange(joints) *
-                                 context.tools[tool]);
+    pose =
+        ArmKinematics::toPose(context.users[user].Inverse() * context.kinematics->flange(joints) * context.tools[tool]);
     return true;
 }
 

@@ -91,8 +91,8 @@ PlannedMotion holdMotion(const std::vector<double>& joints, double seconds) {
     return motion;
 }
 
-PlannedMotion pathMotion(std::vector<std::vector<double>> knots, std::vector<double> gripper,
-                         const JointLimits& limits, double speed_fraction) {
+PlannedMotion pathMotion(std::vector<std::vector<double>> knots, std::vector<double> gripper, const JointLimits& limits,
+                         double speed_fraction) {
     PlannedMotion motion;
     motion.knot_param.push_back(0.0);
     for (size_t k = 1; k < knots.size(); ++k)
@@ -141,8 +141,8 @@ PlannedMotion timedMotion(const std::vector<double>& times, const std::vector<st
     if (!gripper.empty()) motion.knot_gripper.push_back(gripper[0]);
     for (size_t k = 0; k + 1 < n; ++k) {
         const double span = times[k + 1] - times[k];
-        const int samples = std::clamp(static_cast<int>(std::ceil(span / kTimedKnotSpacing)), 1,
-                                       kMaxTimedSamplesPerSegment);
+        const int samples =
+            std::clamp(static_cast<int>(std::ceil(span / kTimedKnotSpacing)), 1, kMaxTimedSamplesPerSegment);
         for (int j = 1; j <= samples; ++j) {
             const double f = static_cast<double>(j) / samples;
             std::vector<double> q(dof);

@@ -20,21 +20,21 @@ namespace sim {
 // A path coordinate s that runs from 0 to 1 with bounded speed and
 // acceleration, starting and ending at rest.
 struct TrapezoidProfile {
-    double accel = 1.0;        // [1/s^2]
-    double peak_speed = 0.0;   // [1/s]
-    double accel_time = 0.0;   // [s]
-    double duration = 0.0;     // [s]
+    double accel = 1.0;       // [1/s^2]
+    double peak_speed = 0.0;  // [1/s]
+    double accel_time = 0.0;  // [s]
+    double duration = 0.0;    // [s]
 
     static TrapezoidProfile make(double max_speed, double max_accel);
     double at(double t) const;
 };
 
 struct PlannedMotion {
-    std::vector<double> knot_param;                 // increasing, first 0
-    std::vector<std::vector<double>> knot_joints;   // one joint vector per knot
-    std::vector<double> knot_gripper;               // empty, or one value per knot
-    bool timed = false;                             // knot_param in seconds
-    TrapezoidProfile profile;                       // used when not timed
+    std::vector<double> knot_param;                // increasing, first 0
+    std::vector<std::vector<double>> knot_joints;  // one joint vector per knot
+    std::vector<double> knot_gripper;              // empty, or one value per knot
+    bool timed = false;                            // knot_param in seconds
+    TrapezoidProfile profile;                      // used when not timed
 
     double duration() const;
     const std::vector<double>& finalJoints() const { return knot_joints.back(); }
@@ -49,8 +49,8 @@ PlannedMotion holdMotion(const std::vector<double>& joints, double seconds);
 // Moves through `knots` (the first is the start) with the trapezoid that the
 // limits allow at `speed_fraction` (0 to 1] of the joints' velocity and
 // acceleration. `gripper` is empty or holds one value per knot.
-PlannedMotion pathMotion(std::vector<std::vector<double>> knots, std::vector<double> gripper,
-                         const JointLimits& limits, double speed_fraction);
+PlannedMotion pathMotion(std::vector<std::vector<double>> knots, std::vector<double> gripper, const JointLimits& limits,
+                         double speed_fraction);
 
 // Passes `points` at `times` (seconds after the start, increasing, the start
 // itself at time 0 being the first point), on a cubic Hermite curve that

@@ -14,8 +14,7 @@ constexpr int kEmergencyStopCode = 6;
 
 std::string indexRefusal(int index) {
     if (index < 0 || index >= kCoordinateSlots)
-        return "coordinate index " + std::to_string(index) + " is outside 0 to " +
-               std::to_string(kCoordinateSlots - 1);
+        return "coordinate index " + std::to_string(index) + " is outside 0 to " + std::to_string(kCoordinateSlots - 1);
     return std::string();
 }
 
@@ -97,16 +96,13 @@ std::string SimArm::setTeleoperation(int role) {
             mode_ = ArmMode::Teleoperation;
             role_ = TeleRole::Slave;
             return std::string();
-        default:
-            return "teleoperation role " + std::to_string(role) + " is none of 0, 1, 2";
+        default: return "teleoperation role " + std::to_string(role) + " is none of 0, 1, 2";
     }
 }
 
 void SimArm::setSpeedLevel(double level) { speed_level_ = std::clamp(level, 0.0, 10.0); }
 
-void SimArm::disable() {
-    setServo(false);
-}
+void SimArm::disable() { setServo(false); }
 
 void SimArm::emergencyStop() {
     setServo(false);
@@ -210,7 +206,8 @@ void SimArm::setRedundancyTau(std::vector<double> tau, double effector_tau) {
     redundancy_tau_.resize(telemetry_.dof, 0.0);
     effector_tau_ = effector_tau;
     ++stream_stats_.torque_messages;
-    for (double value : redundancy_tau_) stream_stats_.torque_max = std::max(stream_stats_.torque_max, std::fabs(value));
+    for (double value : redundancy_tau_)
+        stream_stats_.torque_max = std::max(stream_stats_.torque_max, std::fabs(value));
 }
 
 void SimArm::setGripper(double position, double force) {

@@ -37,12 +37,12 @@ constexpr int kWarningCode = 3001;
 
 // What the arm made of the streams it was sent, since it was built.
 struct StreamStats {
-    std::uint64_t targets = 0;              // streamed joint targets taken
-    std::uint64_t error_samples = 0;        // cycles spent following them
-    double error_sum = 0.0;                 // of each cycle's largest |target - joint| [rad]
-    double error_max = 0.0;                 // [rad]
-    std::uint64_t torque_messages = 0;      // redundancy torques received
-    double torque_max = 0.0;                // largest |torque| among them
+    std::uint64_t targets = 0;          // streamed joint targets taken
+    std::uint64_t error_samples = 0;    // cycles spent following them
+    double error_sum = 0.0;             // of each cycle's largest |target - joint| [rad]
+    double error_max = 0.0;             // [rad]
+    std::uint64_t torque_messages = 0;  // redundancy torques received
+    double torque_max = 0.0;            // largest |torque| among them
 
     double meanError() const { return error_samples == 0 ? 0.0 : error_sum / static_cast<double>(error_samples); }
 };
@@ -54,20 +54,20 @@ struct ArmTelemetry {
     int dof = 0;
     std::vector<double> joints, joint_vel, joint_tau;
     std::vector<double> plan_joints, plan_vel, plan_tau;
-    std::vector<double> external_tau;     // one per joint [Nm]
-    std::vector<double> cart_force;       // fx, fy, fz, tx, ty, tz [N, Nm]
+    std::vector<double> external_tau;  // one per joint [Nm]
+    std::vector<double> cart_force;    // fx, fy, fz, tx, ty, tz [N, Nm]
     Pose pose{}, pose_tool{}, pose_user{};
     bool servo = false;
-    int motion_state = 0;                 // -1 error, 0 standby, 1 running
-    ArmMode mode = ArmMode::Idle;         // as reported: Error while in error
-    double vel_per = 100.0;               // speed level in percent
+    int motion_state = 0;          // -1 error, 0 standby, 1 running
+    ArmMode mode = ArmMode::Idle;  // as reported: Error while in error
+    double vel_per = 100.0;        // speed level in percent
     int tool = 0, user = 0;
     double gripper_pos = 0.0, gripper_vel = 0.0, gripper_tau = 0.0;
-    int gripper_state = 0;                // 0 at rest, 1 moving
+    int gripper_state = 0;  // 0 at rest, 1 moving
     bool gripper_connected = true;
     bool exe_flag = false;
     std::string last_task_key, exe_task_key;
-    int error_code = 0;                   // an error, or kWarningCode, or 0
+    int error_code = 0;  // an error, or kWarningCode, or 0
     std::string error_msg;
 };
 

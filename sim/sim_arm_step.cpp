@@ -9,12 +9,12 @@ namespace kelm {
 namespace sim {
 namespace {
 
-constexpr double kStopRampTime = 0.2;          // [s] from full speed to rest on stop or pause
-constexpr double kTrackingGain = 60.0;         // [1/s] of the streamed-target follower
-constexpr double kFeedbackCompliance = 0.002;  // [rad/Nm] the hand yields to fed-back torque
-constexpr double kMaxFeedbackDeflection = 0.3; // [rad]
-constexpr double kGripperSpeed = 0.2;          // [m/s]
-constexpr double kRecordingInterval = 0.02;    // [s]
+constexpr double kStopRampTime = 0.2;           // [s] from full speed to rest on stop or pause
+constexpr double kTrackingGain = 60.0;          // [1/s] of the streamed-target follower
+constexpr double kFeedbackCompliance = 0.002;   // [rad/Nm] the hand yields to fed-back torque
+constexpr double kMaxFeedbackDeflection = 0.3;  // [rad]
+constexpr double kGripperSpeed = 0.2;           // [m/s]
+constexpr double kRecordingInterval = 0.02;     // [s]
 
 double signOf(double value) { return value < 0.0 ? -1.0 : 1.0; }
 
@@ -53,8 +53,10 @@ void SimArm::step(double dt) {
         stepOperator(dt);
     } else {
         if (servo_ && !inError()) {
-            if (!tasks_.empty()) stepTasks(dt);
-            else if (tracking_) stepTracking(dt);
+            if (!tasks_.empty())
+                stepTasks(dt);
+            else if (tracking_)
+                stepTracking(dt);
         }
         if (!gripper_in_task_) stepGripper(dt);
     }
@@ -108,7 +110,8 @@ void SimArm::stepTracking(double dt) {
 
 void SimArm::recordTrackingError() {
     double largest = 0.0;
-    for (size_t i = 0; i < joints_.size(); ++i) largest = std::max(largest, std::fabs(tracking_target_[i] - joints_[i]));
+    for (size_t i = 0; i < joints_.size(); ++i)
+        largest = std::max(largest, std::fabs(tracking_target_[i] - joints_[i]));
     ++stream_stats_.error_samples;
     stream_stats_.error_sum += largest;
     stream_stats_.error_max = std::max(stream_stats_.error_max, largest);
@@ -117,13 +120,15 @@ void SimArm::recordTrackingError() {
 void SimArm::stepOperator(double dt) {
     operator_time_ += dt;
     double gripper = gripper_pos_;
-    if (hand_.enabled) operatorHand(hand_, operator_time_, operator_anchor_, limits_, joints_, gripper);
-    else joints_ = operator_anchor_;
+    if (hand_.enabled)
+        operatorHand(hand_, operator_time_, operator_anchor_, limits_, joints_, gripper);
+    else
+        joints_ = operator_anchor_;
     if (role_ == TeleRole::Master) {
         // The hand gives way to the torque that the slave's contact feeds back.
         for (size_t i = 0; i < joints_.size(); ++i) {
-            const double deflection = std::clamp(kFeedbackCompliance * redundancy_tau_[i], -kMaxFeedbackDeflection,
-                                                 kMaxFeedbackDeflection);
+            const double deflection =
+                std::clamp(kFeedbackCompliance * redundancy_tau_[i], -kMaxFeedbackDeflection, kMaxFeedbackDeflection);
             joints_[i] = std::clamp(joints_[i] + deflection, limits_.lower[i], limits_.upper[i]);
         }
     }
@@ -187,8 +192,10 @@ void SimArm::refreshTelemetry(double dt) {
     t.gripper_tau = holding ? gripper_force_ : 0.0;
     if (master) t.gripper_tau = effector_tau_;
     t.exe_flag = !tasks_.empty() && task_rate_ > 0.0;
-    if (tasks_.empty()) t.exe_task_key.clear();
-    else t.exe_task_key = tasks_.front().key;
+    if (tasks_.empty())
+        t.exe_task_key.clear();
+    else
+        t.exe_task_key = tasks_.front().key;
     t.error_code = error_code_;
     t.error_msg = error_msg_;
 }

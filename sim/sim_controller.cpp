@@ -42,11 +42,9 @@ SimController::SimController(SimOptions options)
     : options_(std::move(options)),
       model_(options_.arms, options_.dof, options_.hand, options_.wall),
       server_(options_.ip, options_.port,
-              WebSocketServer::Handlers{nullptr,
-                                        [this](WebSocketServer::ConnectionId id, const std::string& text) {
-                                            onText(id, text);
-                                        },
-                                        nullptr}) {
+              WebSocketServer::Handlers{
+                  nullptr, [this](WebSocketServer::ConnectionId id, const std::string& text) { onText(id, text); },
+                  nullptr}) {
     for (const auto& command : options_.drop_replies) faults_.dropReplies(command);
     for (const auto& command : options_.refuse) faults_.refuse(command);
     if (options_.reply_delay_ms > 0)
@@ -105,8 +103,10 @@ SimStats SimController::stats() const {
 
 void SimController::closeConnections(bool clean) {
     for (const auto id : server_.connectionIds()) {
-        if (clean) server_.closeConnection(id);
-        else server_.dropConnection(id);
+        if (clean)
+            server_.closeConnection(id);
+        else
+            server_.dropConnection(id);
     }
 }
 
@@ -256,8 +256,8 @@ void SimController::sendFrame(std::uint64_t frame_number) {
     count_ += 1 + faults_.takeCountSkip();
     if (options_.count_gap_every > 0 && frame_number % options_.count_gap_every == 0) ++count_;
     const std::string& text = model_.writeFrame(writer_, count_, unixNow());
-    const bool malformed = faults_.takeMalformedFrame() ||
-                           (options_.malformed_every > 0 && frame_number % options_.malformed_every == 0);
+    const bool malformed =
+        faults_.takeMalformedFrame() || (options_.malformed_every > 0 && frame_number % options_.malformed_every == 0);
     // Taken before the send, so that it precedes anything a client does
     // in answer to the frame, even when this thread is preempted.
     const Clock::time_point sent = Clock::now();

@@ -48,13 +48,13 @@ namespace sim {
 // Counters since start(), for the console and tests.
 struct SimStats {
     std::uint64_t frames_sent = 0;
-    std::uint64_t frames_skipped = 0;     // frames not sent to a client that read too slowly, per client
+    std::uint64_t frames_skipped = 0;  // frames not sent to a client that read too slowly, per client
     std::uint64_t requests = 0;
     std::uint64_t replies_sent = 0;
     std::uint64_t replies_dropped = 0;
-    std::uint64_t bad_messages = 0;       // not a JSON object
-    std::uint64_t refused_streams = 0;    // streamed targets the arm did not take
-    std::uint64_t late_frames = 0;        // cycles that missed their deadline by a whole period
+    std::uint64_t bad_messages = 0;     // not a JSON object
+    std::uint64_t refused_streams = 0;  // streamed targets the arm did not take
+    std::uint64_t late_frames = 0;      // cycles that missed their deadline by a whole period
     std::size_t connections = 0;
 };
 
@@ -119,13 +119,13 @@ private:
 
     std::atomic<bool> running_{false};
     std::thread frame_thread_;
-    StateFrameWriter writer_;  // frame loop only
-    std::uint64_t count_ = 0;  // frame loop only
-    bool timed_close_done_ = false;    // frame loop only
-    bool timed_silence_done_ = false;  // frame loop only
-    bool timed_stall_done_ = false;    // frame loop only
+    StateFrameWriter writer_;            // frame loop only
+    std::uint64_t count_ = 0;            // frame loop only
+    bool timed_close_done_ = false;      // frame loop only
+    bool timed_silence_done_ = false;    // frame loop only
+    bool timed_stall_done_ = false;      // frame loop only
     bool timed_half_open_done_ = false;  // frame loop only
-    bool timed_reset_done_ = false;    // frame loop only
+    bool timed_reset_done_ = false;      // frame loop only
 
     std::mutex reply_mutex_;
     std::condition_variable reply_cv_;

@@ -29,8 +29,7 @@ public:
     // ---- set by tests and options ----
     void dropReplies(const std::string& command, int count = -1);
     void delayReplies(const std::string& command, std::chrono::milliseconds delay);
-    void refuse(const std::string& command, int count = -1,
-                const std::string& reason = "refused by fault injection");
+    void refuse(const std::string& command, int count = -1, const std::string& reason = "refused by fault injection");
     void clearReplyFaults();
     // The next frame's count jumps ahead by `counts` more than one.
     void skipCounts(std::uint64_t counts);

@@ -29,8 +29,9 @@ void installStopHandlers() {
 
 std::string armSummary(const kelm::sim::ArmTelemetry& arm) {
     std::string text = arm.name + " " + kelm::sim::armModeName(arm.mode) + (arm.servo ? " servo on" : " servo off");
-    text += arm.motion_state == 1 ? " running" : arm.motion_state == -1 ? " error " + std::to_string(arm.error_code)
-                                                                        : " standby";
+    text += arm.motion_state == 1    ? " running"
+            : arm.motion_state == -1 ? " error " + std::to_string(arm.error_code)
+                                     : " standby";
     return text;
 }
 
@@ -50,8 +51,8 @@ void printStreamSummary(kelm::sim::SimController& controller) {
     for (int i = 0; i < controller.model().armCount(); ++i) {
         const kelm::sim::StreamStats stats = controller.model().streamStats(i);
         if (stats.targets > 0) {
-            std::printf("kelm_sim: arm%d followed %llu streamed targets, tracking error mean %.5f rad, max %.5f rad\n", i,
-                        static_cast<unsigned long long>(stats.targets), stats.meanError(), stats.error_max);
+            std::printf("kelm_sim: arm%d followed %llu streamed targets, tracking error mean %.5f rad, max %.5f rad\n",
+                        i, static_cast<unsigned long long>(stats.targets), stats.meanError(), stats.error_max);
         }
         if (stats.torque_messages > 0) {
             std::printf("kelm_sim: arm%d received %llu redundancy torque messages, largest |torque| %.3f\n", i,
@@ -66,14 +67,11 @@ int main(int argc, char** argv) {
     kelm::sim::SimOptions options;
     std::string error;
     switch (kelm::sim::parseSimOptions(argc, argv, options, error)) {
-        case kelm::sim::ParseResult::Help:
-            std::printf("%s", kelm::sim::simUsage(argv[0]).c_str());
-            return 0;
+        case kelm::sim::ParseResult::Help: std::printf("%s", kelm::sim::simUsage(argv[0]).c_str()); return 0;
         case kelm::sim::ParseResult::Error:
             std::fprintf(stderr, "kelm_sim: %s\n%s", error.c_str(), kelm::sim::simUsage(argv[0]).c_str());
             return 1;
-        case kelm::sim::ParseResult::Run:
-            break;
+        case kelm::sim::ParseResult::Run: break;
     }
     try {
         if (!options.model.empty()) kelm::sim::useArmModel(options.model);

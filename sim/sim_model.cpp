@@ -61,7 +61,8 @@ Json::Value SimModel::refusal(const Json::Value& request, const std::string& rea
 std::optional<Json::Value> SimModel::handle(const Json::Value& request) {
     const std::string command = readString(request, "command");
     const auto& table = routes();
-    const auto route = std::find_if(table.begin(), table.end(), [&](const auto& entry) { return entry.first == command; });
+    const auto route =
+        std::find_if(table.begin(), table.end(), [&](const auto& entry) { return entry.first == command; });
     if (route == table.end()) return refusal(request, "unknown command '" + command + "'");
 
     Json::Value reply(Json::objectValue);
@@ -196,11 +197,16 @@ std::string SimModel::onStopSignal(const Json::Value& request, Json::Value&) {
     std::string refused;
     SimArm* arm = armOf(request, refused);
     if (!arm) return refused;
-    if (signal == "SIG_TASK_STOP") arm->taskStop(readBool(request, "stop_at_once", true));
-    else if (signal == "SIG_ARM_STOP") arm->stop();
-    else if (signal == "SIG_ARM_PAUSE") arm->pause();
-    else if (signal == "SIG_ARM_RECOVER") arm->recover();
-    else return "unknown stop_id '" + signal + "'";
+    if (signal == "SIG_TASK_STOP")
+        arm->taskStop(readBool(request, "stop_at_once", true));
+    else if (signal == "SIG_ARM_STOP")
+        arm->stop();
+    else if (signal == "SIG_ARM_PAUSE")
+        arm->pause();
+    else if (signal == "SIG_ARM_RECOVER")
+        arm->recover();
+    else
+        return "unknown stop_id '" + signal + "'";
     return std::string();
 }
 

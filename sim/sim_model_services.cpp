@@ -117,9 +117,12 @@ std::string SimModel::onGetCoordinate(const Json::Value& request, Json::Value& r
     const int index = readInt(request, "index", -1);
     Pose pose;
     bool found = false;
-    if (type == "tool") found = arm->toolPose(index, pose);
-    else if (type == "user") found = arm->userPose(index, pose);
-    else return "type must be tool or user";
+    if (type == "tool")
+        found = arm->toolPose(index, pose);
+    else if (type == "user")
+        found = arm->userPose(index, pose);
+    else
+        return "type must be tool or user";
     if (!found) return "no " + type + " coordinate " + std::to_string(index);
     reply["coordinate"] = numberList(pose.data(), pose.size());
     return std::string();
@@ -159,7 +162,8 @@ std::string SimModel::onUserCalibration(const Json::Value& request, Json::Value&
     SimArm* arm = armOf(request, refused);
     if (!arm) return refused;
     const Pose& tip = arm->telemetry().pose_tool;
-    const std::string failed = arm->updateUser(readInt(request, "user", -1), coordinateOf(ArmKinematics::toFrame(tip.data())));
+    const std::string failed =
+        arm->updateUser(readInt(request, "user", -1), coordinateOf(ArmKinematics::toFrame(tip.data())));
     reply["result"] = failed.empty() ? "ok" : "fail";
     if (!failed.empty()) reply["reason"] = failed;
     return std::string();
@@ -202,8 +206,10 @@ std::string SimModel::onTrajRecorder(const Json::Value& request, Json::Value&) {
     std::string refused;
     SimArm* arm = armOf(request, refused);
     if (!arm) return refused;
-    if (readInt(request, "toRecord", 0) != 0) arm->startRecording("trajectory");
-    else arm->stopRecording("trajectory");
+    if (readInt(request, "toRecord", 0) != 0)
+        arm->startRecording("trajectory");
+    else
+        arm->stopRecording("trajectory");
     return std::string();
 }
 
@@ -239,8 +245,8 @@ std::string SimModel::onReplay(SimArm& arm, const std::string& key, const std::s
     // Time to reach the first sample at a moderate speed.
     double approach = 0.5;
     for (size_t i = 0; i < start.size(); ++i)
-        approach = std::max(approach, std::fabs(recording.joints[0][i] - start[i]) /
-                                          (kReplayApproachShare * arm.limits().vel[i]));
+        approach = std::max(
+            approach, std::fabs(recording.joints[0][i] - start[i]) / (kReplayApproachShare * arm.limits().vel[i]));
     std::vector<double> times{0.0};
     std::vector<std::vector<double>> points{start};
     for (size_t k = 0; k < recording.times.size(); ++k) {

@@ -106,7 +106,8 @@ bool readInjectedError(const std::string& text, InjectedError& error) {
     const size_t second = text.find(':', first + 1);
     long arm = 0, code = 0;
     if (!readInteger(text.substr(0, first).c_str(), 0, 1, arm)) return false;
-    const std::string code_text = text.substr(first + 1, second == std::string::npos ? std::string::npos : second - first - 1);
+    const std::string code_text =
+        text.substr(first + 1, second == std::string::npos ? std::string::npos : second - first - 1);
     if (!readInteger(code_text.c_str(), 1, 1000000, code)) return false;
     error.arm = static_cast<int>(arm);
     error.code = static_cast<int>(code);
@@ -196,7 +197,8 @@ ParseResult parseSimOptions(int argc, char** argv, SimOptions& options, std::str
         if (id == -1) break;
         if (id == kHelp) return ParseResult::Help;
         if (id == '?' || id == ':') {
-            const std::string name = optopt ? std::string("-") + static_cast<char>(optopt) : std::string(argv[optind - 1]);
+            const std::string name =
+                optopt ? std::string("-") + static_cast<char>(optopt) : std::string(argv[optind - 1]);
             error = (id == ':' ? "missing value for option " : "unknown option ") + name;
             return ParseResult::Error;
         }

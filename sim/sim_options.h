@@ -31,23 +31,23 @@ struct SimOptions {
     int reply_latency_us = 10000;
     OperatorSettings hand;
     WallSettings wall;
-    bool quiet = false;          // no status line
+    bool quiet = false;  // no status line
 
     // Faults from the start.
-    std::vector<std::string> drop_replies;    // commands whose replies are dropped; "all" for any
-    int reply_delay_ms = 0;                   // added to every reply
-    std::vector<std::string> refuse;          // commands always refused; "all" for any
+    std::vector<std::string> drop_replies;  // commands whose replies are dropped; "all" for any
+    int reply_delay_ms = 0;                 // added to every reply
+    std::vector<std::string> refuse;        // commands always refused; "all" for any
     std::vector<InjectedError> errors;
-    int count_gap_every = 0;                  // every Nth frame skips a count
-    int malformed_every = 0;                  // every Nth frame is malformed
-    double stop_streaming_after = 0.0;        // [s], 0: never
-    double close_after = 0.0;                 // [s] until all connections are closed, 0: never
-    int net_latency_us = 0;                   // added to every frame and reply on the wire
-    int net_jitter_us = 0;                    // plus or minus, uniformly; order is kept
-    double stall_after = 0.0;                 // [s] until reading stops, 0: never
-    int stall_ms = 1000;                      // how long reading stops
-    double half_open_after = 0.0;             // [s] until the controller goes silent, 0: never
-    double reset_after = 0.0;                 // [s] until every connection is reset, 0: never
+    int count_gap_every = 0;            // every Nth frame skips a count
+    int malformed_every = 0;            // every Nth frame is malformed
+    double stop_streaming_after = 0.0;  // [s], 0: never
+    double close_after = 0.0;           // [s] until all connections are closed, 0: never
+    int net_latency_us = 0;             // added to every frame and reply on the wire
+    int net_jitter_us = 0;              // plus or minus, uniformly; order is kept
+    double stall_after = 0.0;           // [s] until reading stops, 0: never
+    int stall_ms = 1000;                // how long reading stops
+    double half_open_after = 0.0;       // [s] until the controller goes silent, 0: never
+    double reset_after = 0.0;           // [s] until every connection is reset, 0: never
 };
 
 enum class ParseResult { Run, Help, Error };

@@ -22,7 +22,7 @@ struct FrameHeader {
     std::uint64_t count = 0;
     double unix_time = 0.0;  // [s]
     bool debug = false;
-    int error = 0;           // 0, or the code of the first arm reporting one
+    int error = 0;  // 0, or the code of the first arm reporting one
     int error_arm_index = 0;
     const std::string* error_msg = nullptr;
 };

@@ -92,7 +92,7 @@ struct GateCloser {
 // ---- application state ----
 
 std::string master_IP = "10.42.0.102";
-std::string slave_IP = "127.0.0.1";  // the slave's controller is always on this host
+std::string slave_IP = "127.0.0.1";      // the slave's controller is always on this host
 std::shared_ptr<KelmKernelImpl> kelm1_;  // master arm
 namespace {
 GateCloser close_master_gate_before_master{master_gate};
@@ -102,7 +102,7 @@ namespace {
 GateCloser close_slave_gate_before_slave{slave_gate};
 }  // namespace
 double clamping_force = 10.0;
-int remote_mode = 0;  // 0 joint, 1 Cartesian end pose, 2 joint with force feedback
+int remote_mode = 0;          // 0 joint, 1 Cartesian end pose, 2 joint with force feedback
 bool mirror_control = false;  // written before any stream callback is registered
 
 // Written by the signal handler or on the delivery threads, read by the run
@@ -347,12 +347,9 @@ enum class ParseOutcome { Run, ExitSuccess, ExitFailure };
 // from std::stoi / std::stod and is not caught.
 ParseOutcome parseOptions(int argc, char* argv[]) {
     static const struct option long_options[] = {
-        {"mode", required_argument, nullptr, 'm'},
-        {"ip", required_argument, nullptr, 'i'},
-        {"force", required_argument, nullptr, 'f'},
-        {"mirror", required_argument, nullptr, 'r'},
-        {"help", no_argument, nullptr, 'h'},
-        {nullptr, 0, nullptr, 0},
+        {"mode", required_argument, nullptr, 'm'},  {"ip", required_argument, nullptr, 'i'},
+        {"force", required_argument, nullptr, 'f'}, {"mirror", required_argument, nullptr, 'r'},
+        {"help", no_argument, nullptr, 'h'},        {nullptr, 0, nullptr, 0},
     };
     int option;
     while ((option = getopt_long(argc, argv, "m:i:f:r:h", long_options, nullptr)) != -1) {

@@ -52,14 +52,15 @@ TEST(ArmModel, KinematicsMatchKdlOnTheParsedTreeForAnyAxis) {
         for (int trial = 0; trial < 20; ++trial) {
             std::vector<double> joints(dof);
             KDL::JntArray kdl_joints(chain.getNrOfJoints());
-            for (int i = 0; i < dof; ++i) kdl_joints(i) = joints[i] = std::uniform_real_distribution<double>(-1, 1)(random);
+            for (int i = 0; i < dof; ++i)
+                kdl_joints(i) = joints[i] = std::uniform_real_distribution<double>(-1, 1)(random);
             KDL::Frame expected;
             reference.JntToCart(kdl_joints, expected);
             EXPECT_TRUE(KDL::Equal(kinematics.flange(joints), expected, 1e-12)) << "dof " << dof << " trial " << trial;
         }
     }
     EXPECT_EQ(model->limits.upper, (std::vector<double>{1, 2, 3}));
-    EXPECT_EQ(model->limits.acc, (std::vector<double>{9, 12, 4}));  // absent: 4 x velocity
+    EXPECT_EQ(model->limits.acc, (std::vector<double>{9, 12, 4}));     // absent: 4 x velocity
     EXPECT_EQ(model->limits.jerk, (std::vector<double>{90, 60, 20}));  // absent: 5 x acceleration
     EXPECT_THROW(ArmKinematics(4, *model), std::invalid_argument);
 }

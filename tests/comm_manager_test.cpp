@@ -20,8 +20,8 @@ namespace {
 using std::chrono::milliseconds;
 using test::jsonObject;
 using test::LogCapture;
-using test::TestPeer;
 using test::Recorder;
+using test::TestPeer;
 
 class CommManagerTest : public ::testing::Test {
 protected:
@@ -62,7 +62,9 @@ TEST_F(CommManagerTest, ConcurrentWaitersForTheSameCommandGetTheirOwnReplies) {
     // Replies come late, so that all four wait at once.
     peer.replyWith(
         "getKinematics",
-        [](const Json::Value& request) { return jsonObject({{"recv", "Task_Recieve"}, {"echo", request["value"]}}); },
+        [](const Json::Value& request) {
+            return jsonObject({{"recv", "Task_Recieve"}, {"echo", request["value"]}});
+        },
         milliseconds(50));
     constexpr int kWaiters = 4;
     std::vector<Json::Value> replies(kWaiters);
@@ -96,7 +98,8 @@ TEST_F(CommManagerTest, RepliesStopAtCmdRecvAndEverythingElseReachesTheStateCall
         EXPECT_EQ(manager.cmd_recv(routing.first), routing.second) << routing.first;
         manager.onReceive(routing.first);
     }
-    for (const auto& routing : cases) EXPECT_EQ(state_messages.contains(routing.first), !routing.second) << routing.first;
+    for (const auto& routing : cases)
+        EXPECT_EQ(state_messages.contains(routing.first), !routing.second) << routing.first;
     EXPECT_TRUE(log.contains("parse error {broken", LOG_ERROR));
 }
 

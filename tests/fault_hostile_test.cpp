@@ -67,27 +67,35 @@ struct HostileCase {
 };
 
 const HostileCase kCases[] = {
-    {"frame length 2^62", [](TestPeer& p) { p.server().sendRawBytes(p.server().connectionIds().at(0), textFrameHeader(1ull << 62)); },
+    {"frame length 2^62",
+     [](TestPeer& p) { p.server().sendRawBytes(p.server().connectionIds().at(0), textFrameHeader(1ull << 62)); },
      Outcome::Dropped, "WebSocket"},
-    {"64 MiB message", [](TestPeer& p) {
-         p.server().sendRawBytes(p.server().connectionIds().at(0), textFrameHeader(64ull << 20) + std::string(4096, 'a'));
-     }, Outcome::Dropped, "WebSocket"},
-    {"endless continuation fragments", [](TestPeer& p) {
+    {"64 MiB message",
+     [](TestPeer& p) {
+         p.server().sendRawBytes(p.server().connectionIds().at(0),
+                                 textFrameHeader(64ull << 20) + std::string(4096, 'a'));
+     },
+     Outcome::Dropped, "WebSocket"},
+    {"endless continuation fragments",
+     [](TestPeer& p) {
          const auto id = p.server().connectionIds().at(0);
          const std::string chunk(64 * 1024, 'c');
          p.server().sendFrame(id, chunk, Poco::Net::WebSocket::FRAME_OP_TEXT);
          for (int i = 0; i < 40 && p.server().sendFrame(id, chunk, Poco::Net::WebSocket::FRAME_OP_CONT); ++i) {
          }
-     }, Outcome::Dropped, "message too big"},
+     },
+     Outcome::Dropped, "message too big"},
     {"nesting 100000 deep", [](TestPeer& p) { p.sendText(std::string(100000, '[') + std::string(100000, ']')); },
      Outcome::GoesOn, "stackLimit"},
     {"invalid UTF-8", [](TestPeer& p) { p.sendText(replaced(frameText(2, 0.5), "ARM_NAME", "\xff\xfe\xc3\x28")); },
      Outcome::GoesOn, ""},
-    {"NUL inside the JSON", [](TestPeer& p) { p.sendText(replaced(frameText(2), "ARM_NAME", std::string("AR\0M", 4))); },
-     Outcome::GoesOn, "parse error"},
+    {"NUL inside the JSON",
+     [](TestPeer& p) { p.sendText(replaced(frameText(2), "ARM_NAME", std::string("AR\0M", 4))); }, Outcome::GoesOn,
+     "parse error"},
     {"NUL after the JSON", [](TestPeer& p) { p.sendText(frameText(2, 0.5) + std::string("\0{\"x\":", 6)); },
      Outcome::GoesOn, ""},
-    {"1e400 and -0", [](TestPeer& p) { p.sendText(replaced(frameText(2, 0.375), "[0.375,", "[1e400,-0,")); }, Outcome::GoesOn, ""},
+    {"1e400 and -0", [](TestPeer& p) { p.sendText(replaced(frameText(2, 0.375), "[0.375,", "[1e400,-0,")); },
+     Outcome::GoesOn, ""},
     {"10000 arms in one frame", [](TestPeer& p) { p.sendText(manyArms(10000)); }, Outcome::GoesOn, ""},
     {"arm_dof 10^9", [](TestPeer& p) { p.sendText(replaced(frameText(2), "\"arm_dof\":6", "\"arm_dof\":1000000000")); },
      Outcome::GoesOn, ""},
@@ -115,11 +123,13 @@ TEST(FaultHostile, EveryInputLeavesTheConnectionGoingOrDropsItCleanly) {
                 EXPECT_FALSE(kernel.is_connected());
             } else {
                 peer.sendText(frameText(3, 0.75));
-                EXPECT_TRUE(waitUntil([&] { return !kernel.get_joint_pos().empty() && kernel.get_joint_pos()[0] == 0.75; }))
-                    << "the next good frame never arrived";
+                EXPECT_TRUE(waitUntil([&] {
+                    return !kernel.get_joint_pos().empty() && kernel.get_joint_pos()[0] == 0.75;
+                })) << "the next good frame never arrived";
                 EXPECT_TRUE(kernel.is_connected());
-                EXPECT_EQ(kernel.move_joint(std::vector<double>(6, 0.0), *std::make_unique<std::string>(), 10.0, 0, 0, true),
-                          -1);  // no configuration read: refused, whatever the frame left behind
+                EXPECT_EQ(
+                    kernel.move_joint(std::vector<double>(6, 0.0), *std::make_unique<std::string>(), 10.0, 0, 0, true),
+                    -1);  // no configuration read: refused, whatever the frame left behind
             }
             if (*hostile.log != '\0') {
                 EXPECT_TRUE(log.waitFor(hostile.log));

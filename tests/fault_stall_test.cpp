@@ -17,8 +17,8 @@
 #include <mutex>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "sim_controller.h"
@@ -34,7 +34,9 @@ using Clock = SimController::Clock;
 constexpr const char* kTeleopPath = KELM_TELEOP_PATH;
 const std::string kRunningLine = "程序运行中... 按 Ctrl+C 退出";
 
-double millis(std::chrono::system_clock::duration duration) { return std::chrono::duration<double, std::milli>(duration).count(); }
+double millis(std::chrono::system_clock::duration duration) {
+    return std::chrono::duration<double, std::milli>(duration).count();
+}
 
 // When the tool sent a message, from its task key: the local time as
 // YYYYMMDDhhmmss, microseconds, "_" and a sequence number.
@@ -44,7 +46,8 @@ bool sentAt(const std::string& task_key, std::chrono::system_clock::time_point& 
     if (!strptime(task_key.substr(0, 14).c_str(), "%Y%m%d%H%M%S", &fields)) return false;
     fields.tm_isdst = -1;
     const std::time_t seconds = std::mktime(&fields);
-    sent = std::chrono::system_clock::from_time_t(seconds) + std::chrono::microseconds(std::stol(task_key.substr(14, 6)));
+    sent =
+        std::chrono::system_clock::from_time_t(seconds) + std::chrono::microseconds(std::stol(task_key.substr(14, 6)));
     return true;
 }
 
@@ -121,12 +124,14 @@ TEST_F(FaultStall, SlaveThatStopsReadingGetsNoStaleBurstAndTheMasterStays) {
         }
         const auto first_second = targetsBetween(stall_end + 500ms, stall_end + 1500ms).size();
         double oldest_before = 0.0;
-        for (const auto& target : targetsBetween(begin - 1000ms, begin)) oldest_before = std::max(oldest_before, target.age_ms);
-        std::printf("stall %4lld ms: %zu targets read in the 1.5 s after it, %zu older than 50 ms, oldest %.0f ms "
-                    "(oldest in the second before the stall %.0f ms); %zu targets from 0.5 to 1.5 s after; "
-                    "slave connections %zu, master connections %zu\n",
-                    static_cast<long long>(stall.count()), after.size(), stale, oldest, oldest_before, first_second,
-                    slave->stats().connections, master->stats().connections);
+        for (const auto& target : targetsBetween(begin - 1000ms, begin))
+            oldest_before = std::max(oldest_before, target.age_ms);
+        std::printf(
+            "stall %4lld ms: %zu targets read in the 1.5 s after it, %zu older than 50 ms, oldest %.0f ms "
+            "(oldest in the second before the stall %.0f ms); %zu targets from 0.5 to 1.5 s after; "
+            "slave connections %zu, master connections %zu\n",
+            static_cast<long long>(stall.count()), after.size(), stale, oldest, oldest_before, first_second,
+            slave->stats().connections, master->stats().connections);
         EXPECT_EQ(master->stats().connections, 1u) << "the master connection was lost";
         if (slave->stats().connections == 0) break;  // the tool does not reconnect
     }

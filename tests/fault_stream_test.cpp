@@ -60,10 +60,9 @@ constexpr bool kAllocatorKeepsFreedMemory = false;
 class FaultPeer {
 public:
     FaultPeer()
-        : server_("127.0.0.1", 0, {nullptr, [this](WebSocketServer::ConnectionId id, const std::string& text) {
-                                       onText(id, text);
-                                   },
-                                   nullptr}) {
+        : server_("127.0.0.1", 0,
+                  {nullptr, [this](WebSocketServer::ConnectionId id, const std::string& text) { onText(id, text); },
+                   nullptr}) {
         server_.start();
     }
     unsigned short port() const { return server_.port(); }
@@ -164,8 +163,13 @@ public:
                   replaced("\"command\":\"webSendRobotState\"", "\"command\":5"),
                   replaced("\"axises\":[", "\"axises\":{},\"a\":["),
                   replaced("\"error\":0", "\"error\":\"boom\""),
-                  "[1,2,3]", "null", "", "\x01\x02\xff", "{\"command\":\"webSendRobotState\"}",
-                  "{\"command\":\"x\",\"task_key\":5}", "{\"arm\":[{\"task\":{\"last_task_key\":[]}}]}"};
+                  "[1,2,3]",
+                  "null",
+                  "",
+                  "\x01\x02\xff",
+                  "{\"command\":\"webSendRobotState\"}",
+                  "{\"command\":\"x\",\"task_key\":5}",
+                  "{\"arm\":[{\"task\":{\"last_task_key\":[]}}]}"};
     }
 
     std::string next() {
@@ -196,10 +200,10 @@ TEST(FaultStream, MalformedFramesAmongGoodOnesNeitherCrashNorStopTheRelay) {
     FaultPeer slave_controller;
     auto master = readyKernel(master_controller);
     auto slave = readyKernel(slave_controller);
-    master->register_get_tele_master_data_callback(
-        "relay", [&slave](double, std::vector<double> joints, double gripper) {
-            slave->tracking(joints, true, gripper / kJointGripperDivisor);
-        });
+    master->register_get_tele_master_data_callback("relay",
+                                                   [&slave](double, std::vector<double> joints, double gripper) {
+                                                       slave->tracking(joints, true, gripper / kJointGripperDivisor);
+                                                   });
     ASSERT_TRUE(master_controller.waitForClient(5s));
 
     FrameMaker frames;
@@ -313,9 +317,8 @@ TEST(FaultStream, FrameFloodKeepsMemoryFlatAndRequestsMatched) {
     auto kernel = readyKernel(peer);
     ASSERT_TRUE(peer.waitForClient(5s));
     FrameMaker frames;
-    const MemoryReport report = flood(peer, *kernel, [&](long long n) {
-        return frames.frame(static_cast<std::uint64_t>(n), n);
-    });
+    const MemoryReport report =
+        flood(peer, *kernel, [&](long long n) { return frames.frame(static_cast<std::uint64_t>(n), n); });
     expectFlat(report);
     EXPECT_TRUE(pendingEmpty(*kernel));
     EXPECT_GT(peer.repliesSent(), 0u);

@@ -37,10 +37,10 @@ public:
         options.rate = 200.0;
         options.quiet = true;
         controller_ = std::make_unique<SimController>(options);
-        controller_->received_message_observers.set(
-            "counter", [this](const std::string& text, SimController::Clock::time_point) {
-                if (text.find(counted_) != std::string::npos) ++count_;
-            });
+        controller_->received_message_observers.set("counter",
+                                                    [this](const std::string& text, SimController::Clock::time_point) {
+                                                        if (text.find(counted_) != std::string::npos) ++count_;
+                                                    });
         controller_->start();
     }
     ~CountingController() { kill(); }
@@ -96,7 +96,8 @@ TEST(FaultTeleop, SlaveLostDuringHomingEndsTheWaitAndTheToolLeaves) {
     ASSERT_TRUE(slave.waitForCount(1, kBringUpLimit)) << tool.stdoutText();
     const auto replies_before_move = slave.sim().stats().replies_sent;
     const auto reply_deadline = std::chrono::steady_clock::now() + 10s;
-    while (slave.sim().stats().replies_sent == replies_before_move && std::chrono::steady_clock::now() < reply_deadline) {
+    while (slave.sim().stats().replies_sent == replies_before_move &&
+           std::chrono::steady_clock::now() < reply_deadline) {
         std::this_thread::sleep_for(1ms);
     }
     ASSERT_GT(slave.sim().stats().replies_sent, replies_before_move) << "the homing move was never answered";

@@ -39,23 +39,39 @@ protected:
 TEST_F(KernelCommands, SendExactlyTheirBodiesWithArgumentsClamped) {
     using Call = std::function<int(KelmKernelImpl&)>;
     const std::vector<std::pair<Call, const char*>> cases = {
-        {[](KelmKernelImpl& k) { return k.set_servo_enable(true); }, R"({"command":"setServoEnable","arm_index":1,"enable":true})"},
-        {[](KelmKernelImpl& k) { return k.set_control_mode(0); }, R"({"command":"setControlMode","arm_index":1,"mode":0})"},
-        {[](KelmKernelImpl& k) { return k.set_collision_config(true, 3); }, R"({"command":"setCollisionConfig","arm_index":1,"flag":true,"level":3})"},
-        {[](KelmKernelImpl& k) { return k.set_teleoperation_mode(2); }, R"({"command":"setTeleoperationMode","arm_index":1,"is_master":2})"},
-        {[](KelmKernelImpl& k) { return k.disable_stop(); }, R"({"command":"stopSignals","stop_id":"SIG_ARM_DISABLE"})"},
-        {[](KelmKernelImpl& k) { return k.emergency_stop(); }, R"({"command":"stopSignals","stop_id":"SIG_EMERGENCY_STOP"})"},
-        {[](KelmKernelImpl& k) { return k.task_stop(true); }, R"({"command":"stopSignals","arm_index":1,"stop_id":"SIG_TASK_STOP","stop_at_once":true})"},
-        {[](KelmKernelImpl& k) { return k.stop(); }, R"({"command":"stopSignals","arm_index":1,"stop_id":"SIG_ARM_STOP","step_cnt":5})"},
-        {[](KelmKernelImpl& k) { return k.pause(); }, R"({"command":"stopSignals","arm_index":1,"stop_id":"SIG_ARM_PAUSE","step_cnt":5})"},
-        {[](KelmKernelImpl& k) { return k.recover(); }, R"({"command":"stopSignals","arm_index":1,"stop_id":"SIG_ARM_RECOVER","step_cnt":5})"},
-        {[](KelmKernelImpl& k) { return k.clean_kelm_error(); }, R"({"command":"setControllerErrorReset","arm_index":1})"},
-        {[](KelmKernelImpl& k) { return k.set_speed_level(11.0, 0); }, R"({"command":"setSpeedLevel","arm_index":1,"level":10.0,"response_level":1})"},
-        {[](KelmKernelImpl& k) { return k.set_speed_level(-1.0, 20000); }, R"({"command":"setSpeedLevel","arm_index":1,"level":0.0,"response_level":10000})"},
+        {[](KelmKernelImpl& k) { return k.set_servo_enable(true); },
+         R"({"command":"setServoEnable","arm_index":1,"enable":true})"},
+        {[](KelmKernelImpl& k) { return k.set_control_mode(0); },
+         R"({"command":"setControlMode","arm_index":1,"mode":0})"},
+        {[](KelmKernelImpl& k) { return k.set_collision_config(true, 3); },
+         R"({"command":"setCollisionConfig","arm_index":1,"flag":true,"level":3})"},
+        {[](KelmKernelImpl& k) { return k.set_teleoperation_mode(2); },
+         R"({"command":"setTeleoperationMode","arm_index":1,"is_master":2})"},
+        {[](KelmKernelImpl& k) { return k.disable_stop(); },
+         R"({"command":"stopSignals","stop_id":"SIG_ARM_DISABLE"})"},
+        {[](KelmKernelImpl& k) { return k.emergency_stop(); },
+         R"({"command":"stopSignals","stop_id":"SIG_EMERGENCY_STOP"})"},
+        {[](KelmKernelImpl& k) { return k.task_stop(true); },
+         R"({"command":"stopSignals","arm_index":1,"stop_id":"SIG_TASK_STOP","stop_at_once":true})"},
+        {[](KelmKernelImpl& k) { return k.stop(); },
+         R"({"command":"stopSignals","arm_index":1,"stop_id":"SIG_ARM_STOP","step_cnt":5})"},
+        {[](KelmKernelImpl& k) { return k.pause(); },
+         R"({"command":"stopSignals","arm_index":1,"stop_id":"SIG_ARM_PAUSE","step_cnt":5})"},
+        {[](KelmKernelImpl& k) { return k.recover(); },
+         R"({"command":"stopSignals","arm_index":1,"stop_id":"SIG_ARM_RECOVER","step_cnt":5})"},
+        {[](KelmKernelImpl& k) { return k.clean_kelm_error(); },
+         R"({"command":"setControllerErrorReset","arm_index":1})"},
+        {[](KelmKernelImpl& k) { return k.set_speed_level(11.0, 0); },
+         R"({"command":"setSpeedLevel","arm_index":1,"level":10.0,"response_level":1})"},
+        {[](KelmKernelImpl& k) { return k.set_speed_level(-1.0, 20000); },
+         R"({"command":"setSpeedLevel","arm_index":1,"level":0.0,"response_level":10000})"},
         {[](KelmKernelImpl& k) { return k.set_debug(true); }, R"({"command":"setDebugMode","trigger":true})"},
-        {[](KelmKernelImpl& k) { return k.set_end_effector(0.1, 30.0); }, R"({"command":"setEffectorCtr","arm_index":1,"pos":0.08,"tau":20.0})"},
-        {[](KelmKernelImpl& k) { return k.set_end_effector(-1.0, -1.0); }, R"({"command":"setEffectorCtr","arm_index":1,"pos":0.0,"tau":0.0})"},
-        {[](KelmKernelImpl& k) { return k.set_end_effector(kInf, 5.0); }, R"({"command":"setEffectorCtr","arm_index":1,"pos":0.08,"tau":5.0})"},
+        {[](KelmKernelImpl& k) { return k.set_end_effector(0.1, 30.0); },
+         R"({"command":"setEffectorCtr","arm_index":1,"pos":0.08,"tau":20.0})"},
+        {[](KelmKernelImpl& k) { return k.set_end_effector(-1.0, -1.0); },
+         R"({"command":"setEffectorCtr","arm_index":1,"pos":0.0,"tau":0.0})"},
+        {[](KelmKernelImpl& k) { return k.set_end_effector(kInf, 5.0); },
+         R"({"command":"setEffectorCtr","arm_index":1,"pos":0.08,"tau":5.0})"},
     };
     for (const auto& command : cases) {
         SCOPED_TRACE(command.second);
@@ -76,9 +92,10 @@ TEST_F(KernelCommands, RefusedArgumentsSendNothingAndOnlyTaskRecieveCountsAsTake
     EXPECT_EQ(log.count("error: 输入含有非法值，请检查输入！！！", LOG_ERROR), 3u);
     EXPECT_EQ(kernel.sentCount(), 0u);
 
-    const std::vector<std::pair<Json::Value, int>> replies = {{TestPeer::recv("Task_Refused"), -1},
-                                                              {jsonObject({{"result", "ok"}}), -1},
-                                                              {jsonObject({{"recv", "Task_Recieve"}, {"extra", 7}}), 1}};
+    const std::vector<std::pair<Json::Value, int>> replies = {
+        {TestPeer::recv("Task_Refused"), -1},
+        {jsonObject({{"result", "ok"}}), -1},
+        {jsonObject({{"recv", "Task_Recieve"}, {"extra", 7}}), 1}};
     for (const auto& reply : replies) {
         kernel.replyTo("setServoEnable", reply.first);
         EXPECT_EQ(kernel->set_servo_enable(true), reply.second) << reply.first;
@@ -106,7 +123,8 @@ TEST_F(KernelCommands, ReadsTheJointConfigurationAndVersion) {
     EXPECT_EQ(config.joint_jerk, (std::vector<double>{50.5, 51.5, 52.5, 53.5, 0, 0, 0}));
     EXPECT_TRUE(kernel->config.limit_upper.empty());  // only the ready sequence stores it
     EXPECT_EQ(kernel->get_version(), "v2.3.1");
-    EXPECT_EQ(nextRequest("getArmIntrinsicProperties"), parse(R"({"command":"getArmIntrinsicProperties","type":"version","arm_index":1})"));
+    EXPECT_EQ(nextRequest("getArmIntrinsicProperties"),
+              parse(R"({"command":"getArmIntrinsicProperties","type":"version","arm_index":1})"));
 }
 
 // ---- streaming ----
@@ -166,14 +184,33 @@ TEST_F(KernelStreaming, TrackingNormalisesQuaternionsAndSendsTheGripperOnlyWhenG
 TEST_F(KernelStreaming, RefusedStreamsLogOnceAndSendNothing) {
     const std::vector<double> tau(6, 0.5);
     const std::vector<std::pair<std::function<int()>, const char*>> cases = {
-        {[&] { return kernel->tracking({kNaN, 0, 0, 0, 0, 0}, true, 0.0); }, "输入含有非法值"},
-        {[&] { return kernel->tracking({kInf, 0, 0, 0, 0, 0}, true, 0.0); }, "输入含有非法值"},
+        {[&] {
+             return kernel->tracking({kNaN, 0, 0, 0, 0, 0}, true, 0.0);
+         },
+         "输入含有非法值"},
+        {[&] {
+             return kernel->tracking({kInf, 0, 0, 0, 0, 0}, true, 0.0);
+         },
+         "输入含有非法值"},
         {[&] { return kernel->tracking({kNaN}, true, 0.0); }, "输入含有非法值"},
-        {[&] { return kernel->tracking({0, 0, 0, 0, 0}, true, 0.0); }, "move_tracking: 输入目标维度与臂维度不一致，输入维度: 5, 臂维度: 6"},
-        {[&] { return kernel->tracking({0, 0, 0, 0, 0, 1}, false, 0.0); }, "输入维度: 6, 合理维度: 7"},
-        {[&] { return kernel->tracking({0, 0, 0, 0, 0, 0, 1, 0}, false, 0.0); }, "输入维度: 8, 合理维度: 7"},
-        {[&] { return kernel->set_redundancy_tau({kNaN}, 0.0); }, "输入冗余关节力矩维度与臂维度不一致，输入维度: 1, 臂维度: 6"},
-        {[&] { return kernel->set_redundancy_tau({kNaN, 0, 0, 0, 0, 0}, 0.0); }, "输入含有非法值"},
+        {[&] {
+             return kernel->tracking({0, 0, 0, 0, 0}, true, 0.0);
+         },
+         "move_tracking: 输入目标维度与臂维度不一致，输入维度: 5, 臂维度: 6"},
+        {[&] {
+             return kernel->tracking({0, 0, 0, 0, 0, 1}, false, 0.0);
+         },
+         "输入维度: 6, 合理维度: 7"},
+        {[&] {
+             return kernel->tracking({0, 0, 0, 0, 0, 0, 1, 0}, false, 0.0);
+         },
+         "输入维度: 8, 合理维度: 7"},
+        {[&] { return kernel->set_redundancy_tau({kNaN}, 0.0); },
+         "输入冗余关节力矩维度与臂维度不一致，输入维度: 1, 臂维度: 6"},
+        {[&] {
+             return kernel->set_redundancy_tau({kNaN, 0, 0, 0, 0, 0}, 0.0);
+         },
+         "输入含有非法值"},
         {[&] { return kernel->set_redundancy_tau(tau, kNaN); }, "输入含有非法值"},
     };
     for (std::size_t i = 0; i < cases.size(); ++i) {

@@ -83,8 +83,8 @@ TEST_F(KernelFrames, AbsentKeysKeepTheirValuesAndDataCallbacksStillFire) {
     connectKernel();
     deliver(twoArmFrame(1));
     std::vector<std::vector<double>> positions;
-    kernel->register_get_joint_callback(
-        "probe", [&](double, std::vector<double> pos, std::vector<double>, std::vector<double>) { positions.push_back(pos); });
+    kernel->register_get_joint_callback("probe", [&](double, std::vector<double> pos, std::vector<double>,
+                                                     std::vector<double>) { positions.push_back(pos); });
     Json::Value bare = jsonObject({{"command", "webSendRobotState"}, {"count", 2}});
     bare["arm"].append(jsonObject({{"arm_index", 0}}));
     deliver(bare);
@@ -179,7 +179,8 @@ TEST_F(KernelFrames, FiresRegistriesInOrderAndStateChangesOnlyOnAnEdge) {
     kernel->register_get_external_force_callback("probe", note("force"));
     kernel->register_get_tele_slave_data_callback("probe", note("slave"));
     kernel->register_state_changed_callback("probe", [&](int state) {
-        events.push_back("state" + std::to_string(state) + ":" + fsm_mode_str_map.at(static_cast<FsmMode>(kernel->get_status().fsm_mode)));
+        events.push_back("state" + std::to_string(state) + ":" +
+                         fsm_mode_str_map.at(static_cast<FsmMode>(kernel->get_status().fsm_mode)));
     });
     kernel->register_get_joint_callback("probe", note("joint"));
     kernel->register_get_pose_callback("probe", note("pose"));
@@ -193,9 +194,9 @@ TEST_F(KernelFrames, FiresRegistriesInOrderAndStateChangesOnlyOnAnEdge) {
     Json::Value frame = stateFrame(2, {arm});
     frame["error"] = 7;
     deliver(frame);
-    EXPECT_EQ(events, (std::vector<std::string>{"error:arm0", "mode0", "servo0", "code0", "run0", "mode1", "servo1",
-                                                "code1", "run1", "force", "slave", "state1:MIT", "joint", "pose",
-                                                "plan", "master"}));
+    EXPECT_EQ(events,
+              (std::vector<std::string>{"error:arm0", "mode0", "servo0", "code0", "run0", "mode1", "servo1", "code1",
+                                        "run1", "force", "slave", "state1:MIT", "joint", "pose", "plan", "master"}));
     events.clear();
     frame["error"] = 0;
     deliver(frame);
@@ -241,10 +242,10 @@ TEST_F(KernelFrames, ThrowingOrEmptyCallbackEndsOnlyItsFrame) {
     connectKernel();
     int pose_calls = 0;
     int throws_left = 1;
-    kernel->register_get_joint_callback("probe", [&](double, std::vector<double>, std::vector<double>,
-                                                     std::vector<double>) {
-        if (throws_left-- > 0) throw std::runtime_error("joint listener failed");
-    });
+    kernel->register_get_joint_callback("probe",
+                                        [&](double, std::vector<double>, std::vector<double>, std::vector<double>) {
+                                            if (throws_left-- > 0) throw std::runtime_error("joint listener failed");
+                                        });
     kernel->register_get_pose_callback("probe", [&](double, Pose) { ++pose_calls; });
     deliver(twoArmFrame(1));
     EXPECT_TRUE(log.contains("joint listener failed", LOG_ERROR));

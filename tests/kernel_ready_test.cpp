@@ -111,7 +111,7 @@ struct ReadyCase {
     int servo_on_at_request;
     bool retry;  // the call
     double budget_ms;
-    int result;  // what is expected
+    int result;          // what is expected
     int servo_requests;  // -1: not checked
     std::size_t min_resets;
     const char* logged;      // may be null
@@ -222,7 +222,8 @@ TEST_F(KernelTaskWait, ErrorEndsTheWaitAndLeavesAStaleSubscription) {
 
 TEST_F(KernelTaskWait, DisconnectEndsTheWaitAndReconnectDoesNot) {
     std::thread disturber([&] {
-        if (!waitUntil([&] { return RegistryProbe::contains(*kernel, kernel->connect_changed_callbacks, "move-6"); })) return;
+        if (!waitUntil([&] { return RegistryProbe::contains(*kernel, kernel->connect_changed_callbacks, "move-6"); }))
+            return;
         kernel->connectChanged(true);
         EXPECT_EQ(kernel->task_wait_flag.load(), 0);
         kernel->socket().abort();

@@ -15,7 +15,8 @@ namespace test {
 namespace {
 
 TEST(KelmTables, SpotChecks) {
-    for (const auto& row : std::vector<std::pair<int, std::string>>{{-1, "ERROR"}, {0, "IDLE"}, {2, "MIT"}, {5, "TELEOPERATION"}}) {
+    for (const auto& row :
+         std::vector<std::pair<int, std::string>>{{-1, "ERROR"}, {0, "IDLE"}, {2, "MIT"}, {5, "TELEOPERATION"}}) {
         EXPECT_EQ(fsm_mode_str_map.at(static_cast<FsmMode>(row.first)), row.second);
         EXPECT_EQ(str_map_fsm_mode.at(row.second), row.first);
     }
@@ -28,9 +29,11 @@ TEST(KelmTables, SpotChecks) {
     EXPECT_EQ(color_str_map.count("\033[1m"), 0u);
     EXPECT_EQ(kelm_err_code_map.size(), 47u);
     EXPECT_EQ(kelm_err_code_map.count(static_cast<KelmErrorCode>(19)), 0u);
-    for (const auto& row : std::vector<std::pair<int, std::string>>{
-             {18, "ERR_DYNAMICS_ERROR"}, {206, "ERR_EXTRA_ARM_COLLISION"}, {3001, "WARN_MESSAGE"},
-             {3203, "ERR_PLAN_SCENCE_ERROR"}, {3508, "ERR_CM_UPDATE_ENV"}}) {
+    for (const auto& row : std::vector<std::pair<int, std::string>>{{18, "ERR_DYNAMICS_ERROR"},
+                                                                    {206, "ERR_EXTRA_ARM_COLLISION"},
+                                                                    {3001, "WARN_MESSAGE"},
+                                                                    {3203, "ERR_PLAN_SCENCE_ERROR"},
+                                                                    {3508, "ERR_CM_UPDATE_ENV"}}) {
         EXPECT_EQ(kelm_err_code_map.at(static_cast<KelmErrorCode>(row.first)), row.second) << row.first;
     }
 }
@@ -93,7 +96,7 @@ TEST_F(KernelIO, StationsAreSkippedKeptOrEmptiedAsTheBlockSays) {
     parseIO(R"({"rtu": [{"size": [1, 1], "di": [1], "do": [1]}, {"size": [2, 2], "di": [3], "do": [3]}]})");
     EXPECT_EQ(parseIO(R"({"rtu": [{"size": [1]}, {"size": []}]})"), 1);
     EXPECT_EQ(stations[0].units[0].di_value, std::vector<int>{1});  // odd size: kept
-    EXPECT_TRUE(stations[1].units.empty());                       // empty size: no units
+    EXPECT_TRUE(stations[1].units.empty());                         // empty size: no units
     EXPECT_EQ(parseIO(R"({"count": 1})"), 1);
     EXPECT_EQ(stations.size(), 2u);  // no rtu: untouched
     EXPECT_EQ(parseIO(R"({"rtu": []})"), 1);

@@ -40,8 +40,8 @@ TEST(LogManager, FormatsConversionsAsTheControllerTextsNeedThem) {
 
 TEST(PrintArray, ScientificOnlyAboveOneMillionAndTheLabelKeptAsGiven) {
     LogCapture log;
-    const std::array<double, 7> values = {1000000.0, 2000000.0, -2000000.0,
-                                          std::numeric_limits<double>::quiet_NaN(), 0.1, -0.25, 3.0};
+    const std::array<double, 7> values = {1000000.0, 2000000.0, -2000000.0, std::numeric_limits<double>::quiet_NaN(),
+                                          0.1,       -0.25,     3.0};
     getLogInstance()->printArray(__FILE__, __LINE__, LOG_INFO, "quat_pose: ", values, 6, ", ");
     EXPECT_EQ(lastLine(log),
               "quat_pose:  : 1000000.000000, 2.000000e+06, -2000000.000000, nan, 0.100000, -0.250000, 3.000000");

@@ -24,9 +24,13 @@ std::vector<NamedMove> singleTargetMoves() {
         {"move_joint", [](auto& k, auto& t, auto& key, bool j) { return k.move_joint(t, key, 100.0, 0, 0, j); }},
         {"move_line", [](auto& k, auto& t, auto& key, bool j) { return k.move_line(t, key, 100.0, 0, 0, j); }},
         {"move_3p_arc",
-         [](auto& k, auto& t, auto& key, bool j) { return k.move_3p_arc({t, t, t}, key, 1.0, true, 0.0, 0, 0, j); }},
+         [](auto& k, auto& t, auto& key, bool j) {
+             return k.move_3p_arc({t, t, t}, key, 1.0, true, 0.0, 0, 0, j);
+         }},
         {"move_center_arc",
-         [](auto& k, auto& t, auto& key, bool j) { return k.move_center_arc({t, t, t}, key, 1.0, true, 0, 0, 0, j); }},
+         [](auto& k, auto& t, auto& key, bool j) {
+             return k.move_center_arc({t, t, t}, key, 1.0, true, 0, 0, 0, j);
+         }},
     };
 }
 
@@ -40,10 +44,12 @@ TEST_F(MotionTest, TargetsAreCheckedForValuesThenLengthThenLimitsOrQuaternion) {
         {{-3.0, 2.0, -2.5, 3.0, -1.5, 6.0}, true, ""},
         {with(kHome, 2, 2.5 + 1e-9), true, "关节[2]数据超出限位. limit = [-2.500000, 2.500000], value = 2.500000"},
         {with(kHome, 5, -6.0 - 1e-9), true, "关节[5]数据超出限位. limit = [-6.000000, 6.000000], value = -6.000000"},
-        {{0.3, 0.1, 0.4, 0.0, 0.0, 0.0, 1.0, 0.0}, false,
+        {{0.3, 0.1, 0.4, 0.0, 0.0, 0.0, 1.0, 0.0},
+         false,
          "%s: 输入目标位姿维度不正确, 姿态默认四元数描述(xyzw), 输入维度: 8, 合理维度: 7"},
         {with(kPose, 6, std::sqrt(1.00009)), false, ""},
-        {with(kPose, 6, std::sqrt(1.0002)), false, "error: 输入四元数模不为1, 请检查目标输入, magnitude_squared = 1.000200"},
+        {with(kPose, 6, std::sqrt(1.0002)), false,
+         "error: 输入四元数模不为1, 请检查目标输入, magnitude_squared = 1.000200"},
     };
     for (const NamedMove& move : singleTargetMoves()) {
         for (const auto& [target, is_joint, expected] : cases) {
@@ -110,7 +116,8 @@ TEST_F(MotionTest, ArcSendsItsTypeAndTheRadianOnlyAboveZero) {
     ASSERT_EQ(kernel->move_center_arc({kHome, kHome, kHome}, task_key, 20.0, true, 0.5, 1, 2, true), 1);
     const std::string home = "[0.0, 0.5, -0.5, 0.0, 1.0, 0.0]";
     expectBody(onlySent("webRecieveTasks"), R"({"command": "webRecieveTasks", "task_id": "TASK_MOVC", "arm_index": 1,
-        "point_type": {"space": 0}, "data": {"points": [)" + home + "," + home + "," + home + R"(],
+        "point_type": {"space": 0}, "data": {"points": [)" +
+                                                home + "," + home + "," + home + R"(],
         "speed": 20.0, "acc": 20.0, "tool": 1, "user": 2, "dir": 0, "radian": 0.5, "type": 1}})");
     for (double radian : {0.0, kNaN}) {
         ASSERT_EQ(kernel->move_3p_arc({kPose, kPose, kPose}, task_key, 20.0, false, radian, 0, 0, false), 1);

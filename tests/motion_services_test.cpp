@@ -111,9 +111,9 @@ TEST_F(MotionTest, ToolCoordinatesHoldSevenValuesUserCoordinatesAnyNumber) {
 
 TEST_F(MotionTest, CalibrationsAreJudgedByTheirResult) {
     const Points points{{1, 2, 3, 4, 5, 6, 7, 8}, {6, 5, 4, 3, 2, 1}};
-    const std::pair<const char*, int> cases[] = {
-        {R"({"result": "ok"})", 1}, {R"({"result": "fail", "recv": "Task_Recieve"})", -1},
-        {R"({"recv": "Task_Recieve"})", -2}};
+    const std::pair<const char*, int> cases[] = {{R"({"result": "ok"})", 1},
+                                                 {R"({"result": "fail", "recv": "Task_Recieve"})", -1},
+                                                 {R"({"recv": "Task_Recieve"})", -2}};
     for (const auto& [reply, expected] : cases) {
         answer("userCalibration", parseJson(reply));
         answer("toolCalibrate", parseJson(reply));
@@ -127,9 +127,9 @@ TEST_F(MotionTest, CalibrationsAreJudgedByTheirResult) {
 }
 
 TEST_F(MotionTest, ControllerCalibrationsReturnTheControllersRet) {
-    const std::pair<const char*, int> cases[] = {
-        {R"({"recv": "Task_Recieve", "ret": 5})", 5}, {R"({"recv": "Task_Recieve"})", 0},
-        {R"({"recv": "Task_Refused", "ret": 5})", -1}};
+    const std::pair<const char*, int> cases[] = {{R"({"recv": "Task_Recieve", "ret": 5})", 5},
+                                                 {R"({"recv": "Task_Recieve"})", 0},
+                                                 {R"({"recv": "Task_Refused", "ret": 5})", -1}};
     for (const auto& [reply, expected] : cases) {
         answer("setZeroPosition", parseJson(reply));
         EXPECT_EQ(kernel->set_zero_position(2), expected) << reply;

@@ -64,12 +64,18 @@ TEST_F(PvtTest, PointMessagesCountFromOne) {
         {{kHome, kShort}, {}, {1.0, 2.0}, "第[2]组数据只有5个,请保证关节数据长度为6."},
         {{kShort, with(kHome, 1, kNaN)}, {}, {1.0, 2.0}, "非法值"},
     });
-    run({
-        {{kPose, {0.3, 0.1, 0.4, 0.0, 0.0, 0.0}}, {}, {1.0, 2.0},
-         "第[2]组数据只有6个,请保证笛卡尔空间下位置数据长度为7."},
-        {{with(kPose, 6, 1.001)}, {}, {1.0}, "error: 输入四元数模不为1, 请检查目标输入, magnitude_squared = 1.002001"},
-        {{kPose}, {}, {1.0}, ""},
-    },
+    run(
+        {
+            {{kPose, {0.3, 0.1, 0.4, 0.0, 0.0, 0.0}},
+             {},
+             {1.0, 2.0},
+             "第[2]组数据只有6个,请保证笛卡尔空间下位置数据长度为7."},
+            {{with(kPose, 6, 1.001)},
+             {},
+             {1.0},
+             "error: 输入四元数模不为1, 请检查目标输入, magnitude_squared = 1.002001"},
+            {{kPose}, {}, {1.0}, ""},
+        },
         false);
 }
 
@@ -81,7 +87,8 @@ TEST_F(PvtTest, GripperIsClampedAndLinkedOnlyWithAConnectedGripper) {
     expectBody(onlySent("webRecieveTasks"), R"({"command": "webRecieveTasks", "task_id": "TASK_PVT",
         "task_level": "Task_General", "arm_index": 1, "point_type": {"space": 0},
         "gripper": {"gripper_linkage": 1, "eeffe_point": [0.0, 0.08, 0.05]},
-        "data": {"time": [1.0, 2.0, 3.0], "pos": [)" + home + "," + home + "," + home + "]}}");
+        "data": {"time": [1.0, 2.0, 3.0], "pos": [)" +
+                                                home + "," + home + "," + home + "]}}");
 
     kernel->end_effector.connected = false;
     ASSERT_EQ(kernel->move_pvt(three, {-1.0, 0.1, 0.05}, {1.0, 2.0, 3.0}, task_key, true), 1);

@@ -52,9 +52,9 @@ public:
             arms_[i].version = "v" + std::to_string(i);
         }
         peer.replyToAll(TestPeer::recv("Task_Recieve"), kReplyDelay);
-        for (const char* command : {"setServoEnable", "setControlMode", "setSpeedLevel", "setCollisionConfig",
-                                    "webRecieveTasks", "teachRecorder", "getJointParams",
-                                    "getArmIntrinsicProperties", "setToolData"}) {
+        for (const char* command :
+             {"setServoEnable", "setControlMode", "setSpeedLevel", "setCollisionConfig", "webRecieveTasks",
+              "teachRecorder", "getJointParams", "getArmIntrinsicProperties", "setToolData"}) {
             peer.replyWith(
                 command, [this](const Json::Value& request) { return answer(request); }, kReplyDelay);
         }

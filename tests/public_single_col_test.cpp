@@ -64,23 +64,27 @@ TEST_F(SingleColTest, MotionMembersChooseTheirRequestByTimeAndTarget) {
          }},
         {"a duration of 0 is refused by the timed move",
          [](KelmSingleCol& a) { return a.move_joint(kJointTarget, 0.0, false); }, -1, nullptr, 0, nullptr},
-        {"pose, negative time", [](KelmSingleCol& a) { return a.move_pose(kPoseTarget, -1.0, false); }, 1,
-         "TASK_MOVJ", 1, [](const Json::Value& r) { EXPECT_EQ(r["data"]["target_pos"].size(), 7u); }},
-        {"line to joints", [](KelmSingleCol& a) { return a.move_line_joint(kJointTarget, false); }, 1, "TASK_MOVL",
-         0, [](const Json::Value& r) { EXPECT_EQ(r["data"]["speed"].asDouble(), 100.0); }},
+        {"pose, negative time", [](KelmSingleCol& a) { return a.move_pose(kPoseTarget, -1.0, false); }, 1, "TASK_MOVJ",
+         1, [](const Json::Value& r) { EXPECT_EQ(r["data"]["target_pos"].size(), 7u); }},
+        {"line to joints", [](KelmSingleCol& a) { return a.move_line_joint(kJointTarget, false); }, 1, "TASK_MOVL", 0,
+         [](const Json::Value& r) { EXPECT_EQ(r["data"]["speed"].asDouble(), 100.0); }},
         {"line to a pose", [](KelmSingleCol& a) { return a.move_line_pose(kPoseTarget, false); }, 1, "TASK_MOVL", 1,
          [](const Json::Value& r) { EXPECT_EQ(r["data"]["point"].size(), 7u); }},
         {"3 points, 2 stamps: the controller times the path",
-         [&](KelmSingleCol& a) { return a.move_joint_traj(three_points, {0.01, 0.02}, {1.0, 2.0}, false); }, 1,
-         "TASK_MOVT", 0,
+         [&](KelmSingleCol& a) {
+             return a.move_joint_traj(three_points, {0.01, 0.02}, {1.0, 2.0}, false);
+         },
+         1, "TASK_MOVT", 0,
          [](const Json::Value& r) {
              EXPECT_EQ(r["data"]["point_num"].asInt(), 3);
              EXPECT_EQ(r["data"]["speed"].asDouble(), 100.0);
              EXPECT_FALSE(r.isMember("gripper"));
          }},
         {"3 points, 3 stamps, no gripper: timed points",
-         [&](KelmSingleCol& a) { return a.move_joint_traj(three_points, {}, {1.0, 2.0, 3.0}, false); }, 1,
-         "TASK_PVT", 0,
+         [&](KelmSingleCol& a) {
+             return a.move_joint_traj(three_points, {}, {1.0, 2.0, 3.0}, false);
+         },
+         1, "TASK_PVT", 0,
          [](const Json::Value& r) {
              EXPECT_EQ(r["data"]["time"].size(), 3u);
              EXPECT_EQ(r["gripper"]["gripper_linkage"].asInt(), 0);
@@ -90,8 +94,10 @@ TEST_F(SingleColTest, MotionMembersChooseTheirRequestByTimeAndTarget) {
          [](KelmSingleCol& a) { return a.move_pose_traj({}, {}, {1.0}, false); }, 1, "TASK_MOVT", 1,
          [](const Json::Value& r) { EXPECT_EQ(r["data"]["point_num"].asInt(), 0); }},
         {"poses with one stamp each",
-         [](KelmSingleCol& a) { return a.move_pose_traj({kPoseTarget, kPoseTarget}, {}, {1.0, 2.0}, false); }, 1,
-         "TASK_PVT", 1,
+         [](KelmSingleCol& a) {
+             return a.move_pose_traj({kPoseTarget, kPoseTarget}, {}, {1.0, 2.0}, false);
+         },
+         1, "TASK_PVT", 1,
          [](const Json::Value& r) {
              ASSERT_EQ(r["data"]["pos"].size(), 2u);
              EXPECT_EQ(r["data"]["pos"][1][1].asDouble(), kPoseTarget[1]);

@@ -52,9 +52,8 @@ TEST_F(SimFaultTest, ErrorEndsTheTaskWaitUntilResetAWarningStopsNothing) {
     // Shared with the callback, which outlives this scope when an assertion
     // ends the test early.
     auto errors = std::make_shared<Recorder<std::pair<int, std::string>>>();
-    kernel.register_error_catch_callback("errors", [errors](int code, std::string message) {
-        errors->add(std::make_pair(code, message));
-    });
+    kernel.register_error_catch_callback(
+        "errors", [errors](int code, std::string message) { errors->add(std::make_pair(code, message)); });
     const auto lastError = [errors] {
         const auto all = errors->values();
         return all.empty() ? std::make_pair(0, std::string()) : all.back();

@@ -48,7 +48,8 @@ TEST(SimKinematics, InverseUndoesForwardAndRefusesAnUnreachablePose) {
         for (size_t i = 0; i < joints.size(); ++i) EXPECT_NEAR(solved[i], joints[i], 1e-6) << "trial " << trial;
     }
     std::vector<double> solved{1, 2, 3};
-    EXPECT_FALSE(kinematics.inverse(KDL::Frame(KDL::Vector(3.0, 0.0, 0.5)), std::vector<double>(6, 0.1), limits, solved));
+    EXPECT_FALSE(
+        kinematics.inverse(KDL::Frame(KDL::Vector(3.0, 0.0, 0.5)), std::vector<double>(6, 0.1), limits, solved));
     EXPECT_EQ(solved, (std::vector<double>{1, 2, 3}));
 }
 
@@ -245,7 +246,9 @@ TEST_F(SimModelTest, ModesFollowTheirRequests) {
 TEST_F(SimModelTest, EveryTaskKindEndsWhereItsRequestSays) {
     makeReady();
     const ArmKinematics kinematics(6);
-    const auto poseOf = [&](const std::vector<double>& joints) { return ArmKinematics::toPose(kinematics.flange(joints)); };
+    const auto poseOf = [&](const std::vector<double>& joints) {
+        return ArmKinematics::toPose(kinematics.flange(joints));
+    };
     const auto shifted = [](Pose pose, double dy, double dz) {
         pose[1] += dy;
         pose[2] += dz;
@@ -306,8 +309,10 @@ TEST_F(SimModelTest, EveryTaskKindEndsWhereItsRequestSays) {
         m["dir"] = jog[8] == 'J' ? 1 : -1;
         m["data"]["speed"] = 50.0;
         Case& c = add(jog, m);
-        if (jog[8] == 'J') c.end_joints = jogged;
-        else c.end_pose = jogged_down;
+        if (jog[8] == 'J')
+            c.end_joints = jogged;
+        else
+            c.end_pose = jogged_down;
     }
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

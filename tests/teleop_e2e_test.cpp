@@ -128,12 +128,13 @@ std::string bringUpText(const std::string& mode_line, const std::string& force_t
 }
 
 const char* const kModeAnnouncements[] = {"即将初始化普通关节同臂遥操。", "即将初始化笛卡尔末端遥操。",
-                                           "即将初始化力反馈同臂遥操。"};
+                                          "即将初始化力反馈同臂遥操。"};
 const char* const kModeStarts[] = {"启动普通关节同臂遥操\n", "启动笛卡尔末端遥操\n", "启动力反馈同臂遥操\n"};
 
 std::string modeEnteredText(int mode) {
     return std::string(kModeStarts[mode]) +
-           (mode == 2 ? "主臂kelm1进入主臂模式, 从臂kelm2进入从臂模式.\n" : "主臂kelm1进入拖动模式, 从臂kelm2进入MIT模式.\n") +
+           (mode == 2 ? "主臂kelm1进入主臂模式, 从臂kelm2进入从臂模式.\n"
+                      : "主臂kelm1进入拖动模式, 从臂kelm2进入MIT模式.\n") +
            "遥操同步成功，可以拖动主臂.\n";
 }
 
@@ -233,8 +234,9 @@ protected:
 
     // Waits for the run loop, then for kFramesToRelay tracking messages at the slave.
     void waitForStream(TeleopProcess& tool) {
-        ASSERT_TRUE(tool.waitForStdout(kRunningLine, kBringUpLimit))
-            << "stdout:\n" << tool.stdoutText() << "stderr:\n" << tool.stderrText();
+        ASSERT_TRUE(tool.waitForStdout(kRunningLine, kBringUpLimit)) << "stdout:\n"
+                                                                     << tool.stdoutText() << "stderr:\n"
+                                                                     << tool.stderrText();
         ASSERT_TRUE(slave_->waitForRequests("trajectoryTrackingTasks", kFramesToRelay, kStreamLimit));
     }
 
@@ -271,8 +273,9 @@ protected:
         EXPECT_LT(slave_->requests("getJointParams").back().at, master_moves[0].at);
         const std::string master_key = master_moves[0].json["task_key"].asString();
         const auto frames = master_->frames();
-        const auto finished = std::find_if(frames.begin(), frames.end(),
-                                           [&](const SentFrame& frame) { return frame.arm.last_task_key == master_key; });
+        const auto finished = std::find_if(frames.begin(), frames.end(), [&](const SentFrame& frame) {
+            return frame.arm.last_task_key == master_key;
+        });
         ASSERT_NE(finished, frames.end()) << "the master never reported its homing move finished";
         EXPECT_LT(finished->at, slave_moves[0].at);
 
@@ -350,7 +353,8 @@ const std::string kForceWarning = "夹持力必须大于0夹爪才能移动\n";
 INSTANTIATE_TEST_SUITE_P(
     AllModes, TeleopModes,
     ::testing::Values(ModeCase{"Joint", 0, false, {}, "", "10", 10.0},
-                      ModeCase{"JointMirroredForceZeroKeepsDefault", 0, true, {"--force", "0"}, kForceWarning, "10", 10.0},
+                      ModeCase{
+                          "JointMirroredForceZeroKeepsDefault", 0, true, {"--force", "0"}, kForceWarning, "10", 10.0},
                       ModeCase{"Pose", 1, false, {"--force", "5.5"}, "", "5.5", 5.5},
                       // An infinite force passes the tool's check; the gripper command clamps it.
                       ModeCase{"PoseMirroredInfiniteForce", 1, true, {"--force", "inf"}, "", "inf", 20.0},
@@ -387,7 +391,8 @@ TEST_P(TeleopEvents, EndTheRunWithExitZero) {
     ASSERT_NE(running_at, std::string::npos) << output;
     std::string after_running = output.substr(running_at + kRunningLine.size());
     EXPECT_EQ(after_running.rfind(event_line, 0), 0u) << output;
-    for (size_t at; (at = after_running.find(event_line)) != std::string::npos;) after_running.erase(at, event_line.size());
+    for (size_t at; (at = after_running.find(event_line)) != std::string::npos;)
+        after_running.erase(at, event_line.size());
     EXPECT_EQ(after_running, "检测到错误，准备退出...\n退出遥操，臂恢复为位置模式.\n") << output;
     expectPositionModeRestored();
 }
@@ -452,10 +457,10 @@ TEST_F(TeleopEndToEnd, SlaveRefusingMitModeEndsWithExitOneAndLeavesTheMasterInDr
 class SevenJointController {
 public:
     explicit SevenJointController(const char* host)
-        : server_(host, 8090,
-                  {nullptr,
-                   [this](kelm::WebSocketServer::ConnectionId id, const std::string& text) { onText(id, text); },
-                   nullptr}) {
+        : server_(
+              host, 8090,
+              {nullptr, [this](kelm::WebSocketServer::ConnectionId id, const std::string& text) { onText(id, text); },
+               nullptr}) {
         server_.start();
         frames_ = std::thread([this] { streamFrames(); });
     }
@@ -503,7 +508,8 @@ private:
             if (command == "webRecieveTasks") last_task_key_ = request["task_key"].asString();
             if (command == "setControlMode" && request["mode"].asInt() >= 2) seven_joints_ = true;
         }
-        if (command == "trajectoryTrackingTasks" || command == "setRedundancyTau" || command == "setEffectorCtr") return;
+        if (command == "trajectoryTrackingTasks" || command == "setRedundancyTau" || command == "setEffectorCtr")
+            return;
         // Like a real controller, take a moment: a reply that overtakes the
         // client's bookkeeping of its own request is lost.
         std::this_thread::sleep_for(1ms);
@@ -590,8 +596,8 @@ INSTANTIATE_TEST_SUITE_P(
                       CommandLineCase{"UnknownOption", {"--bogus"}, usageText(), 1},
                       CommandLineCase{"MissingArgument", {"--ip"}, usageText(), 1},
                       CommandLineCase{"ModeOutOfRange", {"--mode", "3"}, kDefaultAddressLine, 1},
-                      CommandLineCase{"ForceNotANumberWarns", {"-f", "nan", "-m", "-1"},
-                                      kForceWarning + kDefaultAddressLine, 1}),
+                      CommandLineCase{
+                          "ForceNotANumberWarns", {"-f", "nan", "-m", "-1"}, kForceWarning + kDefaultAddressLine, 1}),
     [](const ::testing::TestParamInfo<CommandLineCase>& info) { return info.param.name; });
 
 }  // namespace

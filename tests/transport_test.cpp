@@ -128,9 +128,12 @@ TEST_P(PeerEndingTest, LossIsReportedOnceAndReconnectWorks) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Endings, PeerEndingTest,
-                         ::testing::Values(std::make_pair("CloseFrame", +[](TestPeer& p) { p.closeConnections(); }),
-                                           std::make_pair("TcpShutdown", +[](TestPeer& p) { p.dropConnections(); }),
-                                           std::make_pair("PeerStopped", +[](TestPeer& p) { p.stop(); })),
+                         ::testing::Values(std::make_pair(
+                                               "CloseFrame", +[](TestPeer& p) { p.closeConnections(); }),
+                                           std::make_pair(
+                                               "TcpShutdown", +[](TestPeer& p) { p.dropConnections(); }),
+                                           std::make_pair(
+                                               "PeerStopped", +[](TestPeer& p) { p.stop(); })),
                          [](const auto& info) { return std::string(info.param.first); });
 
 // Payload sizes around the 7-bit, 16-bit and 64-bit length encodings.
@@ -192,7 +195,9 @@ TEST_F(TransportTest, ConcurrentSendersNeverTearOrReorderTheirMessages) {
     for (int t = 0; t < kThreads; ++t) {
         senders.emplace_back([&, t] {
             for (int i = 0; i < kPerThread; ++i)
-                EXPECT_EQ(client.sendRequest(jsonObject({{"thread", t}, {"seq", i}, {"pad", std::string(padding(t), 'p')}})), 1);
+                EXPECT_EQ(
+                    client.sendRequest(jsonObject({{"thread", t}, {"seq", i}, {"pad", std::string(padding(t), 'p')}})),
+                    1);
         });
     }
     for (auto& sender : senders) sender.join();

@@ -312,21 +312,17 @@ void WebSocketServer::Impl::receiveUntilClosed(ServerConnection& connection) {
             if (connection.dropped) break;
             const ReadOutcome outcome = readMessage(*connection.socket, message, kMaxMessageBytes, send_pong);
             switch (outcome.kind) {
-            case ReadOutcome::MESSAGE:
-                callHandler("text", handlers.on_text, connection.id, message);
-                continue;
-            case ReadOutcome::PONG:
-                continue;
-            case ReadOutcome::CLOSE_FRAME:
-                connection.sendClose(closeStatusOf(outcome.close_payload), outcome.close_payload);
-                break;
-            case ReadOutcome::END_OF_STREAM:
-                break;
-            case ReadOutcome::PROTOCOL_ERROR:
-                KELM_LOG(LOG_ERROR, "WebSocket server: connection %lu: %s", static_cast<unsigned long>(connection.id),
-                         outcome.error.c_str());
-                connection.sendClose(outcome.close_status);
-                break;
+                case ReadOutcome::MESSAGE: callHandler("text", handlers.on_text, connection.id, message); continue;
+                case ReadOutcome::PONG: continue;
+                case ReadOutcome::CLOSE_FRAME:
+                    connection.sendClose(closeStatusOf(outcome.close_payload), outcome.close_payload);
+                    break;
+                case ReadOutcome::END_OF_STREAM: break;
+                case ReadOutcome::PROTOCOL_ERROR:
+                    KELM_LOG(LOG_ERROR, "WebSocket server: connection %lu: %s",
+                             static_cast<unsigned long>(connection.id), outcome.error.c_str());
+                    connection.sendClose(outcome.close_status);
+                    break;
             }
             break;
         }
@@ -378,10 +374,9 @@ void WebSocketServer::start() {
     params->setTimeout(kUpgradeRequestTimeout);
     impl_->pool = std::make_unique<Poco::ThreadPool>(2, kMaxConnections + 2);
     Impl* impl = impl_.get();
-    auto factory = new UpgradeHandlerFactory(
-        [impl](Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response) {
-            impl->serve(request, response);
-        });
+    auto factory =
+        new UpgradeHandlerFactory([impl](Poco::Net::HTTPServerRequest& request,
+                                         Poco::Net::HTTPServerResponse& response) { impl->serve(request, response); });
     impl_->server = std::make_unique<Poco::Net::HTTPServer>(factory, *impl_->pool, socket, params);
     impl_->accepting = true;
     impl_->server->start();
@@ -402,7 +397,8 @@ void WebSocketServer::stop() {
     {
         std::unique_lock<std::mutex> lock(impl_->mutex);
         if (!impl_->threads_done.wait_for(lock, kStopTimeout, [this] { return impl_->serving_threads == 0; })) {
-            KELM_LOG(LOG_ERROR, "WebSocket server: %d connection threads still busy after stop", impl_->serving_threads);
+            KELM_LOG(LOG_ERROR, "WebSocket server: %d connection threads still busy after stop",
+                     impl_->serving_threads);
         }
     }
     // Poco's connection objects unregister from the server as they are

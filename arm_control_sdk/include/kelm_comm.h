@@ -104,10 +104,11 @@ public:
     double recv_rate = 0.5;
     std::deque<MsgHeader> pending_msgs;  // guarded by pending_mutex
     std::mutex pending_mutex;
-    std::map<std::string, std::function<void(std::string)>> subscriptions;                 // one-shot, by task key
-    std::map<std::string, std::function<void(std::string)>> task_completion_callbacks;     // by name, per finished task
-    std::map<std::string, std::function<void(std::string)>> update_robot_state_callbacks;  // by name, per non-reply message
-    std::map<std::string, std::function<void(bool)>> connect_changed_callbacks;            // by name, per connection change
+    std::map<std::string, std::function<void(std::string)>> subscriptions;              // one-shot, by task key
+    std::map<std::string, std::function<void(std::string)>> task_completion_callbacks;  // by name, per finished task
+    std::map<std::string, std::function<void(std::string)>>
+        update_robot_state_callbacks;                                            // by name, per non-reply message
+    std::map<std::string, std::function<void(bool)>> connect_changed_callbacks;  // by name, per connection change
     std::map<ComMode, std::string> com_mode_names;
 
 protected:

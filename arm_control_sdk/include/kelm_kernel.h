@@ -47,7 +47,7 @@ namespace kelm {
 
 // Snapshot of an arm's state as the state frames last reported it.
 struct ArmStatus {
-    int arm_index = 0;      // element of the controller's `arm` array this kernel follows
+    int arm_index = 0;  // element of the controller's `arm` array this kernel follows
     std::string arm_name;
     bool connected = false;  // connection state as of the call of get_status
     int dof = 0;             // number of joints reported by the frames
@@ -106,8 +106,7 @@ public:
     };
 
     using ErrorCallback = std::function<void(int, std::string)>;
-    using JointCallback =
-        std::function<void(double, std::vector<double>, std::vector<double>, std::vector<double>)>;
+    using JointCallback = std::function<void(double, std::vector<double>, std::vector<double>, std::vector<double>)>;
     using PoseCallback = std::function<void(double, Pose)>;
     using TeleDataCallback = std::function<void(double, std::vector<double>, double)>;
     using ScalarCallback = std::function<void(double, double, double)>;
@@ -277,8 +276,7 @@ public:
     int move_joint(const std::vector<double>& target, std::string& task_key, double speed, int tool, int user,
                    bool is_joint);
     // Straight-line move to `target`.
-    int move_line(std::vector<double> target, std::string& task_key, double speed, int tool, int user,
-                  bool is_joint);
+    int move_line(std::vector<double> target, std::string& task_key, double speed, int tool, int user, bool is_joint);
     // Way-points passed to the controller with no check of their values.
     // `gripper`, if not empty, holds one gripper position [m] per point and
     // moves the gripper along when it is connected (negative values and NaN
@@ -302,8 +300,8 @@ public:
     // next.
     int move_3p_arc(const std::array<std::vector<double>, 3>& points, std::string& task_key, double speed, bool dir,
                     double radian, int tool, int user, bool is_joint);
-    int move_center_arc(const std::array<std::vector<double>, 3>& points, std::string& task_key, double speed,
-                        bool dir, double radian, int tool, int user, bool is_joint);
+    int move_center_arc(const std::array<std::vector<double>, 3>& points, std::string& task_key, double speed, bool dir,
+                        double radian, int tool, int user, bool is_joint);
     // Hop to `target`: from the pose of the current (planned, else measured)
     // joint position, up by `up` [m], over to `target` + `down` [m], and down
     // onto `target`, sent as one move_toppra of four poses. -1 without

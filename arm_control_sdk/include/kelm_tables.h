@@ -117,8 +117,8 @@ enum KelmErrorCode : int {
 
 // Mode to name, for the log.
 inline std::map<FsmMode, std::string> fsm_mode_str_map = {
-    {ERROR, "ERROR"},       {IDLE, "IDLE"}, {POSITION, "POSITION"},           {MIT, "MIT"},
-    {CURRENT, "CURRENT"},   {PF, "PF"},     {TELEOPERATION, "TELEOPERATION"},
+    {ERROR, "ERROR"},     {IDLE, "IDLE"}, {POSITION, "POSITION"},           {MIT, "MIT"},
+    {CURRENT, "CURRENT"}, {PF, "PF"},     {TELEOPERATION, "TELEOPERATION"},
 };
 
 // Name to mode, for the `fsm_state` text of the state frames.

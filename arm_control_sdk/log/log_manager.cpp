@@ -119,8 +119,7 @@ namespace log_time {
 std::string getTimeStamp(int) {
     static std::atomic<std::uint64_t> sequence{0};
     const auto now = std::chrono::system_clock::now();
-    const auto micros =
-        std::chrono::duration_cast<std::chrono::microseconds>(now.time_since_epoch()).count() % 1000000;
+    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(now.time_since_epoch()).count() % 1000000;
     const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
     std::tm local{};
     localtime_r(&seconds, &local);
@@ -133,8 +132,7 @@ std::string getTimeStamp(int) {
 
 namespace {
 std::int64_t steadyNanoseconds() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
         .count();
 }
 }  // namespace
@@ -144,9 +142,7 @@ void timer_start(TimerUnit& timer) {
     timer.elapsed_ms = 0.0;
 }
 
-void timer_end(TimerUnit& timer) {
-    timer.elapsed_ms = static_cast<double>(steadyNanoseconds() - timer.start_ns) / 1e6;
-}
+void timer_end(TimerUnit& timer) { timer.elapsed_ms = static_cast<double>(steadyNanoseconds() - timer.start_ns) / 1e6; }
 
 }  // namespace log_time
 }  // namespace kelm

@@ -52,8 +52,8 @@ public:
     // Writes "<label> : v0, v1, ..., v6": each value in fixed notation with
     // `precision` digits, or scientific when it is greater than 1e6.
     template <typename ArrayT>
-    void printArray(const char* file, int line, LogLevel level, const char* label, const ArrayT& values,
-                    int precision, const char* separator);
+    void printArray(const char* file, int line, LogLevel level, const char* label, const ArrayT& values, int precision,
+                    const char* separator);
 
     // Installs (or, with an empty function, removes) the line observer.
     void setLineObserver(LineObserver observer);

@@ -47,14 +47,12 @@ int move_line(KelmKernelImpl& arm, const std::vector<double>& target, bool is_jo
     return finish_motion(arm, result, task_key, block);
 }
 
-int move_traj(KelmKernelImpl& arm, const std::vector<std::vector<double>>& points,
-              const std::vector<double>& gripper, const std::vector<double>& times, bool is_joint,
-              bool block) {
+int move_traj(KelmKernelImpl& arm, const std::vector<std::vector<double>>& points, const std::vector<double>& gripper,
+              const std::vector<double>& times, bool is_joint, bool block) {
     std::string task_key;
     const bool timed_points = !times.empty() && times.size() == points.size();
-    int result = timed_points
-                     ? arm.move_pvt(points, gripper, times, task_key, is_joint)
-                     : arm.move_toppra(points, task_key, kFullSpeed, kBaseTool, kBaseUser, is_joint);
+    int result = timed_points ? arm.move_pvt(points, gripper, times, task_key, is_joint)
+                              : arm.move_toppra(points, task_key, kFullSpeed, kBaseTool, kBaseUser, is_joint);
     return finish_motion(arm, result, task_key, block);
 }
 

@@ -33,9 +33,8 @@ int move_timed(KelmKernelImpl& arm, const std::vector<double>& target, double ti
 int move_line(KelmKernelImpl& arm, const std::vector<double>& target, bool is_joint, bool block);
 // Timed points when `times` holds one stamp per point, otherwise a path that
 // the controller times (then `gripper` and `times` are dropped).
-int move_traj(KelmKernelImpl& arm, const std::vector<std::vector<double>>& points,
-              const std::vector<double>& gripper, const std::vector<double>& times, bool is_joint,
-              bool block);
+int move_traj(KelmKernelImpl& arm, const std::vector<std::vector<double>>& points, const std::vector<double>& gripper,
+              const std::vector<double>& times, bool is_joint, bool block);
 
 // Prints "targets size error" and returns -1 when the target's length is not
 // the arm's joint count; otherwise streams it.

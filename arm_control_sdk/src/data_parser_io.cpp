@@ -69,7 +69,8 @@ void readStation(const Json::Value& station, KelmKernelImpl::RtuInfo& info) {
     const Json::ArrayIndex unit_count = sizes.size() / 2;
     for (Json::ArrayIndex k = 0; k < sizes.size(); ++k) {
         if (sizes[k].asInt() > kMaxChannelsPerUnit) {
-            KELM_LOG(LOG_ERROR, "rtu channel count %d above %d, station skipped", sizes[k].asInt(), kMaxChannelsPerUnit);
+            KELM_LOG(LOG_ERROR, "rtu channel count %d above %d, station skipped", sizes[k].asInt(),
+                     kMaxChannelsPerUnit);
             return;
         }
     }

@@ -140,7 +140,6 @@ int KelmDualBot::set_left_tool_index(int index) { return left_->set_tool_index(i
 int KelmDualBot::get_left_tool_index() { return left_->get_tool_index(); }
 std::array<double, 7> KelmDualBot::get_left_tool_coordinate(int index) { return left_->get_tool_coordinate(index); }
 
-
 int KelmDualBot::track_left_joint(const std::vector<double>& target, double gripper) {
     return arm_facade::track_joint(*left_, target, gripper);
 }
@@ -221,7 +220,6 @@ int KelmDualBot::set_right_gripper(double pos, double tau) { return right_->set_
 int KelmDualBot::set_right_tool_index(int index) { return right_->set_tool_index(index); }
 int KelmDualBot::get_right_tool_index() { return right_->get_tool_index(); }
 std::array<double, 7> KelmDualBot::get_right_tool_coordinate(int index) { return right_->get_tool_coordinate(index); }
-
 
 int KelmDualBot::track_right_joint(const std::vector<double>& target, double gripper) {
     return arm_facade::track_joint(*right_, target, gripper);

@@ -34,7 +34,6 @@ double clampFromZero(double value, double upper) { return value < 0.0 ? 0.0 : st
 
 void logIllegalSetting() { KELM_LOG(LOG_ERROR, "error: 输入含有非法值，请检查输入！！！"); }
 
-
 }  // namespace
 
 int KelmKernelImpl::set_servo_enable(bool enable) {
@@ -179,9 +178,8 @@ ArmConfig KelmKernelImpl::get_config() {
     }
     result.dof = dof;
     const std::pair<const char*, std::vector<double>*> columns[] = {
-        {"limit_upper", &result.limit_upper}, {"limit_lower", &result.limit_lower},
-        {"joint_vel", &result.joint_vel},     {"joint_acc", &result.joint_acc},
-        {"joint_dec", &result.joint_dec},     {"joint_jerk", &result.joint_jerk},
+        {"limit_upper", &result.limit_upper}, {"limit_lower", &result.limit_lower}, {"joint_vel", &result.joint_vel},
+        {"joint_acc", &result.joint_acc},     {"joint_dec", &result.joint_dec},     {"joint_jerk", &result.joint_jerk},
     };
     for (const auto& column : columns) column.second->assign(static_cast<size_t>(dof), 0.0);
     // Joint by joint; an array shorter than dof reads 0 for the joints it lacks.

@@ -20,7 +20,6 @@ using namespace motion_checks;
 
 namespace {
 
-
 // "joint1", "point3", "refer3": the numbered point keys, counted from 1.
 std::string pointKey(const char* word, std::size_t number) {
     char key[48];
@@ -62,8 +61,8 @@ int acceptedPointCount(const Json::Value& reply, const char* operation) {
 }
 
 void logIllegalQuaternion(std::size_t index, double norm_squared, const Pose& pose) {
-    KELM_LOG(LOG_ERROR, "error: 输入四元数模不为1, 请检查quat_poses[%d], magnitude_squared =%f", static_cast<int>(index),
-             norm_squared);
+    KELM_LOG(LOG_ERROR, "error: 输入四元数模不为1, 请检查quat_poses[%d], magnitude_squared =%f",
+             static_cast<int>(index), norm_squared);
     getLogInstance()->printArray(__FILE__, __LINE__, LOG_INFO, "quat_pose: ", pose, 6, ", ");
 }
 

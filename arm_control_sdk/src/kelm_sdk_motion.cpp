@@ -157,8 +157,8 @@ int KelmKernelImpl::move_directly(const std::vector<std::vector<double>>& target
     return submitTask(*this, request, task_key);
 }
 
-int KelmKernelImpl::move_3p_arc(const std::array<std::vector<double>, 3>& points, std::string& task_key,
-                                double speed, bool dir, double radian, int tool, int user, bool is_joint) {
+int KelmKernelImpl::move_3p_arc(const std::array<std::vector<double>, 3>& points, std::string& task_key, double speed,
+                                bool dir, double radian, int tool, int user, bool is_joint) {
     return sendArcMove(*this, kThreePointArc, points, task_key, speed, dir, radian, tool, user, is_joint);
 }
 

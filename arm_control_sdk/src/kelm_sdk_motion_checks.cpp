@@ -33,8 +33,8 @@ bool acceptJointTarget(const char* operation, const std::vector<double>& target,
         const double lower = bounds.lower[joint];
         const double upper = bounds.upper[joint];
         if (!(value >= lower && value <= upper)) {
-            KELM_LOG(LOG_ERROR, "关节[%d]数据超出限位. limit = [%f, %f], value = %f", static_cast<int>(joint), lower, upper,
-                     value);
+            KELM_LOG(LOG_ERROR, "关节[%d]数据超出限位. limit = [%f, %f], value = %f", static_cast<int>(joint), lower,
+                     upper, value);
             return false;
         }
         out.append(value);
@@ -50,8 +50,8 @@ bool acceptUnitQuaternion(double norm_squared) {
 
 bool acceptPoseTarget(const char* operation, const std::vector<double>& target, Json::Value& out) {
     if (target.size() != kPoseSize) {
-        KELM_LOG(LOG_ERROR, "%s: 输入目标位姿维度不正确, 姿态默认四元数描述(xyzw), 输入维度: %d, 合理维度: 7", operation,
-                 static_cast<int>(target.size()));
+        KELM_LOG(LOG_ERROR, "%s: 输入目标位姿维度不正确, 姿态默认四元数描述(xyzw), 输入维度: %d, 合理维度: 7",
+                 operation, static_cast<int>(target.size()));
         return false;
     }
     if (!acceptUnitQuaternion(quaternionNormSquared(target))) return false;
@@ -59,8 +59,8 @@ bool acceptPoseTarget(const char* operation, const std::vector<double>& target, 
     return true;
 }
 
-bool acceptTarget(const char* operation, const std::vector<double>& target, bool is_joint,
-                  const JointBounds& bounds, Json::Value& out) {
+bool acceptTarget(const char* operation, const std::vector<double>& target, bool is_joint, const JointBounds& bounds,
+                  Json::Value& out) {
     return is_joint ? acceptJointTarget(operation, target, bounds, out) : acceptPoseTarget(operation, target, out);
 }
 

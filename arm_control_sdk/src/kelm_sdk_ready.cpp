@@ -17,18 +17,18 @@ namespace kelm {
 
 namespace {
 
-constexpr useconds_t kSettleUs = 100000;         // first sleep; after an error reset or a mode change
-constexpr useconds_t kServoSettleUs = 1000000;   // after servo enable, blocking form
-constexpr int kModeRequest = 0;                  // what set_control_mode sends ...
-constexpr int kReadyMode = POSITION;             // ... and what the frames are to show then
+constexpr useconds_t kSettleUs = 100000;        // first sleep; after an error reset or a mode change
+constexpr useconds_t kServoSettleUs = 1000000;  // after servo enable, blocking form
+constexpr int kModeRequest = 0;                 // what set_control_mode sends ...
+constexpr int kReadyMode = POSITION;            // ... and what the frames are to show then
 constexpr int kErrorState = Kelm_Error;
 
 }  // namespace
 
 int KelmKernelImpl::set_kelm_ready(bool blocking, double delay_time) {
     usleep(kSettleUs);
-    if (status_field::load(status.servo) && status_field::load(status.fsm_mode) == kReadyMode && status_field::load(status.motion_state) == Kelm_Standby &&
-        is_connected()) {
+    if (status_field::load(status.servo) && status_field::load(status.fsm_mode) == kReadyMode &&
+        status_field::load(status.motion_state) == Kelm_Standby && is_connected()) {
         clean_kelm_error();
         closeReadySequence();
         return 1;
@@ -54,7 +54,8 @@ bool KelmKernelImpl::runSingleReadySteps() {
         set_control_mode(kModeRequest);
         usleep(kSettleUs);
     }
-    return status_field::load(status.servo) && status_field::load(status.fsm_mode) == kReadyMode && status_field::load(status.motion_state) != kErrorState;
+    return status_field::load(status.servo) && status_field::load(status.fsm_mode) == kReadyMode &&
+           status_field::load(status.motion_state) != kErrorState;
 }
 
 bool KelmKernelImpl::runBlockingReadySteps(log_time::TimerUnit& timer, double delay_time) {

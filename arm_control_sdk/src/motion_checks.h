@@ -30,9 +30,7 @@ constexpr double kQuaternionTolerance = 0.0001;
 constexpr std::size_t kPoseSize = 7;
 
 // NaN, or a magnitude above the largest finite double.
-inline bool isIllegalValue(double value) {
-    return std::isnan(value) || std::fabs(value) > kLargestLegalMagnitude;
-}
+inline bool isIllegalValue(double value) { return std::isnan(value) || std::fabs(value) > kLargestLegalMagnitude; }
 
 template <typename Values>
 bool holdsIllegalValue(const Values& values) {
@@ -59,9 +57,7 @@ double quaternionNormSquared(const Pose& pose) {
     return pose[3] * pose[3] + pose[4] * pose[4] + pose[5] * pose[5] + pose[6] * pose[6];
 }
 
-inline bool isUnitQuaternion(double norm_squared) {
-    return !(std::fabs(norm_squared - 1.0) > kQuaternionTolerance);
-}
+inline bool isUnitQuaternion(double norm_squared) { return !(std::fabs(norm_squared - 1.0) > kQuaternionTolerance); }
 
 // Copies `values` into `out` as a JSON array of reals (an empty list gives []).
 template <typename Values>
@@ -100,8 +96,8 @@ bool acceptPoseTarget(const char* operation, const std::vector<double>& target, 
 
 // One target of a joint or Cartesian move, after its illegal-value check:
 // the joint checks when `is_joint`, otherwise the pose checks.
-bool acceptTarget(const char* operation, const std::vector<double>& target, bool is_joint,
-                  const JointBounds& bounds, Json::Value& out);
+bool acceptTarget(const char* operation, const std::vector<double>& target, bool is_joint, const JointBounds& bounds,
+                  Json::Value& out);
 
 // Quaternion check alone, for poses whose length is already known to be 7.
 bool acceptUnitQuaternion(double norm_squared);
@@ -109,7 +105,6 @@ bool acceptUnitQuaternion(double norm_squared);
 // The reading of a command reply: true only for a reply whose `recv` is
 // "Task_Recieve"; a null reply (time-out, failed send) is false.
 bool isTaskReceived(const Json::Value& reply);
-
 
 constexpr bool kWithLevel = true;
 constexpr bool kWithoutLevel = false;

@@ -61,8 +61,7 @@ Json::StreamWriterBuilder compactWriterBuilder() {
 // its receive thread. Shared between the owner and the receive thread, so
 // that a thread which outlives its owner touches nothing that has gone.
 struct CommunicationClient::Connection {
-    explicit Connection(std::shared_ptr<BasicClientInterface> socket_client)
-        : client(std::move(socket_client)) {}
+    explicit Connection(std::shared_ptr<BasicClientInterface> socket_client) : client(std::move(socket_client)) {}
 
     void markUpReported() { setFlag(up_reported); }
     void markLoopEnded() { setFlag(loop_ended); }
@@ -174,8 +173,10 @@ CommunicationClient::~CommunicationClient() {
     if (!onReceiveThread()) lifecycle.lock();
     endCurrentConnection();
     if (!receive_thread_.joinable()) return;
-    if (receive_thread_.get_id() == std::this_thread::get_id()) receive_thread_.detach();
-    else receive_thread_.join();
+    if (receive_thread_.get_id() == std::this_thread::get_id())
+        receive_thread_.detach();
+    else
+        receive_thread_.join();
 }
 
 void CommunicationClient::attachListener(iRecieveListener* listener) { delivery_->attach(listener); }
@@ -197,16 +198,19 @@ int CommunicationClient::connect(const std::string& ip, int port, double timeout
         return -1;
     }
     if (!std::isfinite(timeout) || timeout <= 0.0) {
-        KELM_LOG(LOG_ERROR, "connect to %s:%d refused: time-out %f s is not a positive number", ip.c_str(), port, timeout);
+        KELM_LOG(LOG_ERROR, "connect to %s:%d refused: time-out %f s is not a positive number", ip.c_str(), port,
+                 timeout);
         return -1;
     }
     std::unique_lock<std::mutex> lifecycle(lifecycle_mutex_, std::defer_lock);
     if (!lockLifecycle(lifecycle)) {
-        KELM_LOG(LOG_ERROR, "connect to %s:%d refused: another thread is connecting or disconnecting", ip.c_str(), port);
+        KELM_LOG(LOG_ERROR, "connect to %s:%d refused: another thread is connecting or disconnecting", ip.c_str(),
+                 port);
         return -1;
     }
     if (!endCurrentConnection()) {
-        KELM_LOG(LOG_ERROR, "connect to %s:%d refused: its receive thread is waiting for this thread", ip.c_str(), port);
+        KELM_LOG(LOG_ERROR, "connect to %s:%d refused: its receive thread is waiting for this thread", ip.c_str(),
+                 port);
         return -1;
     }
 
@@ -349,8 +353,7 @@ bool CommunicationClient::endCurrentConnection() {
         }
         connection = std::move(connection_);
     }
-    const bool may_wait =
-        !thread.joinable() || receiving_for == nullptr || beginWaitFor(thread.get_id());
+    const bool may_wait = !thread.joinable() || receiving_for == nullptr || beginWaitFor(thread.get_id());
     if (connection) stopConnection(connection, may_wait);
     if (!thread.joinable()) return true;
     if (!may_wait) {
@@ -408,7 +411,8 @@ void CommunicationClient::receiveUntilEnded(Connection& connection, Delivery& de
         } catch (const std::exception& e) {
             KELM_LOG(LOG_ERROR, "receive from %s failed: %s", connection.client->endpoint().c_str(), e.what());
         } catch (...) {
-            KELM_LOG(LOG_ERROR, "receive from %s failed with an unknown exception", connection.client->endpoint().c_str());
+            KELM_LOG(LOG_ERROR, "receive from %s failed with an unknown exception",
+                     connection.client->endpoint().c_str());
         }
         if (!received || connection.stop_requested) return;
         delivery.deliver(message);

@@ -47,9 +47,9 @@ bool WebSocketClient::isOpen() const { return open_; }
 bool WebSocketClient::open(double timeout_seconds) {
     abort();
     const double bounded_seconds = timeout_seconds > 0.0 ? std::min(timeout_seconds, kLongestConnectWaitSeconds) : 0.0;
-    const auto deadline = std::chrono::steady_clock::now() +
-                          std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                              std::chrono::duration<double>(bounded_seconds));
+    const auto deadline =
+        std::chrono::steady_clock::now() +
+        std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(bounded_seconds));
     try {
         Poco::Net::StreamSocket tcp;
         tcp.connect(Poco::Net::SocketAddress(host_, port_), toTimespan(deadline - std::chrono::steady_clock::now()));
@@ -95,9 +95,10 @@ bool WebSocketClient::receiveMessage(std::string& message) {
     try {
         for (;;) {
             if (!waitForData(*socket)) return false;
-            const ReadOutcome outcome = readMessage(*socket, message, kMaxMessageBytes, [this](const std::string& payload) {
-                sendFrame(payload.data(), payload.size(), WebSocket::FRAME_FLAG_FIN | WebSocket::FRAME_OP_PONG);
-            });
+            const ReadOutcome outcome =
+                readMessage(*socket, message, kMaxMessageBytes, [this](const std::string& payload) {
+                    sendFrame(payload.data(), payload.size(), WebSocket::FRAME_FLAG_FIN | WebSocket::FRAME_OP_PONG);
+                });
             last_heard_ = std::chrono::steady_clock::now();
             if (outcome.kind != ReadOutcome::PONG) return finishRead(outcome);
         }
@@ -134,20 +135,14 @@ bool WebSocketClient::waitForData(WebSocket& socket) {
 
 bool WebSocketClient::finishRead(const ReadOutcome& outcome) {
     switch (outcome.kind) {
-    case ReadOutcome::MESSAGE:
-        return true;
-    case ReadOutcome::CLOSE_FRAME:
-        answerClose(outcome.close_payload);
-        return false;
-    case ReadOutcome::END_OF_STREAM:
-        endConnection("connection closed by peer without close frame");
-        return false;
-    case ReadOutcome::PROTOCOL_ERROR:
-        sendClose(outcome.close_status);
-        endConnection(("protocol error: " + outcome.error).c_str());
-        return false;
-    case ReadOutcome::PONG:
-        break;
+        case ReadOutcome::MESSAGE: return true;
+        case ReadOutcome::CLOSE_FRAME: answerClose(outcome.close_payload); return false;
+        case ReadOutcome::END_OF_STREAM: endConnection("connection closed by peer without close frame"); return false;
+        case ReadOutcome::PROTOCOL_ERROR:
+            sendClose(outcome.close_status);
+            endConnection(("protocol error: " + outcome.error).c_str());
+            return false;
+        case ReadOutcome::PONG: break;
     }
     return false;
 }
@@ -192,8 +187,8 @@ bool WebSocketClient::peerKeepsUpLocked() {
     const std::size_t unread = unacknowledgedBytes(socket_->impl()->sockfd());
     if (unread <= kStreamBacklogBytes) {
         if (peer_behind_) {
-            KELM_LOG(LOG_ERROR, "WebSocket %s: peer reads again, %lu streamed messages were dropped", endpoint().c_str(),
-                     static_cast<unsigned long>(dropped_streamed_));
+            KELM_LOG(LOG_ERROR, "WebSocket %s: peer reads again, %lu streamed messages were dropped",
+                     endpoint().c_str(), static_cast<unsigned long>(dropped_streamed_));
         }
         peer_behind_ = false;
         dropped_streamed_ = 0;

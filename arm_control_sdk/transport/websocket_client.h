@@ -87,8 +87,8 @@ private:
     void sendClose(unsigned status);
     void answerClose(const std::string& close_payload);
     void endConnection(const char* reason);
-    void shutdownLocked();  // send_mutex_ held
-    void resetLocked();     // send_mutex_ held
+    void shutdownLocked();     // send_mutex_ held
+    void resetLocked();        // send_mutex_ held
     bool peerKeepsUpLocked();  // send_mutex_ held
 
     const std::string host_;
@@ -96,8 +96,8 @@ private:
     std::shared_ptr<Poco::Net::WebSocket> socket_;  // replaced only by open()
     std::mutex send_mutex_;
     std::atomic<bool> open_{false};
-    std::atomic<bool> close_sent_{false};     // a close frame has gone out
-    std::atomic<bool> ended_locally_{false};  // close()/abort() was asked for: no loss to log
+    std::atomic<bool> close_sent_{false};               // a close frame has gone out
+    std::atomic<bool> ended_locally_{false};            // close()/abort() was asked for: no loss to log
     std::chrono::steady_clock::time_point last_heard_;  // receive thread only
     // The streamed-message gate, guarded by send_mutex_.
     bool peer_behind_ = false;

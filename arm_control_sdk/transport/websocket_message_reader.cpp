@@ -33,35 +33,32 @@ ReadOutcome readMessage(WebSocket& socket, std::string& message, std::size_t max
         if (length == 0 && flags == 0) return ReadOutcome{};
         const std::size_t size = frame.size();
         switch (opcodeOf(flags)) {
-        case WebSocket::FRAME_OP_PING:
-            send_pong(std::string(frame.begin(), size));
-            break;
-        case WebSocket::FRAME_OP_PONG:
-            if (!inside_fragmented_message) return ReadOutcome{ReadOutcome::PONG, {}, {}, 0};
-            break;
-        case WebSocket::FRAME_OP_CLOSE: {
-            ReadOutcome outcome;
-            outcome.kind = ReadOutcome::CLOSE_FRAME;
-            outcome.close_payload.assign(frame.begin(), size);
-            return outcome;
-        }
-        case WebSocket::FRAME_OP_TEXT:
-        case WebSocket::FRAME_OP_BINARY:
-            if (inside_fragmented_message) return protocolError("new message inside a fragmented message");
-            message.assign(frame.begin(), size);
-            if (isFinal(flags)) return ReadOutcome{ReadOutcome::MESSAGE, {}, {}, 0};
-            inside_fragmented_message = true;
-            break;
-        case WebSocket::FRAME_OP_CONT:
-            if (!inside_fragmented_message) return protocolError("continuation frame without a message");
-            if (message.size() + size > max_message_bytes) {
-                return protocolError("message too big", WebSocket::WS_PAYLOAD_TOO_BIG);
+            case WebSocket::FRAME_OP_PING: send_pong(std::string(frame.begin(), size)); break;
+            case WebSocket::FRAME_OP_PONG:
+                if (!inside_fragmented_message) return ReadOutcome{ReadOutcome::PONG, {}, {}, 0};
+                break;
+            case WebSocket::FRAME_OP_CLOSE: {
+                ReadOutcome outcome;
+                outcome.kind = ReadOutcome::CLOSE_FRAME;
+                outcome.close_payload.assign(frame.begin(), size);
+                return outcome;
             }
-            message.append(frame.begin(), size);
-            if (isFinal(flags)) return ReadOutcome{ReadOutcome::MESSAGE, {}, {}, 0};
-            break;
-        default:
-            return protocolError("unknown frame opcode " + std::to_string(opcodeOf(flags)));
+            case WebSocket::FRAME_OP_TEXT:
+            case WebSocket::FRAME_OP_BINARY:
+                if (inside_fragmented_message) return protocolError("new message inside a fragmented message");
+                message.assign(frame.begin(), size);
+                if (isFinal(flags)) return ReadOutcome{ReadOutcome::MESSAGE, {}, {}, 0};
+                inside_fragmented_message = true;
+                break;
+            case WebSocket::FRAME_OP_CONT:
+                if (!inside_fragmented_message) return protocolError("continuation frame without a message");
+                if (message.size() + size > max_message_bytes) {
+                    return protocolError("message too big", WebSocket::WS_PAYLOAD_TOO_BIG);
+                }
+                message.append(frame.begin(), size);
+                if (isFinal(flags)) return ReadOutcome{ReadOutcome::MESSAGE, {}, {}, 0};
+                break;
+            default: return protocolError("unknown frame opcode " + std::to_string(opcodeOf(flags)));
         }
     }
 }

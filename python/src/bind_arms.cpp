@@ -69,110 +69,115 @@ constexpr const char* kTrackPoseDoc =
 #define KELM_ARM_GETTERS(cls, H, T, get_status, get_config, jp, jv, jt, pjp, pjv, pjt, cart, jext, cext, gs, gp, gv, \
                          gt, set_gripper, set_tool, get_tool, tool_coord)                                            \
     cls.def(#get_status, forward<T>(&T::get_status, #get_status, Waits::no),                                         \
-            "The arm's ArmStatus; `connected` is asked now. Allowed in every callback.");                          \
+            "The arm's ArmStatus; `connected` is asked now. Allowed in every callback.");                            \
     cls.def(#get_config, forward<T>(&T::get_config, #get_config, Waits::yes),                                        \
-            "Joint limits and dynamics parameters asked of the controller now (ArmConfig; dof 0 without reply).");  \
-    cls.def(#jp, forward<T>(&T::jp, #jp, Waits::no), "Measured joint positions [rad]. " );                          \
-    cls.def(#jv, forward<T>(&T::jv, #jv, Waits::no), "Measured joint velocities [rad/s].");                         \
-    cls.def(#jt, forward<T>(&T::jt, #jt, Waits::no), "Measured joint torques [Nm].");                              \
-    cls.def(#pjp, forward<T>(&T::pjp, #pjp, Waits::no), "Planned joint positions [rad].");                          \
-    cls.def(#pjv, forward<T>(&T::pjv, #pjv, Waits::no), "Planned joint velocities.");                               \
-    cls.def(#pjt, forward<T>(&T::pjt, #pjt, Waits::no), "Planned joint torques.");                                  \
-    cls.def(#cart, forward<T>(&T::cart, #cart, Waits::no), "Cartesian pose x, y, z [m], qx, qy, qz, qw.");          \
-    cls.def(#jext, forward<T>(&T::jext, #jext, Waits::no), "External joint torques.");                             \
-    cls.def(#cext, forward<T>(&T::cext, #cext, Waits::no), "External Cartesian force.");                           \
-    cls.def(#gs, forward<T>(&T::gs, #gs, Waits::no), "The gripper's state code, -1 without a connected gripper."); \
-    cls.def(#gp, forward<T>(&T::gp, #gp, Waits::no), "Gripper position [m].");                                     \
-    cls.def(#gv, forward<T>(&T::gv, #gv, Waits::no), "Gripper velocity.");                                         \
-    cls.def(#gt, forward<T>(&T::gt, #gt, Waits::no), "Gripper torque.");                                           \
-    cls.def(#set_gripper, forward<T>(&T::set_gripper, #set_gripper, Waits::no), py::arg("pos"), py::arg("tau"),     \
-            "Gripper target: `pos` [m] clamped to 0..0.08, `tau` to 0..20.0, NaN refused. Published without "     \
-            "waiting: 1 when sent.");                                                                               \
-    cls.def(#set_tool, forward<T>(&T::set_tool, #set_tool, Waits::yes), py::arg("index"), kRequestResult);         \
-    cls.def(#get_tool, forward<T>(&T::get_tool, #get_tool, Waits::no), "Tool index of the last state frame.");     \
-    cls.def(#tool_coord, forward<T>(&T::tool_coord, #tool_coord, Waits::yes), py::arg("index"),                     \
+            "Joint limits and dynamics parameters asked of the controller now (ArmConfig; dof 0 without reply).");   \
+    cls.def(#jp, forward<T>(&T::jp, #jp, Waits::no), "Measured joint positions [rad]. ");                            \
+    cls.def(#jv, forward<T>(&T::jv, #jv, Waits::no), "Measured joint velocities [rad/s].");                          \
+    cls.def(#jt, forward<T>(&T::jt, #jt, Waits::no), "Measured joint torques [Nm].");                                \
+    cls.def(#pjp, forward<T>(&T::pjp, #pjp, Waits::no), "Planned joint positions [rad].");                           \
+    cls.def(#pjv, forward<T>(&T::pjv, #pjv, Waits::no), "Planned joint velocities.");                                \
+    cls.def(#pjt, forward<T>(&T::pjt, #pjt, Waits::no), "Planned joint torques.");                                   \
+    cls.def(#cart, forward<T>(&T::cart, #cart, Waits::no), "Cartesian pose x, y, z [m], qx, qy, qz, qw.");           \
+    cls.def(#jext, forward<T>(&T::jext, #jext, Waits::no), "External joint torques.");                               \
+    cls.def(#cext, forward<T>(&T::cext, #cext, Waits::no), "External Cartesian force.");                             \
+    cls.def(#gs, forward<T>(&T::gs, #gs, Waits::no), "The gripper's state code, -1 without a connected gripper.");   \
+    cls.def(#gp, forward<T>(&T::gp, #gp, Waits::no), "Gripper position [m].");                                       \
+    cls.def(#gv, forward<T>(&T::gv, #gv, Waits::no), "Gripper velocity.");                                           \
+    cls.def(#gt, forward<T>(&T::gt, #gt, Waits::no), "Gripper torque.");                                             \
+    cls.def(#set_gripper, forward<T>(&T::set_gripper, #set_gripper, Waits::no), py::arg("pos"), py::arg("tau"),      \
+            "Gripper target: `pos` [m] clamped to 0..0.08, `tau` to 0..20.0, NaN refused. Published without "        \
+            "waiting: 1 when sent.");                                                                                \
+    cls.def(#set_tool, forward<T>(&T::set_tool, #set_tool, Waits::yes), py::arg("index"), kRequestResult);           \
+    cls.def(#get_tool, forward<T>(&T::get_tool, #get_tool, Waits::no), "Tool index of the last state frame.");       \
+    cls.def(#tool_coord, forward<T>(&T::tool_coord, #tool_coord, Waits::yes), py::arg("index"),                      \
             "Tool system `index` as a pose (zeros when the reply is unusable).")
 
-#define KELM_ARM_MOTIONS(cls, T, track_joint, track_pose, mj, mp, mlj, mlp, mjt, mpt, fk, fka, ik, ika)               \
-    cls.def(#track_joint, forward<T>(&T::track_joint, #track_joint, Waits::no), py::arg("target"),                  \
-            py::arg("gripper"), kTrackJointDoc);                                                                   \
-    cls.def(#track_pose, forward<T>(&T::track_pose, #track_pose, Waits::no), py::arg("pose"), py::arg("gripper"),   \
-            kTrackPoseDoc);                                                                                        \
-    cls.def(#mj, motion(&T::mj, #mj), py::arg("target"), py::arg("time") = -1.0, py::arg("block") = false,          \
-            (std::string(kMoveJointDoc) + kMotionResult).c_str());                                                 \
-    cls.def(#mp, motion(&T::mp, #mp), py::arg("pose"), py::arg("time") = -1.0, py::arg("block") = false,            \
-            (std::string(kMovePoseDoc) + kMotionResult).c_str());                                                  \
-    cls.def(#mlj, motion(&T::mlj, #mlj), py::arg("target"), py::arg("block") = false,                               \
-            (std::string("Straight-line move to a joint target [rad]. ") + kMotionResult).c_str());                \
-    cls.def(#mlp, motion(&T::mlp, #mlp), py::arg("pose"), py::arg("block") = false,                                 \
-            (std::string("Straight-line move to a pose. ") + kMotionResult).c_str());                              \
-    cls.def(#mjt, motion(&T::mjt, #mjt), py::arg("traj"), py::arg("gripper") = Vec{}, py::arg("times") = Vec{},     \
-            py::arg("block") = false, (std::string("Moves through joint points. ") + kTrajDoc + kMotionResult).c_str()); \
-    cls.def(#mpt, motion(&T::mpt, #mpt), py::arg("poses"), py::arg("gripper") = Vec{}, py::arg("times") = Vec{},    \
-            py::arg("block") = false, (std::string("Moves through poses. ") + kTrajDoc + kMotionResult).c_str());  \
-    cls.def(                                                                                                       \
-        #fk,                                                                                                       \
-        [](Handle<T>& h, int tool, Vec joint) {                                                                     \
-            return withOutput<T, Pose>(h, #fk, [&](T& o, Pose& out) { return o.fk(tool, joint, out); });           \
-        },                                                                                                         \
-        py::arg("tool"), py::arg("joint"), kFkDoc);                                                                \
-    cls.def(                                                                                                       \
-        #fka,                                                                                                      \
-        [](Handle<T>& h, int tool, Points joints) {                                                                 \
-            return withOutput<T, Poses>(h, #fka, [&](T& o, Poses& out) { return o.fka(tool, joints, out); });      \
-        },                                                                                                         \
-        py::arg("tool"), py::arg("joints"), kFkArrayDoc);                                                          \
-    cls.def(                                                                                                       \
-        #ik,                                                                                                       \
-        [](Handle<T>& h, int tool, Pose pose, Vec ref_joint) {                                                      \
-            return withOutput<T, Vec>(h, #ik, [&](T& o, Vec& out) { return o.ik(tool, pose, ref_joint, out); });   \
-        },                                                                                                         \
-        py::arg("tool"), py::arg("pose"), py::arg("ref_joint"), kIkDoc);                                           \
-    cls.def(                                                                                                       \
-        #ika,                                                                                                      \
-        [](Handle<T>& h, int tool, Poses poses, Points ref_joints) {                                                \
-            return withOutput<T, Points>(h, #ika,                                                                  \
-                                         [&](T& o, Points& out) { return o.ika(tool, poses, ref_joints, out); });  \
-        },                                                                                                         \
+#define KELM_ARM_MOTIONS(cls, T, track_joint, track_pose, mj, mp, mlj, mlp, mjt, mpt, fk, fka, ik, ika)                \
+    cls.def(#track_joint, forward<T>(&T::track_joint, #track_joint, Waits::no), py::arg("target"), py::arg("gripper"), \
+            kTrackJointDoc);                                                                                           \
+    cls.def(#track_pose, forward<T>(&T::track_pose, #track_pose, Waits::no), py::arg("pose"), py::arg("gripper"),      \
+            kTrackPoseDoc);                                                                                            \
+    cls.def(#mj, motion(&T::mj, #mj), py::arg("target"), py::arg("time") = -1.0, py::arg("block") = false,             \
+            (std::string(kMoveJointDoc) + kMotionResult).c_str());                                                     \
+    cls.def(#mp, motion(&T::mp, #mp), py::arg("pose"), py::arg("time") = -1.0, py::arg("block") = false,               \
+            (std::string(kMovePoseDoc) + kMotionResult).c_str());                                                      \
+    cls.def(#mlj, motion(&T::mlj, #mlj), py::arg("target"), py::arg("block") = false,                                  \
+            (std::string("Straight-line move to a joint target [rad]. ") + kMotionResult).c_str());                    \
+    cls.def(#mlp, motion(&T::mlp, #mlp), py::arg("pose"), py::arg("block") = false,                                    \
+            (std::string("Straight-line move to a pose. ") + kMotionResult).c_str());                                  \
+    cls.def(#mjt, motion(&T::mjt, #mjt), py::arg("traj"), py::arg("gripper") = Vec{}, py::arg("times") = Vec{},        \
+            py::arg("block") = false,                                                                                  \
+            (std::string("Moves through joint points. ") + kTrajDoc + kMotionResult).c_str());                         \
+    cls.def(#mpt, motion(&T::mpt, #mpt), py::arg("poses"), py::arg("gripper") = Vec{}, py::arg("times") = Vec{},       \
+            py::arg("block") = false, (std::string("Moves through poses. ") + kTrajDoc + kMotionResult).c_str());      \
+    cls.def(                                                                                                           \
+        #fk,                                                                                                           \
+        [](Handle<T>& h, int tool, Vec joint) {                                                                        \
+            return withOutput<T, Pose>(h, #fk, [&](T& o, Pose& out) { return o.fk(tool, joint, out); });               \
+        },                                                                                                             \
+        py::arg("tool"), py::arg("joint"), kFkDoc);                                                                    \
+    cls.def(                                                                                                           \
+        #fka,                                                                                                          \
+        [](Handle<T>& h, int tool, Points joints) {                                                                    \
+            return withOutput<T, Poses>(h, #fka, [&](T& o, Poses& out) { return o.fka(tool, joints, out); });          \
+        },                                                                                                             \
+        py::arg("tool"), py::arg("joints"), kFkArrayDoc);                                                              \
+    cls.def(                                                                                                           \
+        #ik,                                                                                                           \
+        [](Handle<T>& h, int tool, Pose pose, Vec ref_joint) {                                                         \
+            return withOutput<T, Vec>(h, #ik, [&](T& o, Vec& out) { return o.ik(tool, pose, ref_joint, out); });       \
+        },                                                                                                             \
+        py::arg("tool"), py::arg("pose"), py::arg("ref_joint"), kIkDoc);                                               \
+    cls.def(                                                                                                           \
+        #ika,                                                                                                          \
+        [](Handle<T>& h, int tool, Poses poses, Points ref_joints) {                                                   \
+            return withOutput<T, Points>(h, #ika,                                                                      \
+                                         [&](T& o, Points& out) { return o.ika(tool, poses, ref_joints, out); });      \
+        },                                                                                                             \
         py::arg("tool"), py::arg("poses"), py::arg("ref_joints"), kIkArrayDoc)
 
 // Joint, pose, planned-joint and external-force callbacks of one arm.
-#define KELM_ARM_CALLBACKS(cls, T, rj, lj, rp, lp, rpj, lpj, rf, lf)                                                \
-    cls.def(                                                                                                       \
-        #rj,                                                                                                       \
-        [](Handle<T>& h, py::function fn) {                                                                         \
-            registerPy(h, #rj, std::move(fn), jointTrampoline, [](T& o, T::JointCallback c) { o.rj(std::move(c)); }, \
-                       [](T& o) { o.lj(); });                                                                      \
-        },                                                                                                         \
-        py::arg("fn"),                                                                                             \
-        "Calls fn(stamp [s], positions [rad], velocities, torques) on the receive thread for every state frame; " \
-        "registering again replaces it. An exception in fn is printed and does not stop the stream.");            \
-    cls.def(#lj, forward<T>(&T::lj, #lj, Waits::no), "Removes every joint callback of the arm. Returns 0.");       \
-    cls.def(                                                                                                       \
-        #rp,                                                                                                       \
-        [](Handle<T>& h, py::function fn) {                                                                         \
-            registerPy(h, #rp, std::move(fn), poseTrampoline, [](T& o, T::PoseCallback c) { o.rp(std::move(c)); },  \
-                       [](T& o) { o.lp(); });                                                                      \
-        },                                                                                                         \
-        py::arg("fn"), "Calls fn(stamp [s], pose x, y, z, qx, qy, qz, qw) for every state frame.");               \
-    cls.def(#lp, forward<T>(&T::lp, #lp, Waits::no), "Removes every pose callback of the arm. Returns 0.");        \
-    cls.def(                                                                                                       \
-        #rpj,                                                                                                      \
-        [](Handle<T>& h, py::function fn) {                                                                         \
-            registerPy(h, #rpj, std::move(fn), jointTrampoline,                                                    \
-                       [](T& o, T::JointCallback c) { o.rpj(std::move(c)); }, [](T& o) { o.lpj(); });              \
-        },                                                                                                         \
-        py::arg("fn"), "Calls fn(stamp [s], planned positions, velocities, torques) for every state frame.");     \
-    cls.def(#lpj, forward<T>(&T::lpj, #lpj, Waits::no), "Removes every planned-joint callback of the arm.");       \
-    cls.def(                                                                                                       \
-        #rf,                                                                                                       \
-        [](Handle<T>& h, py::function fn) {                                                                         \
-            registerPy(h, #rf, std::move(fn), forceTrampoline,                                                     \
-                       [](T& o, T::ExternalForceCallback c) { o.rf(std::move(c)); }, [](T& o) { o.lf(); });        \
-        },                                                                                                         \
-        py::arg("fn"),                                                                                             \
-        "Calls fn(stamp [s], external joint torques, external Cartesian force) for frames that carry them, "      \
-        "with the state lock held (use no getter but get_status in it).");                                        \
+#define KELM_ARM_CALLBACKS(cls, T, rj, lj, rp, lp, rpj, lpj, rf, lf)                                                  \
+    cls.def(                                                                                                          \
+        #rj,                                                                                                          \
+        [](Handle<T>& h, py::function fn) {                                                                           \
+            registerPy(                                                                                               \
+                h, #rj, std::move(fn), jointTrampoline, [](T& o, T::JointCallback c) { o.rj(std::move(c)); },         \
+                [](T& o) { o.lj(); });                                                                                \
+        },                                                                                                            \
+        py::arg("fn"),                                                                                                \
+        "Calls fn(stamp [s], positions [rad], velocities, torques) on the receive thread for every state frame; "     \
+        "registering again replaces it. An exception in fn is printed and does not stop the stream.");                \
+    cls.def(#lj, forward<T>(&T::lj, #lj, Waits::no), "Removes every joint callback of the arm. Returns 0.");          \
+    cls.def(                                                                                                          \
+        #rp,                                                                                                          \
+        [](Handle<T>& h, py::function fn) {                                                                           \
+            registerPy(                                                                                               \
+                h, #rp, std::move(fn), poseTrampoline, [](T& o, T::PoseCallback c) { o.rp(std::move(c)); },           \
+                [](T& o) { o.lp(); });                                                                                \
+        },                                                                                                            \
+        py::arg("fn"), "Calls fn(stamp [s], pose x, y, z, qx, qy, qz, qw) for every state frame.");                   \
+    cls.def(#lp, forward<T>(&T::lp, #lp, Waits::no), "Removes every pose callback of the arm. Returns 0.");           \
+    cls.def(                                                                                                          \
+        #rpj,                                                                                                         \
+        [](Handle<T>& h, py::function fn) {                                                                           \
+            registerPy(                                                                                               \
+                h, #rpj, std::move(fn), jointTrampoline, [](T& o, T::JointCallback c) { o.rpj(std::move(c)); },       \
+                [](T& o) { o.lpj(); });                                                                               \
+        },                                                                                                            \
+        py::arg("fn"), "Calls fn(stamp [s], planned positions, velocities, torques) for every state frame.");         \
+    cls.def(#lpj, forward<T>(&T::lpj, #lpj, Waits::no), "Removes every planned-joint callback of the arm.");          \
+    cls.def(                                                                                                          \
+        #rf,                                                                                                          \
+        [](Handle<T>& h, py::function fn) {                                                                           \
+            registerPy(                                                                                               \
+                h, #rf, std::move(fn), forceTrampoline, [](T& o, T::ExternalForceCallback c) { o.rf(std::move(c)); }, \
+                [](T& o) { o.lf(); });                                                                                \
+        },                                                                                                            \
+        py::arg("fn"),                                                                                                \
+        "Calls fn(stamp [s], external joint torques, external Cartesian force) for frames that carry them, "          \
+        "with the state lock held (use no getter but get_status in it).");                                            \
     cls.def(#lf, forward<T>(&T::lf, #lf, Waits::no), "Removes every external-force callback of the arm.")
 
 // Members shared by both classes that act on the whole object.
@@ -180,7 +185,8 @@ template <typename T>
 void bindCommon(py::class_<Handle<T>>& cls) {
     cls.def("close", &Handle<T>::close,
             "Releases the Python callbacks, disconnects and destroys the object; later calls raise RuntimeError.");
-    cls.def("__enter__", [](Handle<T>& h) -> Handle<T>& { return h; }, py::return_value_policy::reference);
+    cls.def(
+        "__enter__", [](Handle<T>& h) -> Handle<T>& { return h; }, py::return_value_policy::reference);
     cls.def("__exit__", [](Handle<T>& h, py::args) { h.close(); });
     cls.def("connect", forward<T>(&T::connect, "connect", Waits::yes), py::arg("ip"), py::arg("port"),
             py::arg("timeout"), "Connects again (closing an existing connection first, then 1 s). 1 once connected.");
@@ -217,9 +223,10 @@ void bindCommon(py::class_<Handle<T>>& cls) {
     cls.def(
         "register_error_cbk",
         [](Handle<T>& h, const std::string& name, py::function fn) {
-            registerPy(h, "error:" + name, std::move(fn), errorTrampoline,
-                       [name](T& o, typename T::ErrorCallback c) { o.register_error_cbk(name, std::move(c)); },
-                       [name](T& o) { o.release_error_cbk(name); });
+            registerPy(
+                h, "error:" + name, std::move(fn), errorTrampoline,
+                [name](T& o, typename T::ErrorCallback c) { o.register_error_cbk(name, std::move(c)); },
+                [name](T& o) { o.release_error_cbk(name); });
         },
         py::arg("name"), py::arg("fn"),
         "Calls fn(code, text) under `name` on every frame that reports an error, with the state lock held (use "
@@ -228,9 +235,10 @@ void bindCommon(py::class_<Handle<T>>& cls) {
     cls.def(
         "register_completion_cbk",
         [](Handle<T>& h, const std::string& name, py::function fn) {
-            registerPy(h, "completion:" + name, std::move(fn), textTrampoline,
-                       [name](T& o, typename T::CompletionCallback c) { o.register_completion_cbk(name, std::move(c)); },
-                       [name](T& o) { o.release_completion_cbk(name); });
+            registerPy(
+                h, "completion:" + name, std::move(fn), textTrampoline,
+                [name](T& o, typename T::CompletionCallback c) { o.register_completion_cbk(name, std::move(c)); },
+                [name](T& o) { o.release_completion_cbk(name); });
         },
         py::arg("name"), py::arg("fn"), "Calls fn(task_key) under `name` for every task reported finished.");
     cls.def("release_completion_cbk", forward<T>(&T::release_completion_cbk, "release_completion_cbk", Waits::no),

@@ -20,10 +20,12 @@ namespace {
 // its release by name (if any) and its release of everything.
 template <typename Fn, typename Trampoline>
 void bindRegistry(py::class_<Kernel>& cls, const std::string& kind, Trampoline trampoline,
-                  int (KelmKernelImpl::*reg)(const std::string&, Fn), int (KelmKernelImpl::*release_one)(const std::string&),
-                  int (KelmKernelImpl::*release_all)(), const char* signature) {
-    const std::string doc = std::string("Registers `fn` under `name` (a name registered again is replaced); `fn` is "
-                                        "called on the receive thread as fn") +
+                  int (KelmKernelImpl::*reg)(const std::string&, Fn),
+                  int (KelmKernelImpl::*release_one)(const std::string&), int (KelmKernelImpl::*release_all)(),
+                  const char* signature) {
+    const std::string doc = std::string(
+                                "Registers `fn` under `name` (a name registered again is replaced); `fn` is "
+                                "called on the receive thread as fn") +
                             signature +
                             ". An exception in it is printed and does not reach the receive thread. Returns 0.";
     cls.def(
@@ -41,15 +43,13 @@ void bindRegistry(py::class_<Kernel>& cls, const std::string& kind, Trampoline t
         },
         py::arg("name"), py::arg("fn"), doc.c_str());
     if (release_one) {
-        cls.def(
-            ("release_" + kind + "_callback").c_str(),
-            [release_one](Kernel& handle, const std::string& name) { return (handle.get().*release_one)(name); },
-            py::arg("name"), "Removes the callback under `name`; an absent name changes nothing. Returns 0.");
+        cls.def(("release_" + kind + "_callback").c_str(),
+                [release_one](Kernel& handle, const std::string& name) { return (handle.get().*release_one)(name); },
+                py::arg("name"), "Removes the callback under `name`; an absent name changes nothing. Returns 0.");
     }
-    cls.def(
-        ("release_" + kind + "_callback").c_str(),
-        [release_all](Kernel& handle) { return (handle.get().*release_all)(); },
-        "Removes every callback of this registry, the kernel's own ones included. Returns 0.");
+    cls.def(("release_" + kind + "_callback").c_str(),
+            [release_all](Kernel& handle) { return (handle.get().*release_all)(); },
+            "Removes every callback of this registry, the kernel's own ones included. Returns 0.");
 }
 
 // task_blocking_wait in slices of 50 ms so that Ctrl+C is seen; each slice
@@ -108,7 +108,8 @@ constexpr const char* kKeyedMotion =
 }  // namespace
 
 void bindKernel(py::module_& m) {
-    py::class_<Kernel> cls(m, "KelmKernelImpl", R"doc(One arm of one controller: a connection plus the arm's cached state.
+    py::class_<Kernel> cls(m, "KelmKernelImpl",
+                           R"doc(One arm of one controller: a connection plus the arm's cached state.
 
 KelmKernelImpl(ip, port=8090, timeout=1.0, arm_index=0) connects while it is
 constructed (up to `timeout` seconds; a failed connect is logged and leaves a
@@ -131,19 +132,22 @@ Use it as a context manager, or call close(), to disconnect.)doc");
             py::arg("ip"), py::arg("port") = 8090, py::arg("timeout") = 1.0, py::arg("arm_index") = 0);
     cls.def("close", &Kernel::close,
             "Releases the Python callbacks, disconnects and destroys the kernel; later calls raise RuntimeError.");
-    cls.def("__enter__", [](Kernel& handle) -> Kernel& { return handle; }, py::return_value_policy::reference);
+    cls.def(
+        "__enter__", [](Kernel& handle) -> Kernel& { return handle; }, py::return_value_policy::reference);
     cls.def("__exit__", [](Kernel& handle, py::args) { handle.close(); });
 
     // ---- connection ----
-    cls.def("connect_kelm", forward<KelmKernelImpl>(&KelmKernelImpl::connect_kelm, "connect_kelm", Waits::yes), py::arg("ip"),
-            py::arg("port"), py::arg("timeout"),
+    cls.def("connect_kelm", forward<KelmKernelImpl>(&KelmKernelImpl::connect_kelm, "connect_kelm", Waits::yes),
+            py::arg("ip"), py::arg("port"), py::arg("timeout"),
             "Connects to ip:port within `timeout` s, closing an existing connection first (then a 1 s pause). "
             "1 once connected, 0 on failure.");
     cls.def("disconnect_kelm", forward<KelmKernelImpl>(&KelmKernelImpl::disconnect_kelm, "disconnect_kelm", Waits::no),
             "1 after disconnecting, -1 without a transport.");
     cls.def("is_connected", forward<KelmKernelImpl>(&KelmKernelImpl::is_connected, "is_connected", Waits::no));
-    cls.def("setSendRate", forward<KelmKernelImpl>(&KelmKernelImpl::setSendRate, "setSendRate", Waits::no), py::arg("rate"));
-    cls.def("setRecvRate", forward<KelmKernelImpl>(&KelmKernelImpl::setRecvRate, "setRecvRate", Waits::no), py::arg("rate"));
+    cls.def("setSendRate", forward<KelmKernelImpl>(&KelmKernelImpl::setSendRate, "setSendRate", Waits::no),
+            py::arg("rate"));
+    cls.def("setRecvRate", forward<KelmKernelImpl>(&KelmKernelImpl::setRecvRate, "setRecvRate", Waits::no),
+            py::arg("rate"));
     cls.def(
         "cmd_publish",
         [](Kernel& handle, const py::object& request) {
@@ -182,15 +186,14 @@ Use it as a context manager, or call close(), to disconnect.)doc");
         "register_subscription",
         [](Kernel& handle, const std::string& key, py::function fn) {
             auto cb = holdCallback(std::move(fn), handle.tag());
-            handle.rememberRelease("subscription:" + key,
-                                   [key](KelmKernelImpl& k) { k.deregister_subscription(key); });
+            handle.rememberRelease("subscription:" + key, [key](KelmKernelImpl& k) { k.deregister_subscription(key); });
             handle.get().register_subscription(key, textTrampoline(cb));
         },
         py::arg("key"), py::arg("fn"),
         "One-shot fn(task_key) for the first state frame that reports task `key` finished.");
     cls.def(
-        "deregister_subscription", [](Kernel& handle, const std::string& key) { handle.get().deregister_subscription(key); },
-        py::arg("key"));
+        "deregister_subscription",
+        [](Kernel& handle, const std::string& key) { handle.get().deregister_subscription(key); }, py::arg("key"));
     cls.def("clear_subscription", [](Kernel& handle) { handle.get().clear_subscription(); });
     bindRegistry<KelmKernelImpl::TextCallback>(
         cls, "task_completion", textTrampoline, &KelmKernelImpl::register_task_completion_callback,
@@ -326,7 +329,8 @@ Use it as a context manager, or call close(), to disconnect.)doc");
             "state and fires the callbacks on this thread).");
     cls.def("get_status", forward<K>(&K::get_status, "get_status", Waits::no),
             "The arm's ArmStatus; `connected` is asked of the connection now. Allowed in every callback.");
-    cls.def("get_joint_pos", forward<K>(&K::get_joint_pos, "get_joint_pos", Waits::no), "Measured joint positions [rad].");
+    cls.def("get_joint_pos", forward<K>(&K::get_joint_pos, "get_joint_pos", Waits::no),
+            "Measured joint positions [rad].");
     cls.def("get_joint_vel", forward<K>(&K::get_joint_vel, "get_joint_vel", Waits::no), "Measured joint velocities.");
     cls.def("get_joint_tau", forward<K>(&K::get_joint_tau, "get_joint_tau", Waits::no), "Measured joint torques.");
     cls.def("get_plan_joint_pos", forward<K>(&K::get_plan_joint_pos, "get_plan_joint_pos", Waits::no));
@@ -341,22 +345,25 @@ Use it as a context manager, or call close(), to disconnect.)doc");
             "Gripper position [m].");
     cls.def("get_end_effector_vel", forward<K>(&K::get_end_effector_vel, "get_end_effector_vel", Waits::no));
     cls.def("get_end_effector_tau", forward<K>(&K::get_end_effector_tau, "get_end_effector_tau", Waits::no));
-    cls.def("get_end_effector_connect", forward<K>(&K::get_end_effector_connect, "get_end_effector_connect", Waits::no));
+    cls.def("get_end_effector_connect",
+            forward<K>(&K::get_end_effector_connect, "get_end_effector_connect", Waits::no));
 
     // ---- control commands ----
     cls.def("set_servo_enable", forward<K>(&K::set_servo_enable, "set_servo_enable", Waits::yes), py::arg("enable"),
             kRequestResult);
     cls.def("set_control_mode", forward<K>(&K::set_control_mode, "set_control_mode", Waits::yes), py::arg("mode"),
-            (std::string("`mode` 0 to 4 (0 position, 1 PV, 2 MIT, 3 drag, 4 force-position hybrid). ") +
-             kRequestResult).c_str());
-    cls.def("set_end_effector", forward<K>(&K::set_end_effector, "set_end_effector", Waits::no), py::arg("pos"),
-            py::arg("tau"),
-            (std::string("Gripper target: `pos` [m] clamped to 0..0.08, `tau` to 0..20.0; NaN refused. ") +
-             kStreamResult).c_str());
+            (std::string("`mode` 0 to 4 (0 position, 1 PV, 2 MIT, 3 drag, 4 force-position hybrid). ") + kRequestResult)
+                .c_str());
+    cls.def(
+        "set_end_effector", forward<K>(&K::set_end_effector, "set_end_effector", Waits::no), py::arg("pos"),
+        py::arg("tau"),
+        (std::string("Gripper target: `pos` [m] clamped to 0..0.08, `tau` to 0..20.0; NaN refused. ") + kStreamResult)
+            .c_str());
     cls.def("set_collision_config", forward<K>(&K::set_collision_config, "set_collision_config", Waits::yes),
             py::arg("flag"), py::arg("level"), kRequestResult);
     cls.def("set_teleoperation_mode", forward<K>(&K::set_teleoperation_mode, "set_teleoperation_mode", Waits::yes),
-            py::arg("is_master"), (std::string("`is_master` 1 for a master arm, 2 for a slave arm. ") + kRequestResult).c_str());
+            py::arg("is_master"),
+            (std::string("`is_master` 1 for a master arm, 2 for a slave arm. ") + kRequestResult).c_str());
     cls.def("disable_stop", forward<K>(&K::disable_stop, "disable_stop", Waits::yes), kRequestResult);
     cls.def("emergency_stop", forward<K>(&K::emergency_stop, "emergency_stop", Waits::yes), kRequestResult);
     cls.def("task_stop", forward<K>(&K::task_stop, "task_stop", Waits::yes), py::arg("stop_at_once"), kRequestResult);
@@ -402,8 +409,8 @@ Use it as a context manager, or call close(), to disconnect.)doc");
     // ---- motions ----
     cls.def("move_joint_jog", forward<K>(&K::move_joint_jog, "move_joint_jog", Waits::yes), py::arg("index"),
             py::arg("dir"), py::arg("speed"), kRequestResult);
-    cls.def("move_line_jog", forward<K>(&K::move_line_jog, "move_line_jog", Waits::yes), py::arg("index"), py::arg("dir"),
-            py::arg("speed"), py::arg("tool"), py::arg("user"), kRequestResult);
+    cls.def("move_line_jog", forward<K>(&K::move_line_jog, "move_line_jog", Waits::yes), py::arg("index"),
+            py::arg("dir"), py::arg("speed"), py::arg("tool"), py::arg("user"), kRequestResult);
     cls.def(
         "move_joint",
         [](Kernel& h, Vec target, double speed, int tool, int user, bool is_joint) {
@@ -418,9 +425,8 @@ Use it as a context manager, or call close(), to disconnect.)doc");
     cls.def(
         "move_line",
         [](Kernel& h, Vec target, double speed, int tool, int user, bool is_joint) {
-            return keyed(h, "move_line", [&](K& k, std::string& key) {
-                return k.move_line(target, key, speed, tool, user, is_joint);
-            });
+            return keyed(h, "move_line",
+                         [&](K& k, std::string& key) { return k.move_line(target, key, speed, tool, user, is_joint); });
         },
         py::arg("target"), py::arg("speed"), py::arg("tool"), py::arg("user"), py::arg("is_joint"),
         (std::string("Straight-line move. ") + kKeyedMotion).c_str());
@@ -462,7 +468,8 @@ Use it as a context manager, or call close(), to disconnect.)doc");
             });
         },
         py::arg("points"), py::arg("speed"), py::arg("dir"), py::arg("radian"), py::arg("tool"), py::arg("user"),
-        py::arg("is_joint"), (std::string("Arc through three points; `radian` [rad] sent when above 0. ") + kKeyedMotion).c_str());
+        py::arg("is_joint"),
+        (std::string("Arc through three points; `radian` [rad] sent when above 0. ") + kKeyedMotion).c_str());
     cls.def(
         "move_center_arc",
         [](Kernel& h, std::array<Vec, 3> points, double speed, bool dir, double radian, int tool, int user,
@@ -477,16 +484,16 @@ Use it as a context manager, or call close(), to disconnect.)doc");
         "move_jump",
         [](Kernel& h, Pose target, std::array<double, 3> up, std::array<double, 3> down, double speed, int tool,
            int user) {
-            return keyed(h, "move_jump", [&](K& k, std::string& key) {
-                return k.move_jump(target, up, down, key, speed, tool, user);
-            });
+            return keyed(h, "move_jump",
+                         [&](K& k, std::string& key) { return k.move_jump(target, up, down, key, speed, tool, user); });
         },
         py::arg("target"), py::arg("up"), py::arg("down"), py::arg("speed"), py::arg("tool"), py::arg("user"),
         (std::string("Hop to pose `target`: up by `up` [m], over to target + `down` [m], down onto it. ") +
          kKeyedMotion)
             .c_str());
     cls.def("move_delay", forward<K>(&K::move_delay, "move_delay", Waits::yes), py::arg("time"),
-            py::arg("override_level"), (std::string("Pause of `time` [s] in the task stream. ") + kRequestResult).c_str());
+            py::arg("override_level"),
+            (std::string("Pause of `time` [s] in the task stream. ") + kRequestResult).c_str());
 
     // ---- coordinates and calibration ----
     cls.def("get_tool_index", forward<K>(&K::get_tool_index, "get_tool_index", Waits::no));
@@ -540,8 +547,7 @@ Use it as a context manager, or call close(), to disconnect.)doc");
             }
             return py::make_tuple(result, toPy(poses));
         },
-        py::arg("tool"), py::arg("user"), py::arg("jnt_values"),
-        "Batch form: (result, (n, 7) array of poses).");
+        py::arg("tool"), py::arg("user"), py::arg("jnt_values"), "Batch form: (result, (n, 7) array of poses).");
     cls.def(
         "inverseKine",
         [](Kernel& h, int tool, int user, Pose pose, Vec ref_joint) {
@@ -598,8 +604,8 @@ Use it as a context manager, or call close(), to disconnect.)doc");
             return py::make_tuple(result, toPy(names));
         },
         "Names of the taught trajectories (3000 ms). Returns (result, names); -1 for no usable reply.");
-    cls.def("set_zero_position", forward<K>(&K::set_zero_position, "set_zero_position", Waits::yes),
-            py::arg("axis_id"), "The reply's `ret` (0 when absent), -1 for no reply or a refusal.");
+    cls.def("set_zero_position", forward<K>(&K::set_zero_position, "set_zero_position", Waits::yes), py::arg("axis_id"),
+            "The reply's `ret` (0 when absent), -1 for no reply or a refusal.");
     cls.def("set_dynamics_cali_record_flag",
             forward<K>(&K::set_dynamics_cali_record_flag, "set_dynamics_cali_record_flag", Waits::yes),
             "The reply's `ret` (0 when absent), -1 for no reply or a refusal.");

@@ -67,7 +67,8 @@ public:
         };
         const std::string key = "statelog:" + name_;
         const std::string registry_name = name_;
-        kernel.rememberRelease(key, [registry_name](KelmKernelImpl& a) { a.release_get_joint_callback(registry_name); });
+        kernel.rememberRelease(key,
+                               [registry_name](KelmKernelImpl& a) { a.release_get_joint_callback(registry_name); });
         py::gil_scoped_release release;
         k.register_get_joint_callback(name_, capture);
     }
@@ -86,7 +87,8 @@ public:
         const auto n = static_cast<py::ssize_t>(rows.size());
         const auto d = static_cast<py::ssize_t>(dof);
         py::array_t<std::uint64_t> count(n);
-        py::array_t<double> stamp(n), received(n), qpos({n, d}), qvel({n, d}), effort({n, d}), gripper({n, py::ssize_t(3)});
+        py::array_t<double> stamp(n), received(n), qpos({n, d}), qvel({n, d}), effort({n, d}),
+            gripper({n, py::ssize_t(3)});
         const double nan = std::numeric_limits<double>::quiet_NaN();
         auto fill = [&](double* out, const std::vector<double>& values) {
             for (std::size_t j = 0; j < dof; ++j) out[j] = j < values.size() ? values[j] : nan;

@@ -18,7 +18,8 @@ namespace test {
 
 class DirectKernel : public KelmKernelImpl {
 public:
-    explicit DirectKernel(int arm_index = 0, std::shared_ptr<LoopbackSocket> socket = std::make_shared<LoopbackSocket>())
+    explicit DirectKernel(int arm_index = 0,
+                          std::shared_ptr<LoopbackSocket> socket = std::make_shared<LoopbackSocket>())
         : KelmKernelImpl([socket](const std::string&, unsigned short) { return socket; }, "127.0.0.1", kAnyPort,
                          kConnectTimeoutSeconds, arm_index),
           socket_(std::move(socket)) {}

@@ -203,7 +203,8 @@ Json::Value TestPeer::replyFor(const Json::Value& request, const Json::Value& me
 }
 
 void TestPeer::replyTo(const std::string& command, const Json::Value& members, Milliseconds delay) {
-    replyWith(command, [members](const Json::Value&) { return members; }, delay);
+    replyWith(
+        command, [members](const Json::Value&) { return members; }, delay);
 }
 
 void TestPeer::replyWith(const std::string& command, Responder responder, Milliseconds delay) {

@@ -58,7 +58,7 @@ std::string toJsonText(const Json::Value& value);
 struct ReceivedMessage {
     WebSocketServer::ConnectionId connection = 0;
     std::string text;
-    Json::Value json;      // null when the text is not JSON
+    Json::Value json;  // null when the text is not JSON
     bool is_json = false;
 };
 
