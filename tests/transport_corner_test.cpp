@@ -1,7 +1,6 @@
 // Corners of the connection's threads: a reconnect from inside a callback,
-// two connections whose callbacks disconnect each other, a kernel whose last
-// owner lets it go on its own receive thread, and a peer that stops reading
-// a stream.
+// two connections whose callbacks disconnect each other, and a peer that
+// stops reading a stream.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -143,28 +142,6 @@ TEST(TransportCorner, TwoConnectionsWhoseCallbacksDisconnectEachOtherBothEnd) {
                 "two connections disconnecting each other");
     EXPECT_TRUE(peer.waitForConnections(0));
     EXPECT_EQ(first.connect(), 1) << "the stopped thread is joined";
-}
-
-TEST(TransportCorner, KernelReleasedByItsOwnCallbackGoesOnlyAfterTheWalk) {
-    TestPeer peer;
-    auto kernel = std::make_shared<KelmKernelImpl>(peer.host(), peer.port(), 1.0, 0);
-    ASSERT_TRUE(kernel->is_connected());
-    auto order = std::make_shared<Recorder<std::string>>();
-    // Walked in key order: the release comes first, the kernel's own parser
-    // and the last entry after it; the loss is reported by the destructor.
-    kernel->register_update_robot_state_callback("a release", [&kernel, order](std::string) {
-        if (!kernel) return;
-        order->add("release");
-        kernel.reset();
-    });
-    kernel->register_update_robot_state_callback("z last", [order](std::string) { order->add("last"); });
-    kernel->register_connect_changed_callback("lost", [order](bool up) {
-        if (!up) order->add("lost");
-    });
-    peer.sendJson(test::stateFrame(1, {test::realisticArm(0)}));
-    ASSERT_TRUE(order->waitForCount(3));
-    EXPECT_EQ(order->values(), (std::vector<std::string>{"release", "last", "lost"}));
-    EXPECT_TRUE(peer.waitForConnections(0));
 }
 
 TEST(TransportCorner, StreamToAPeerThatStopsReadingIsBoundedAndNeverBlocks) {

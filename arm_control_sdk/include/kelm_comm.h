@@ -17,10 +17,6 @@
 // and call the copies without it. A program that reads or changes a map
 // directly does so unsynchronised with the receive thread, and must make sure
 // itself that no message is being delivered meanwhile.
-//
-// A manager owned by std::shared_ptr may lose its last owner inside one of
-// its own callbacks: it then goes only when the delivery of that message or
-// connection change is over, still on the receive thread.
 #pragma once
 
 #include <json/json.h>
@@ -38,7 +34,7 @@
 
 namespace kelm {
 
-class KelmCommManager : public iRecieveListener, public std::enable_shared_from_this<KelmCommManager> {
+class KelmCommManager : public iRecieveListener {
 public:
     // Kinds of transport; only the WebSocket is ever made.
     enum ComMode { COM_NONE = 0, COM_TCP = 0, COM_WEBSOCKET = 1 };
@@ -129,13 +125,6 @@ protected:
     // while a callback runs.
     std::mutex registry_mutex_;
 
-    // Remembers who owns this manager, if a std::shared_ptr does, for
-    // onReceive and connectChanged; called by every register operation, on a
-    // thread that holds the manager after its construction (reading the
-    // shared owner from the receive thread could race with its first
-    // assignment while the constructor connects).
-    void noteOwner();
-
     // The parsed tree of `message` when it is the message that onReceive is
     // handing to the state callbacks on this thread right now, otherwise
     // null. Lets a state callback skip parsing the same text a second time.
@@ -143,8 +132,6 @@ protected:
 
 private:
     SocketClientFactory make_socket_client_;
-    std::weak_ptr<KelmCommManager> owner_;  // guarded by registry_mutex_
-    std::shared_ptr<KelmCommManager> keepAlive();
 
     // cmd_recv's work; `tree` receives the parsed message and `parsed` says
     // whether the parse itself completed.

@@ -138,27 +138,11 @@ void KelmCommManager::setRecvRate(double rate) {
     comm_client->setRecvRate(rate);
 }
 
-void KelmCommManager::noteOwner() {
-    std::weak_ptr<KelmCommManager> owner = weak_from_this();
-    std::lock_guard<std::mutex> lock(registry_mutex_);
-    owner_ = std::move(owner);
-}
-
-// The owner's reference for the rest of a delivery, if a shared owner exists.
-std::shared_ptr<KelmCommManager> KelmCommManager::keepAlive() {
-    std::lock_guard<std::mutex> lock(registry_mutex_);
-    return owner_.lock();
-}
-
 void KelmCommManager::connectChanged(bool connected) {
-    const auto keep_alive = keepAlive();  // see onReceive
     registry::callEachSet(registry_mutex_, connect_changed_callbacks, connected);
 }
 
 void KelmCommManager::onReceive(const std::string& message) {
-    // A callback may drop the last owner of this manager: it is destroyed
-    // when this reference goes, after the walks over its maps have ended.
-    const auto keep_alive = keepAlive();
 #if KELM_FRAME_FAST_PATH
     // A message the fast reader maps with certainty is no reply: its tasks
     // are broadcast and it goes to the state callbacks without a tree.
@@ -321,7 +305,6 @@ void KelmCommManager::storeReply(const std::string& command, const std::string& 
 }
 
 void KelmCommManager::register_subscription(std::string key, TextCallback callback) {
-    noteOwner();
     registry::set(registry_mutex_, subscriptions, key, std::move(callback));
 }
 
@@ -330,7 +313,6 @@ void KelmCommManager::deregister_subscription(std::string key) { registry::erase
 void KelmCommManager::clear_subscription() { registry::clear(registry_mutex_, subscriptions); }
 
 int KelmCommManager::register_task_completion_callback(const std::string& name, TextCallback callback) {
-    noteOwner();
     registry::set(registry_mutex_, task_completion_callbacks, name, std::move(callback));
     return 0;
 }
@@ -346,7 +328,6 @@ int KelmCommManager::release_task_completion_callback() {
 }
 
 int KelmCommManager::register_update_robot_state_callback(const std::string& name, TextCallback callback) {
-    noteOwner();
     registry::set(registry_mutex_, update_robot_state_callbacks, name, std::move(callback));
     return 0;
 }
@@ -362,7 +343,6 @@ int KelmCommManager::release_update_robot_state_callback() {
 }
 
 int KelmCommManager::register_connect_changed_callback(const std::string& name, ConnectCallback callback) {
-    noteOwner();
     registry::set(registry_mutex_, connect_changed_callbacks, name, std::move(callback));
     return 0;
 }

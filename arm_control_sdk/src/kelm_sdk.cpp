@@ -76,7 +76,6 @@ int KelmKernelImpl::publishStream(const Json::Value& body) {
 // ---- registries ----
 
 int KelmKernelImpl::register_error_catch_callback(const std::string& name, ErrorCallback cb) {
-    noteOwner();
     registry::set(registry_mutex_, error_catch_callbacks, name, std::move(cb));
     return 0;
 }
@@ -92,7 +91,6 @@ int KelmKernelImpl::release_error_catch_callback() {
 }
 
 int KelmKernelImpl::register_get_joint_callback(const std::string& name, JointCallback cb) {
-    noteOwner();
     registry::set(registry_mutex_, get_joint_callbacks, name, std::move(cb));
     return 0;
 }
@@ -108,7 +106,6 @@ int KelmKernelImpl::release_get_joint_callback() {
 }
 
 int KelmKernelImpl::register_get_pose_callback(const std::string& name, PoseCallback cb) {
-    noteOwner();
     registry::set(registry_mutex_, get_pose_callbacks, name, std::move(cb));
     return 0;
 }
@@ -124,7 +121,6 @@ int KelmKernelImpl::release_get_pose_callback() {
 }
 
 int KelmKernelImpl::register_get_plan_joint_callback(const std::string& name, JointCallback cb) {
-    noteOwner();
     registry::set(registry_mutex_, get_plan_joint_callbacks, name, std::move(cb));
     return 0;
 }
@@ -140,7 +136,6 @@ int KelmKernelImpl::release_get_plan_joint_callback() {
 }
 
 int KelmKernelImpl::register_get_tele_master_data_callback(const std::string& name, TeleDataCallback cb) {
-    noteOwner();
     registry::set(registry_mutex_, get_tele_master_data_callbacks, name, std::move(cb));
     return 0;
 }
@@ -156,7 +151,6 @@ int KelmKernelImpl::release_get_tele_master_data_callback() {
 }
 
 int KelmKernelImpl::register_get_tele_slave_data_callback(const std::string& name, TeleDataCallback cb) {
-    noteOwner();
     registry::set(registry_mutex_, get_tele_slave_data_callbacks, name, std::move(cb));
     return 0;
 }
@@ -172,7 +166,6 @@ int KelmKernelImpl::release_get_tele_slave_data_callback() {
 }
 
 int KelmKernelImpl::register_get_external_force_callback(const std::string& name, ExternalForceCallback cb) {
-    noteOwner();
     registry::set(registry_mutex_, get_external_force_callbacks, name, std::move(cb));
     return 0;
 }
@@ -188,7 +181,6 @@ int KelmKernelImpl::release_get_external_force_callback() {
 }
 
 int KelmKernelImpl::register_fsm_mode_changed_callback(const std::string& name, AxisValueCallback cb) {
-    noteOwner();
     registry::set(registry_mutex_, fsm_mode_changed_callbacks, name, std::move(cb));
     return 0;
 }
@@ -199,7 +191,6 @@ int KelmKernelImpl::release_fsm_mode_changed_callback() {
 }
 
 int KelmKernelImpl::register_servo_status_changed_callback(const std::string& name, AxisServoCallback cb) {
-    noteOwner();
     registry::set(registry_mutex_, servo_status_changed_callbacks, name, std::move(cb));
     return 0;
 }
@@ -210,7 +201,6 @@ int KelmKernelImpl::release_servo_status_changed_callback() {
 }
 
 int KelmKernelImpl::register_motor_code_changed_callback(const std::string& name, AxisCodeCallback cb) {
-    noteOwner();
     registry::set(registry_mutex_, motor_code_changed_callbacks, name, std::move(cb));
     return 0;
 }
@@ -221,7 +211,6 @@ int KelmKernelImpl::release_motor_code_changed_callback() {
 }
 
 int KelmKernelImpl::register_motor_run_state_changed_callback(const std::string& name, AxisValueCallback cb) {
-    noteOwner();
     registry::set(registry_mutex_, motor_run_state_changed_callbacks, name, std::move(cb));
     return 0;
 }
@@ -232,7 +221,6 @@ int KelmKernelImpl::release_motor_run_state_changed_callback() {
 }
 
 int KelmKernelImpl::register_state_changed_callback(const std::string& name, StateCallback cb) {
-    noteOwner();
     registry::set(registry_mutex_, state_changed_callbacks, name, std::move(cb));
     return 0;
 }
