@@ -360,6 +360,7 @@ class KelmKernelImpl:
     def parseRecieveData(self: KelmKernelImpl, msg: str) -> None:
         """Takes one message text as if the controller had sent it (a webSendRobotState frame updates the cached state and fires the callbacks on this thread)."""
         ...
+    msg_count: int
     def get_status(self: KelmKernelImpl) -> ArmStatus:
         """The arm's ArmStatus; `connected` is asked of the connection now. Allowed in every callback."""
         ...

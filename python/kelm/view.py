@@ -42,10 +42,6 @@ LAG_MAX_S = 0.3
 LAG_STEP_S = 0.001
 # Frames a trace holds: LAG_WINDOW_S at up to 5 kHz.
 TRACE_LENGTH = int(LAG_WINDOW_S * 5000)
-# A step in the controller's time stamps of more than STALL_STEPS usual
-# steps counts as a stall of the stream; the usual step is taken per window [s].
-STALL_STEPS = 3.0
-STALL_WINDOW_S = 1.0
 
 
 def as_list(values):
@@ -63,21 +59,19 @@ class ArmFeed:
         self._gripper = 0.0
         self._external_tau = None
         self._frames = 0
-        self._stalls = 0
-        self._window = []  # controller time stamps [s] of the current window
-        self._usual_steps = collections.deque(maxlen=10)  # median steps [s] of the last windows
-        self._usual_step = None  # [s]
+        self._gaps = 0  # frames the controller's count skipped
+        self._last_count = None
         self._last_receive = None
         self._error = None
         self._status = {}
         self._trace = collections.deque(maxlen=TRACE_LENGTH)  # (receive time [s], joints [rad])
 
-    def on_joints(self, stamp, joints, gripper):
-        """One frame: controller time stamp [s], joint positions [rad], gripper opening [m]."""
+    def on_joints(self, stamp, joints, gripper, count):
+        """One frame: controller time stamp [s], joint positions [rad], gripper opening [m], frame count."""
         now = time.monotonic()
         values = as_list(joints)
         with self._lock:
-            self._count_stall(float(stamp))
+            self._count_gap(int(count))
             self._joints = values
             self._gripper = float(gripper)
             self._frames += 1
@@ -102,20 +96,10 @@ class ArmFeed:
         with self._lock:
             self._status.update(status)
 
-    def _count_stall(self, stamp):
-        # The callbacks bring no frame count, so what the time stamps can
-        # tell is counted: steps of more than STALL_STEPS usual steps, the
-        # usual step being the median over the last windows' median steps.
-        if self._window and self._usual_step and stamp - self._window[-1] > STALL_STEPS * self._usual_step:
-            self._stalls += 1
-        self._window.append(stamp)
-        if stamp - self._window[0] < STALL_WINDOW_S:
-            return
-        steps = np.diff(self._window)
-        self._window = [stamp]
-        if np.any(steps > 0):
-            self._usual_steps.append(float(np.median(steps[steps > 0])))
-            self._usual_step = float(np.median(self._usual_steps))
+    def _count_gap(self, count):
+        if self._last_count is not None and count > self._last_count + 1:
+            self._gaps += count - self._last_count - 1
+        self._last_count = count
 
     def trace(self):
         """(receive times [s], joints [rad]) of the last LAG_WINDOW_S."""
@@ -132,7 +116,7 @@ class ArmFeed:
             fresh = self._last_receive is not None and now - self._last_receive < STALE_AFTER_S
             error = dict(self._error, age=now - self._error["time"]) if self._error else None
             return dict(self._status, joints=self._joints, gripper=self._gripper,
-                        external_tau=self._external_tau, frames=self._frames, stalls=self._stalls,
+                        external_tau=self._external_tau, frames=self._frames, gaps=self._gaps,
                         streaming=fresh, error=error)
 
 
@@ -186,7 +170,11 @@ class ControllerLink:
         self._mode_names = getattr(kelm, "fsm_mode_str_map", {})
         self._state_names = getattr(kelm, "kelm_state_str", {})
         # The tele master callback brings joints and gripper of any arm.
-        self.kernel.register_get_tele_master_data_callback(self.CALLBACK_NAME, feed.on_joints)
+        # The frame count is read in the callback, on the thread that writes it.
+        kernel = self.kernel
+        self.kernel.register_get_tele_master_data_callback(
+            self.CALLBACK_NAME,
+            lambda stamp, joints, gripper: feed.on_joints(stamp, joints, gripper, kernel.msg_count))
         if role == "slave":
             self.kernel.register_get_tele_slave_data_callback(self.CALLBACK_NAME, feed.on_external_tau)
         self.kernel.register_error_catch_callback(self.CALLBACK_NAME, feed.on_error)

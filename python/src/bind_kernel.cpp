@@ -327,6 +327,11 @@ Use it as a context manager, or call close(), to disconnect.)doc");
     cls.def("parseRecieveData", forward<K>(&K::parseRecieveData, "parseRecieveData", Waits::no), py::arg("msg"),
             "Takes one message text as if the controller had sent it (a webSendRobotState frame updates the cached "
             "state and fires the callbacks on this thread).");
+    cls.def_property_readonly(
+        "msg_count", [](Kernel& self) { return self.get().msg_count; },
+        "`count` of the last state frame. Written by the receive thread: read it in a joint, pose, plan joint or tele "
+        "master callback of this kernel, where it belongs to the frame being delivered; elsewhere the read is "
+        "unsynchronised.");
     cls.def("get_status", forward<K>(&K::get_status, "get_status", Waits::no),
             "The arm's ArmStatus; `connected` is asked of the connection now. Allowed in every callback.");
     cls.def("get_joint_pos", forward<K>(&K::get_joint_pos, "get_joint_pos", Waits::no),

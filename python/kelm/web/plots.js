@@ -63,11 +63,11 @@ export class Plots {
     this.lag = { series: new Series(1), plot: chart(container, 'slave lag behind master [ms]', [{ label: 'lag', stroke: '#c0e060', width: 1.5 }]) };
     this.rate = {
       series: new Series(4),
-      plot: chart(container, 'frame rate [Hz]; stalls (time steps > 3x usual)', [
+      plot: chart(container, 'frame rate [Hz]; frames missed (count gaps)', [
         { label: 'master Hz', stroke: '#4aa3ff', width: 1.5 },
         { label: 'slave Hz', stroke: '#f0a040', width: 1.5 },
-        { label: 'master stalls', stroke: '#4aa3ff', width: 1, dash: [2, 3], scale: 'count' },
-        { label: 'slave stalls', stroke: '#f0a040', width: 1, dash: [2, 3], scale: 'count' },
+        { label: 'master gaps', stroke: '#4aa3ff', width: 1, dash: [2, 3], scale: 'count' },
+        { label: 'slave gaps', stroke: '#f0a040', width: 1, dash: [2, 3], scale: 'count' },
       ], { count: true }),
     };
     this.torque = { series: new Series(dof), plot: chart(container, 'external torque at the slave, fed back in force mode [Nm]', jointSeries(dof, 'j'), { wide: true }) };
@@ -82,7 +82,7 @@ export class Plots {
     this.error.series.push(time, Array.from({ length: this.dof }, (_, i) => (
       master[i] !== undefined && slave[i] !== undefined ? master[i] - slave[i] : null)));
     this.lag.series.push(time, [sample.lag === null ? null : sample.lag * 1000]);
-    this.rate.series.push(time, [sample.masterRate, sample.slaveRate, sample.masterStalls, sample.slaveStalls]);
+    this.rate.series.push(time, [sample.masterRate, sample.slaveRate, sample.masterGaps, sample.slaveGaps]);
     this.torque.series.push(time, sample.torque ?? []);
   }
 

@@ -33,7 +33,7 @@ function describeArm(role, arm, rate) {
   const link = !arm.connected ? ['bad', 'disconnected'] : !arm.streaming ? ['warn', 'no frames'] : ['ok', 'connected'];
   const servo = arm.servo ? 'servo on' : 'servo off';
   return `<b>${role}</b> ${arm.name ?? ''} <span class="${link[0]}">${link[1]}</span> · ${servo}`
-    + ` · mode ${arm.fsm_name ?? '?'} · ${arm.state_name ?? '?'} · ${rate.toFixed(0)} Hz · stalls ${arm.stalls}`;
+    + ` · mode ${arm.fsm_name ?? '?'} · ${arm.state_name ?? '?'} · ${rate.toFixed(0)} Hz · gaps ${arm.gaps}`;
 }
 
 function describeError(arms) {
@@ -73,7 +73,7 @@ class Page {
     if (!this.plots) return;
     this.plots.add(state.time, {
       master: masterJoints, slave: slave.joints, lag: state.lag,
-      masterRate: rates.master, slaveRate: rates.slave, masterStalls: master.stalls, slaveStalls: slave.stalls,
+      masterRate: rates.master, slaveRate: rates.slave, masterGaps: master.gaps, slaveGaps: slave.gaps,
       torque: slave.external_tau,
     });
     const now = performance.now();
