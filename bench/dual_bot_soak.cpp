@@ -24,8 +24,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr double kWristSwing = 0.3;   // rad, added to and taken from the last joint
-constexpr double kMoveTime = 0.5;     // s, the time each move is given
+constexpr double kWristSwing = 0.3;  // rad, added to and taken from the last joint
+constexpr double kMoveTime = 0.5;    // s, the time each move is given
 constexpr auto kReportEvery = std::chrono::minutes(1);
 
 long residentKilobytes() {

@@ -9,7 +9,9 @@
 // onReceive, cmd_recv and every callback of the four maps run on the
 // transport's receive thread, one message after the other; a callback must
 // never call cmd_server on its own connection (the reply would have to come
-// through the thread that waits), but may publish.
+// through the thread that waits), but may publish. A callback may destroy
+// its own manager (drop its last owner): the destruction happens there, and
+// the walk that called the callback ends with it.
 //
 // The four callback maps are plain public maps. The register, release and
 // firing operations of this class are safe from any thread, also from a

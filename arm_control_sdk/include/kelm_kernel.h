@@ -17,6 +17,9 @@
 //   get_tool_index, get_user_index) of the same kernel. get_status takes no
 //   lock and is always allowed. Joint, pose, plan joint and tele master
 //   callbacks run after the lock is released.
+// - Any callback may drop the last owner of its own kernel: the kernel is
+//   destroyed there, on the receive thread, its connection's loss is reported,
+//   and no later callback of that frame runs.
 // - Registering and releasing callbacks is safe from any thread, also from a
 //   callback; a walk that is under way keeps calling the entries it started
 //   with. The registries are plain public maps: a program that reads or

@@ -6,13 +6,16 @@
 // calls its copies after the lock is gone, so no lock is ever held while a
 // callback runs and a callback may register or release entries itself. A
 // function object that is replaced or erased is destroyed after the lock too,
-// since its destructor may run user code.
+// since its destructor may run user code. A walk stops after a callback that
+// destroyed the walk's own manager (see dispatch_scope.h).
 #pragma once
 
 #include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "dispatch_scope.h"
 
 namespace kelm {
 namespace registry {
@@ -68,14 +71,19 @@ std::vector<typename Map::mapped_type> copyEntries(std::mutex& mutex, const Map&
 // the caller.
 template <typename Map, typename... Args>
 void callEach(std::mutex& mutex, const Map& map, const Args&... args) {
-    for (const auto& function : copyEntries(mutex, map)) function(args...);
+    for (const auto& function : copyEntries(mutex, map)) {
+        function(args...);
+        DispatchScope::throwIfEnded();
+    }
 }
 
 // As callEach, but empty entries are passed over.
 template <typename Map, typename... Args>
 void callEachSet(std::mutex& mutex, const Map& map, const Args&... args) {
     for (const auto& function : copyEntries(mutex, map)) {
-        if (function) function(args...);
+        if (!function) continue;
+        function(args...);
+        DispatchScope::throwIfEnded();
     }
 }
 

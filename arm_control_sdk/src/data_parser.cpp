@@ -110,7 +110,10 @@ struct JsonDocument {
 // Calls every function of a registry's copy with its own copies of `args`.
 template <typename Functions, typename... Args>
 void callEntries(const Functions& functions, const Args&... args) {
-    for (const auto& function : functions) function(args...);
+    for (const auto& function : functions) {
+        function(args...);
+        DispatchScope::throwIfEnded();
+    }
 }
 
 }  // namespace
@@ -137,7 +140,18 @@ public:
         if (arms && Document::isArray(*arms)) status_field::store(kernel_.arm_count, Document::size(arms));
         const int previous_motion_state = status_field::load(kernel_.status.motion_state);
 
-        std::lock_guard<std::mutex> lock(kernel_.state_mutex);
+        std::unique_lock<std::mutex> lock(kernel_.state_mutex);
+        try {
+            takeOverLocked(root, arms, previous_motion_state);
+        } catch (const DispatchEnded&) {
+            // A callback destroyed the kernel, and this mutex with it.
+            lock.release();
+            throw;
+        }
+    }
+
+private:
+    void takeOverLocked(const Value& root, const Found& arms, int previous_motion_state) {
         readCount(root);
         if (const Found debug = Document::find(root, keys::root::debug)) {
             status_field::store(kernel_.status.debug, Document::asBool(debug));
@@ -157,7 +171,6 @@ public:
         }
     }
 
-private:
     void readCount(const Value& root) {
         const uint64_t count = Document::frameCount(Document::find(root, keys::root::count));
         // Unsigned on purpose: a first frame above 1 and a count that goes
@@ -370,6 +383,8 @@ void KelmKernelImpl::parseRecieveData(const std::string& msg) {
         if (!FrameReader<JsonDocument>::isStateFrame(*root)) return;
         webSendRobotStateData(*root);
         fireFrameDataCallbacks();
+    } catch (const DispatchEnded&) {
+        throw;
     } catch (const std::exception& e) {
         KELM_LOG(LOG_ERROR, "%s", e.what());
     } catch (...) {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "callback_registry.h"
+#include "dispatch_scope.h"
 #include "fast_frame.h"
 #include "log_manager.h"
 #include "message_text.h"
@@ -26,32 +27,6 @@ bool isStreamingRequest(const std::string& command, const std::string& task_id) 
            command == protocol::kEndEffectorCommand;
 }
 
-// The message that onReceive is dispatching on this thread, with its tree or
-// its fast-read form.
-struct DispatchedMessage {
-    const KelmCommManager* manager = nullptr;
-    const std::string* text = nullptr;
-    const Json::Value* tree = nullptr;
-    const fast_frame::Message* fast = nullptr;
-};
-thread_local DispatchedMessage dispatched;
-
-// Marks a message as being dispatched for as long as it lives.
-class DispatchScope {
-public:
-    DispatchScope(const KelmCommManager* manager, const std::string* text, const Json::Value* tree,
-                  const fast_frame::Message* fast)
-        : saved_(dispatched) {
-        dispatched = DispatchedMessage{manager, text, tree, fast};
-    }
-    ~DispatchScope() { dispatched = saved_; }
-    DispatchScope(const DispatchScope&) = delete;
-    DispatchScope& operator=(const DispatchScope&) = delete;
-
-private:
-    DispatchedMessage saved_;
-};
-
 // Runs cmd_recv's work on `message` under its handlers: an exception is
 // logged (or, when it is no std::exception, printed with the message) and
 // the result is false.
@@ -59,6 +34,8 @@ template <typename Work>
 bool receiveGuarded(const std::string& message, Work work) {
     try {
         return work();
+    } catch (const DispatchEnded&) {
+        throw;
     } catch (const std::exception& e) {
         KELM_LOG(LOG_ERROR, "%s", e.what());
     } catch (...) {
@@ -100,6 +77,9 @@ KelmCommManager::~KelmCommManager() {
         comm_client->releaseListener(this);
         comm_client->connect_callback = nullptr;
     }
+    // When a callback of this manager is destroying it, the walk that called
+    // the callback must stop when it returns.
+    DispatchScope::endScopesOf(this);
 }
 
 int KelmCommManager::connect_kelm(const std::string& ip, int port, double timeout) {
@@ -138,41 +118,49 @@ void KelmCommManager::setRecvRate(double rate) {
     comm_client->setRecvRate(rate);
 }
 
+// A callback that destroys this manager ends a walk here: a caught
+// DispatchEnded means that nothing of the object may be touched any more.
 void KelmCommManager::connectChanged(bool connected) {
-    registry::callEachSet(registry_mutex_, connect_changed_callbacks, connected);
+    DispatchScope scope(this, nullptr);
+    try {
+        registry::callEachSet(registry_mutex_, connect_changed_callbacks, connected);
+    } catch (const DispatchEnded&) {
+    }
 }
 
 void KelmCommManager::onReceive(const std::string& message) {
+    DispatchScope scope(this, &message);
+    try {
 #if KELM_FRAME_FAST_PATH
-    // A message the fast reader maps with certainty is no reply: its tasks
-    // are broadcast and it goes to the state callbacks without a tree.
-    const fast_frame::Lease lease = fast_frame::read(message);
-    if (const fast_frame::Message* fast = lease.message()) {
-        receiveGuarded(message, [&] {
-            fast_frame::forEachFinishedTask(*fast, [this](const std::string& key) { broadcastFinishedTask(key); });
-            return false;
-        });
-        DispatchScope scope(this, &message, nullptr, fast);
-        registry::callEach(registry_mutex_, update_robot_state_callbacks, message);
-        return;
-    }
+        // A message the fast reader maps with certainty is no reply: its tasks
+        // are broadcast and it goes to the state callbacks without a tree.
+        const fast_frame::Lease lease = fast_frame::read(message);
+        if (const fast_frame::Message* fast = lease.message()) {
+            receiveGuarded(message, [&] {
+                fast_frame::forEachFinishedTask(*fast, [this](const std::string& key) { broadcastFinishedTask(key); });
+                return false;
+            });
+            scope.setFast(fast);
+            registry::callEach(registry_mutex_, update_robot_state_callbacks, message);
+            return;
+        }
 #endif
-    Json::Value tree;
-    bool parsed = false;
-    if (receiveMessage(message, tree, parsed)) return;
-    DispatchScope scope(this, &message, parsed ? &tree : nullptr, nullptr);
-    registry::callEach(registry_mutex_, update_robot_state_callbacks, message);
+        Json::Value tree;
+        bool parsed = false;
+        if (receiveMessage(message, tree, parsed)) return;
+        if (parsed) scope.setTree(&tree);
+        registry::callEach(registry_mutex_, update_robot_state_callbacks, message);
+    } catch (const DispatchEnded&) {
+    }
 }
 
 const Json::Value* KelmCommManager::treeOfDispatchedMessage(const std::string& message) const {
-    if (dispatched.manager != this || dispatched.text == nullptr || dispatched.tree == nullptr) return nullptr;
-    return *dispatched.text == message ? dispatched.tree : nullptr;
+    return DispatchScope::treeOf(*this, message);
 }
 
 #if KELM_FRAME_FAST_PATH
 const fast_frame::Message* fast_frame::dispatchedMessage(const KelmCommManager& manager, const std::string& text) {
-    if (dispatched.manager != &manager || dispatched.text == nullptr || dispatched.fast == nullptr) return nullptr;
-    return *dispatched.text == text ? dispatched.fast : nullptr;
+    return DispatchScope::fastOf(manager, text);
 }
 #endif
 
@@ -293,6 +281,7 @@ void KelmCommManager::fireSubscriptionOnce(const std::string& key) {
         subscriptions.erase(it);
     }
     subscription(key);
+    DispatchScope::throwIfEnded();
 }
 
 void KelmCommManager::storeReply(const std::string& command, const std::string& task_key, const Json::Value& reply) {
