@@ -13,12 +13,12 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 #include "communication_client.h"
@@ -35,42 +35,39 @@ using Points = std::vector<std::vector<double>>;
 using Poses = std::vector<std::array<double, 7>>;
 template <typename Signature>
 using Registry = std::map<std::string, std::function<Signature>>;
+using Comm = KelmCommManager;
+using Kernel = KelmKernelImpl;
 
-// True when `&Class::name` converts to a pointer to a member function of
-// exactly `Signature`; with overloads, when one of them has it.
-template <typename Class, typename Signature>
-constexpr bool hasOperation(Signature Class::*) {
+// True when every listed member of `Class` is declared with exactly `Type`:
+// a data member's type, or an operation's signature (with overloads, one of
+// them has it). A member that differs fails to compile where it is listed.
+template <typename Class, typename Type>
+constexpr bool declaredAs(std::initializer_list<Type Class::*>) {
     return true;
 }
 
-#define KELM_MEMBER(Class, name, ...) \
-    static_assert(std::is_same_v<decltype(Class::name), __VA_ARGS__>, #Class "::" #name " has another type")
-#define KELM_FIELD(object, field, ...) \
-    static_assert(std::is_same_v<decltype(std::declval<object&>().field), __VA_ARGS__>, #object "." #field)
-#define KELM_OPERATION(Class, name, ...) static_assert(hasOperation<Class, __VA_ARGS__>(&Class::name), #name)
+#define KELM_OPERATION(Class, name, ...) static_assert(declaredAs<Class, __VA_ARGS__>({&Class::name}), #name)
 #define KELM_GLOBAL(name, ...) static_assert(std::is_same_v<decltype(name), __VA_ARGS__>, #name " has another type")
 
 // ---- the class tree and the transport and log libraries ----
 
 static_assert(std::is_abstract_v<iRecieveListener> && std::has_virtual_destructor_v<iRecieveListener>);
 KELM_OPERATION(iRecieveListener, onReceive, void(const std::string&));
-static_assert(std::is_convertible_v<KelmCommManager*, iRecieveListener*>);
-static_assert(std::is_convertible_v<KelmKernelImpl*, KelmCommManager*>);
+static_assert(std::is_convertible_v<Comm*, iRecieveListener*> && std::is_convertible_v<Kernel*, Comm*>);
 static_assert(std::is_abstract_v<BasicClientInterface>);
 static_assert(std::is_convertible_v<std::shared_ptr<WebSocketClient>, std::shared_ptr<BasicClientInterface>>);
 static_assert(std::is_constructible_v<WebSocketClient, std::string, unsigned short>);
 
-static_assert(std::is_default_constructible_v<CommunicationClient>);
-KELM_OPERATION(CommunicationClient, attachListener, void(iRecieveListener*));
-KELM_OPERATION(CommunicationClient, releaseListener, void(iRecieveListener*));
-KELM_OPERATION(CommunicationClient, setClientHandle, void(std::shared_ptr<BasicClientInterface>));
-KELM_OPERATION(CommunicationClient, setSendRate, void(double));
-KELM_OPERATION(CommunicationClient, setRecvRate, void(double));
-KELM_OPERATION(CommunicationClient, connect, int(const std::string&, int, double));
-KELM_OPERATION(CommunicationClient, isConnected, bool());
-KELM_OPERATION(CommunicationClient, disConnect, void());
-KELM_OPERATION(CommunicationClient, sendRequest, int(const Json::Value&));
-KELM_MEMBER(CommunicationClient, connect_callback, std::function<void(bool)>);
+using Client = CommunicationClient;
+static_assert(std::is_default_constructible_v<Client>);
+static_assert(declaredAs<Client, void(iRecieveListener*)>({&Client::attachListener, &Client::releaseListener}));
+static_assert(declaredAs<Client, void(double)>({&Client::setSendRate, &Client::setRecvRate}));
+KELM_OPERATION(Client, setClientHandle, void(std::shared_ptr<BasicClientInterface>));
+KELM_OPERATION(Client, connect, int(const std::string&, int, double));
+KELM_OPERATION(Client, isConnected, bool());
+KELM_OPERATION(Client, disConnect, void());
+KELM_OPERATION(Client, sendRequest, int(const Json::Value&));
+static_assert(declaredAs<Client, std::function<void(bool)>>({&Client::connect_callback}));
 
 static_assert(std::is_enum_v<LogLevel>);
 KELM_GLOBAL(&getLogInstance, LogManager* (*)());
@@ -97,132 +94,106 @@ KELM_GLOBAL(::kelm_err_code_map, std::map<KelmErrorCode, std::string>);
 
 // ---- records ----
 
-KELM_FIELD(ArmStatus, arm_index, std::int32_t);
-KELM_FIELD(ArmStatus, arm_name, std::string);
-KELM_FIELD(ArmStatus, connected, bool);
-KELM_FIELD(ArmStatus, dof, std::int32_t);
-KELM_FIELD(ArmStatus, servo, bool);
-KELM_FIELD(ArmStatus, motion_state, std::int32_t);
-KELM_FIELD(ArmStatus, fsm_mode, std::int32_t);
-KELM_FIELD(ArmStatus, vel_per, double);
-KELM_FIELD(ArmStatus, debug, bool);
+static_assert(declaredAs<ArmStatus, std::int32_t>({&ArmStatus::arm_index, &ArmStatus::dof, &ArmStatus::motion_state,
+                                                   &ArmStatus::fsm_mode}));
+static_assert(declaredAs<ArmStatus, bool>({&ArmStatus::connected, &ArmStatus::servo, &ArmStatus::debug}));
+static_assert(declaredAs<ArmStatus, std::string>({&ArmStatus::arm_name}));
+static_assert(declaredAs<ArmStatus, double>({&ArmStatus::vel_per}));
 
 static_assert(std::is_copy_constructible_v<ArmConfig> && std::is_move_constructible_v<ArmConfig> &&
               !std::is_polymorphic_v<ArmConfig>);
-KELM_FIELD(ArmConfig, dof, std::int32_t);
-KELM_FIELD(ArmConfig, limit_upper, Joints);
-KELM_FIELD(ArmConfig, limit_lower, Joints);
-KELM_FIELD(ArmConfig, joint_vel, Joints);
-KELM_FIELD(ArmConfig, joint_acc, Joints);
-KELM_FIELD(ArmConfig, joint_dec, Joints);
-KELM_FIELD(ArmConfig, joint_jerk, Joints);
+static_assert(declaredAs<ArmConfig, std::int32_t>({&ArmConfig::dof}));
+static_assert(declaredAs<ArmConfig, Joints>({&ArmConfig::limit_upper, &ArmConfig::limit_lower, &ArmConfig::joint_vel,
+                                             &ArmConfig::joint_acc, &ArmConfig::joint_dec, &ArmConfig::joint_jerk}));
 
-KELM_FIELD(KelmCommManager::MsgHeader, command, std::string);
-KELM_FIELD(KelmCommManager::MsgHeader, task_key, std::string);
-KELM_FIELD(KelmCommManager::MsgHeader, data, Json::Value);
+using Header = Comm::MsgHeader;
+static_assert(declaredAs<Header, std::string>({&Header::command, &Header::task_key}));
+static_assert(declaredAs<Header, Json::Value>({&Header::data}));
 
-KELM_FIELD(KelmKernelImpl::RtuInfo, units, std::vector<KelmKernelImpl::IOUnit>);
-KELM_FIELD(KelmKernelImpl::IOUnit, di_value, std::vector<int>);
-KELM_FIELD(KelmKernelImpl::IOUnit, do_value, std::vector<int>);
-KELM_FIELD(KelmKernelImpl::IOUnit, ad_value, std::vector<KelmKernelImpl::IOValueInfo>);
-KELM_FIELD(KelmKernelImpl::IOUnit, da_value, std::vector<KelmKernelImpl::IOValueInfo>);
-KELM_FIELD(KelmKernelImpl::IOUnit, status_value, std::vector<KelmKernelImpl::IOValueInfo>);
-KELM_FIELD(KelmKernelImpl::IOUnit, ctrl_value, std::vector<KelmKernelImpl::IOValueInfo>);
-KELM_FIELD(KelmKernelImpl::IOValueInfo, value, std::uint64_t);
-KELM_FIELD(KelmKernelImpl::IOValueInfo, bits, std::uint8_t);
+using Unit = Kernel::IOUnit;
+using Value = Kernel::IOValueInfo;
+static_assert(declaredAs<Kernel::RtuInfo, std::vector<Unit>>({&Kernel::RtuInfo::units}));
+static_assert(declaredAs<Unit, std::vector<int>>({&Unit::di_value, &Unit::do_value}));
+static_assert(declaredAs<Unit, std::vector<Value>>({&Unit::ad_value, &Unit::da_value, &Unit::status_value,
+                                                    &Unit::ctrl_value}));
+static_assert(declaredAs<Value, std::uint64_t>({&Value::value}));
+static_assert(declaredAs<Value, std::uint8_t>({&Value::bits}));
+
+using Gripper = decltype(Kernel::end_effector);
+static_assert(declaredAs<Gripper, std::int8_t>({&Gripper::state}));
+static_assert(declaredAs<Gripper, bool>({&Gripper::connected}));
+static_assert(declaredAs<Gripper, double>({&Gripper::pos, &Gripper::vel, &Gripper::tau}));
 
 // ---- KelmCommManager ----
 
-static_assert(std::is_enum_v<KelmCommManager::ComMode>);
-KELM_MEMBER(KelmCommManager, comm_client, std::shared_ptr<CommunicationClient>);
-KELM_MEMBER(KelmCommManager, send_rate, double);
-KELM_MEMBER(KelmCommManager, recv_rate, double);
-KELM_MEMBER(KelmCommManager, pending_msgs, std::deque<KelmCommManager::MsgHeader>);
-KELM_MEMBER(KelmCommManager, pending_mutex, std::mutex);
-KELM_MEMBER(KelmCommManager, subscriptions, Registry<void(std::string)>);
-KELM_MEMBER(KelmCommManager, task_completion_callbacks, Registry<void(std::string)>);
-KELM_MEMBER(KelmCommManager, update_robot_state_callbacks, Registry<void(std::string)>);
-KELM_MEMBER(KelmCommManager, connect_changed_callbacks, Registry<void(bool)>);
-KELM_MEMBER(KelmCommManager, com_mode_names, std::map<KelmCommManager::ComMode, std::string>);
+static_assert(std::is_enum_v<Comm::ComMode>);
+static_assert(declaredAs<Comm, std::shared_ptr<CommunicationClient>>({&Comm::comm_client}));
+static_assert(declaredAs<Comm, double>({&Comm::send_rate, &Comm::recv_rate}));
+static_assert(declaredAs<Comm, std::deque<Comm::MsgHeader>>({&Comm::pending_msgs}));
+static_assert(declaredAs<Comm, std::mutex>({&Comm::pending_mutex}));
+static_assert(declaredAs<Comm, Registry<void(std::string)>>({&Comm::subscriptions, &Comm::task_completion_callbacks,
+                                                             &Comm::update_robot_state_callbacks}));
+static_assert(declaredAs<Comm, Registry<void(bool)>>({&Comm::connect_changed_callbacks}));
+static_assert(declaredAs<Comm, std::map<Comm::ComMode, std::string>>({&Comm::com_mode_names}));
 
-static_assert(std::is_default_constructible_v<KelmCommManager> && std::has_virtual_destructor_v<KelmCommManager>);
-KELM_OPERATION(KelmCommManager, connect_kelm, int(const std::string&, int, double));
-KELM_OPERATION(KelmCommManager, disconnect_kelm, int());
-KELM_OPERATION(KelmCommManager, is_connected, bool());
-KELM_OPERATION(KelmCommManager, setSendRate, void(double));
-KELM_OPERATION(KelmCommManager, setRecvRate, void(double));
-KELM_OPERATION(KelmCommManager, connectChanged, void(bool));
-KELM_OPERATION(KelmCommManager, onReceive, void(const std::string&));
-KELM_OPERATION(KelmCommManager, cmd_publish, bool(const Json::Value&, std::string&));
-KELM_OPERATION(KelmCommManager, cmd_server, Json::Value(const Json::Value&, std::string&, int));
-KELM_OPERATION(KelmCommManager, cmd_recv, bool(const std::string&));
-KELM_OPERATION(KelmCommManager, register_subscription, void(std::string, std::function<void(std::string)>));
-KELM_OPERATION(KelmCommManager, deregister_subscription, void(std::string));
-KELM_OPERATION(KelmCommManager, clear_subscription, void());
+static_assert(std::is_default_constructible_v<Comm> && std::has_virtual_destructor_v<Comm>);
+KELM_OPERATION(Comm, connect_kelm, int(const std::string&, int, double));
+KELM_OPERATION(Comm, disconnect_kelm, int());
+KELM_OPERATION(Comm, is_connected, bool());
+static_assert(declaredAs<Comm, void(double)>({&Comm::setSendRate, &Comm::setRecvRate}));
+KELM_OPERATION(Comm, connectChanged, void(bool));
+KELM_OPERATION(Comm, onReceive, void(const std::string&));
+KELM_OPERATION(Comm, cmd_publish, bool(const Json::Value&, std::string&));
+KELM_OPERATION(Comm, cmd_server, Json::Value(const Json::Value&, std::string&, int));
+KELM_OPERATION(Comm, cmd_recv, bool(const std::string&));
+KELM_OPERATION(Comm, register_subscription, void(std::string, std::function<void(std::string)>));
+KELM_OPERATION(Comm, deregister_subscription, void(std::string));
+KELM_OPERATION(Comm, clear_subscription, void());
 
 // A named callback map of the connection: register, release by name, release all.
-#define KELM_COMM_MAP(kind, ...)                                                                                      \
-    KELM_OPERATION(KelmCommManager, register_##kind##_callback, int(const std::string&, std::function<__VA_ARGS__>)); \
-    KELM_OPERATION(KelmCommManager, release_##kind##_callback, int(const std::string&));                              \
-    KELM_OPERATION(KelmCommManager, release_##kind##_callback, int())
+#define KELM_COMM_MAP(kind, ...)                                                                           \
+    KELM_OPERATION(Comm, register_##kind##_callback, int(const std::string&, std::function<__VA_ARGS__>)); \
+    KELM_OPERATION(Comm, release_##kind##_callback, int(const std::string&));                              \
+    KELM_OPERATION(Comm, release_##kind##_callback, int())
 KELM_COMM_MAP(task_completion, void(std::string));
 KELM_COMM_MAP(update_robot_state, void(std::string));
 KELM_COMM_MAP(connect_changed, void(bool));
 
 // ---- KelmKernelImpl: data members ----
 
-static_assert(std::is_constructible_v<KelmKernelImpl, const std::string&, int, double, int> &&
-              !std::is_constructible_v<KelmKernelImpl, const std::string&, int, double>);
-static_assert(std::has_virtual_destructor_v<KelmKernelImpl>);
-KELM_MEMBER(KelmKernelImpl, state_mutex, std::mutex);
-KELM_MEMBER(KelmKernelImpl, arm_count, std::int32_t);
-KELM_MEMBER(KelmKernelImpl, msg_count, std::uint64_t);
-KELM_MEMBER(KelmKernelImpl, status, ArmStatus);
-KELM_MEMBER(KelmKernelImpl, config, ArmConfig);
-KELM_MEMBER(KelmKernelImpl, tool_index, std::int32_t);
-KELM_MEMBER(KelmKernelImpl, user_index, std::int32_t);
-KELM_MEMBER(KelmKernelImpl, time_stamp, double);
-KELM_MEMBER(KelmKernelImpl, joint_pos, Joints);
-KELM_MEMBER(KelmKernelImpl, joint_vel, Joints);
-KELM_MEMBER(KelmKernelImpl, joint_tau, Joints);
-KELM_MEMBER(KelmKernelImpl, joint_external_tau, Joints);
-KELM_MEMBER(KelmKernelImpl, plan_joint_pos, Joints);
-KELM_MEMBER(KelmKernelImpl, plan_joint_vel, Joints);
-KELM_MEMBER(KelmKernelImpl, plan_joint_tau, Joints);
-KELM_FIELD(KelmKernelImpl, end_effector.state, std::int8_t);
-KELM_FIELD(KelmKernelImpl, end_effector.pos, double);
-KELM_FIELD(KelmKernelImpl, end_effector.vel, double);
-KELM_FIELD(KelmKernelImpl, end_effector.tau, double);
-KELM_FIELD(KelmKernelImpl, end_effector.connected, bool);
-KELM_MEMBER(KelmKernelImpl, cart_pose, Pose);
-KELM_MEMBER(KelmKernelImpl, pose_tool, Pose);
-KELM_MEMBER(KelmKernelImpl, pose_user, Pose);
-KELM_MEMBER(KelmKernelImpl, pose_aut, Pose);
-KELM_MEMBER(KelmKernelImpl, cart_external_force, Joints);
-KELM_MEMBER(KelmKernelImpl, exe_flag, bool);
-KELM_MEMBER(KelmKernelImpl, task_wait_cv, std::condition_variable);
-KELM_MEMBER(KelmKernelImpl, task_wait_mutex, std::mutex);
-KELM_MEMBER(KelmKernelImpl, task_wait_flag, std::atomic<int>);
-KELM_MEMBER(KelmKernelImpl, last_task_key, std::string);
-KELM_MEMBER(KelmKernelImpl, exe_task_key, std::string);
-KELM_MEMBER(KelmKernelImpl, rtu_info, std::vector<KelmKernelImpl::RtuInfo>);
-KELM_MEMBER(KelmKernelImpl, io_mutex, std::mutex);
-KELM_MEMBER(KelmKernelImpl, reserved_ints_a, std::vector<int>);
-KELM_MEMBER(KelmKernelImpl, reserved_ints_b, std::vector<int>);
-KELM_MEMBER(KelmKernelImpl, reserved_code, std::int32_t);
-KELM_MEMBER(KelmKernelImpl, reserved_text, std::string);
+static_assert(std::is_constructible_v<Kernel, const std::string&, int, double, int> &&
+              !std::is_constructible_v<Kernel, const std::string&, int, double>);
+static_assert(std::has_virtual_destructor_v<Kernel>);
+static_assert(declaredAs<Kernel, std::mutex>({&Kernel::state_mutex, &Kernel::task_wait_mutex, &Kernel::io_mutex}));
+static_assert(declaredAs<Kernel, std::int32_t>({&Kernel::arm_count, &Kernel::tool_index, &Kernel::user_index,
+                                                &Kernel::reserved_code}));
+static_assert(declaredAs<Kernel, std::uint64_t>({&Kernel::msg_count}));
+static_assert(declaredAs<Kernel, ArmStatus>({&Kernel::status}));
+static_assert(declaredAs<Kernel, ArmConfig>({&Kernel::config}));
+static_assert(declaredAs<Kernel, double>({&Kernel::time_stamp}));
+static_assert(declaredAs<Kernel, Joints>({&Kernel::joint_pos, &Kernel::joint_vel, &Kernel::joint_tau,
+                                          &Kernel::joint_external_tau, &Kernel::plan_joint_pos, &Kernel::plan_joint_vel,
+                                          &Kernel::plan_joint_tau, &Kernel::cart_external_force}));
+static_assert(declaredAs<Kernel, Pose>({&Kernel::cart_pose, &Kernel::pose_tool, &Kernel::pose_user,
+                                        &Kernel::pose_aut}));
+static_assert(declaredAs<Kernel, bool>({&Kernel::exe_flag}));
+static_assert(declaredAs<Kernel, std::condition_variable>({&Kernel::task_wait_cv}));
+static_assert(declaredAs<Kernel, std::atomic<int>>({&Kernel::task_wait_flag}));
+static_assert(declaredAs<Kernel, std::string>({&Kernel::last_task_key, &Kernel::exe_task_key, &Kernel::reserved_text}));
+static_assert(declaredAs<Kernel, std::vector<Kernel::RtuInfo>>({&Kernel::rtu_info}));
+static_assert(declaredAs<Kernel, std::vector<int>>({&Kernel::reserved_ints_a, &Kernel::reserved_ints_b}));
 
 // ---- KelmKernelImpl: the thirteen registries with their operations ----
 
 // A registry with its register operation and its release of everything; the
 // `_BY_NAME` form adds the release of one name.
-#define KELM_REGISTRY(kind, ...)                                                                                     \
-    KELM_MEMBER(KelmKernelImpl, kind##_callbacks, Registry<__VA_ARGS__>);                                            \
-    KELM_OPERATION(KelmKernelImpl, register_##kind##_callback, int(const std::string&, std::function<__VA_ARGS__>)); \
-    KELM_OPERATION(KelmKernelImpl, release_##kind##_callback, int())
+#define KELM_REGISTRY(kind, ...)                                                                             \
+    static_assert(declaredAs<Kernel, Registry<__VA_ARGS__>>({&Kernel::kind##_callbacks}));                   \
+    KELM_OPERATION(Kernel, register_##kind##_callback, int(const std::string&, std::function<__VA_ARGS__>)); \
+    KELM_OPERATION(Kernel, release_##kind##_callback, int())
 #define KELM_REGISTRY_BY_NAME(kind, ...) \
     KELM_REGISTRY(kind, __VA_ARGS__);    \
-    KELM_OPERATION(KelmKernelImpl, release_##kind##_callback, int(const std::string&))
+    KELM_OPERATION(Kernel, release_##kind##_callback, int(const std::string&))
 
 KELM_REGISTRY_BY_NAME(error_catch, void(int, std::string));
 KELM_REGISTRY_BY_NAME(get_joint, void(double, Joints, Joints, Joints));
@@ -230,7 +201,7 @@ KELM_REGISTRY_BY_NAME(get_pose, void(double, Pose));
 KELM_REGISTRY_BY_NAME(get_plan_joint, void(double, Joints, Joints, Joints));
 KELM_REGISTRY_BY_NAME(get_tele_master_data, void(double, Joints, double));
 KELM_REGISTRY_BY_NAME(get_tele_slave_data, void(double, Joints, double));
-KELM_MEMBER(KelmKernelImpl, scalar_data_callbacks, Registry<void(double, double, double)>);
+static_assert(declaredAs<Kernel, Registry<void(double, double, double)>>({&Kernel::scalar_data_callbacks}));
 KELM_REGISTRY_BY_NAME(get_external_force, void(double, Joints, Joints));
 KELM_REGISTRY(fsm_mode_changed, void(int, int));
 KELM_REGISTRY(servo_status_changed, void(int, bool));
@@ -238,90 +209,70 @@ KELM_REGISTRY(motor_code_changed, void(int, int, const std::string&));
 KELM_REGISTRY(motor_run_state_changed, void(int, int));
 KELM_REGISTRY(state_changed, void(int));
 
-// ---- KelmKernelImpl: operations ----
+// ---- KelmKernelImpl: operations, grouped by signature ----
 
-KELM_OPERATION(KelmKernelImpl, initData, void());
-KELM_OPERATION(KelmKernelImpl, parseRecieveData, void(const std::string&));
-KELM_OPERATION(KelmKernelImpl, webSendRobotStateData, void(const Json::Value&));
-KELM_OPERATION(KelmKernelImpl, parseIOInfo, int(const Json::Value&, std::vector<KelmKernelImpl::RtuInfo>&));
+static_assert(declaredAs<Kernel, void()>({&Kernel::initData}));
+static_assert(declaredAs<Kernel, void(const std::string&)>({&Kernel::parseRecieveData}));
+static_assert(declaredAs<Kernel, void(const Json::Value&)>({&Kernel::webSendRobotStateData}));
+KELM_OPERATION(Kernel, parseIOInfo, int(const Json::Value&, std::vector<Kernel::RtuInfo>&));
 
-KELM_OPERATION(KelmKernelImpl, get_status, ArmStatus());
-KELM_OPERATION(KelmKernelImpl, get_joint_pos, Joints());
-KELM_OPERATION(KelmKernelImpl, get_joint_vel, Joints());
-KELM_OPERATION(KelmKernelImpl, get_joint_tau, Joints());
-KELM_OPERATION(KelmKernelImpl, get_plan_joint_pos, Joints());
-KELM_OPERATION(KelmKernelImpl, get_plan_joint_vel, Joints());
-KELM_OPERATION(KelmKernelImpl, get_plan_joint_tau, Joints());
-KELM_OPERATION(KelmKernelImpl, get_joint_external_tau, Joints());
-KELM_OPERATION(KelmKernelImpl, get_cart_pose, Pose());
-KELM_OPERATION(KelmKernelImpl, get_cart_external_force, Joints());
-KELM_OPERATION(KelmKernelImpl, get_end_effector_state, int());
-KELM_OPERATION(KelmKernelImpl, get_end_effector_pos, double());
-KELM_OPERATION(KelmKernelImpl, get_end_effector_vel, double());
-KELM_OPERATION(KelmKernelImpl, get_end_effector_tau, double());
-KELM_OPERATION(KelmKernelImpl, get_end_effector_connect, bool());
+static_assert(declaredAs<Kernel, ArmStatus()>({&Kernel::get_status}));
+static_assert(declaredAs<Kernel, ArmConfig()>({&Kernel::get_config}));
+static_assert(declaredAs<Kernel, Joints()>({&Kernel::get_joint_pos, &Kernel::get_joint_vel, &Kernel::get_joint_tau,
+                                            &Kernel::get_plan_joint_pos, &Kernel::get_plan_joint_vel,
+                                            &Kernel::get_plan_joint_tau, &Kernel::get_joint_external_tau,
+                                            &Kernel::get_cart_external_force}));
+static_assert(declaredAs<Kernel, Pose()>({&Kernel::get_cart_pose}));
+static_assert(declaredAs<Kernel, double()>({&Kernel::get_end_effector_pos, &Kernel::get_end_effector_vel,
+                                            &Kernel::get_end_effector_tau}));
+static_assert(declaredAs<Kernel, bool()>({&Kernel::get_end_effector_connect}));
+static_assert(declaredAs<Kernel, std::string()>({&Kernel::get_version}));
+static_assert(declaredAs<Kernel, int()>({&Kernel::get_end_effector_state, &Kernel::disable_stop,
+                                         &Kernel::emergency_stop, &Kernel::stop, &Kernel::pause, &Kernel::recover,
+                                         &Kernel::clean_kelm_error, &Kernel::get_tool_index, &Kernel::get_user_index,
+                                         &Kernel::set_dynamics_cali_record_flag}));
+static_assert(declaredAs<Kernel, int(bool)>({&Kernel::set_servo_enable, &Kernel::task_stop, &Kernel::set_debug,
+                                             &Kernel::set_dynamics_cali_calcu}));
+static_assert(declaredAs<Kernel, int(int)>({&Kernel::set_control_mode, &Kernel::set_teleoperation_mode,
+                                            &Kernel::set_tool_index, &Kernel::set_user_index,
+                                            &Kernel::set_traj_recorder, &Kernel::set_zero_position}));
+KELM_OPERATION(Kernel, set_end_effector, int(double, double));
+KELM_OPERATION(Kernel, set_collision_config, int(bool, int));
+KELM_OPERATION(Kernel, set_speed_level, int(double, int));
 
-KELM_OPERATION(KelmKernelImpl, set_servo_enable, int(bool));
-KELM_OPERATION(KelmKernelImpl, set_control_mode, int(int));
-KELM_OPERATION(KelmKernelImpl, set_end_effector, int(double, double));
-KELM_OPERATION(KelmKernelImpl, set_collision_config, int(bool, int));
-KELM_OPERATION(KelmKernelImpl, set_teleoperation_mode, int(int));
-KELM_OPERATION(KelmKernelImpl, disable_stop, int());
-KELM_OPERATION(KelmKernelImpl, emergency_stop, int());
-KELM_OPERATION(KelmKernelImpl, task_stop, int(bool));
-KELM_OPERATION(KelmKernelImpl, stop, int());
-KELM_OPERATION(KelmKernelImpl, pause, int());
-KELM_OPERATION(KelmKernelImpl, recover, int());
-KELM_OPERATION(KelmKernelImpl, clean_kelm_error, int());
-KELM_OPERATION(KelmKernelImpl, set_speed_level, int(double, int));
-KELM_OPERATION(KelmKernelImpl, set_debug, int(bool));
+KELM_OPERATION(Kernel, task_blocking_wait, int(const std::string&, int));
+KELM_OPERATION(Kernel, onKelmError, void(int, std::string));
+KELM_OPERATION(Kernel, set_kelm_ready, int(bool, double));
+KELM_OPERATION(Kernel, tracking, int(const Joints&, bool, const double&));
+KELM_OPERATION(Kernel, set_redundancy_tau, int(const Joints&, const double&));
 
-KELM_OPERATION(KelmKernelImpl, task_blocking_wait, int(const std::string&, int));
-KELM_OPERATION(KelmKernelImpl, onKelmError, void(int, std::string));
-KELM_OPERATION(KelmKernelImpl, set_kelm_ready, int(bool, double));
-KELM_OPERATION(KelmKernelImpl, tracking, int(const Joints&, bool, const double&));
-KELM_OPERATION(KelmKernelImpl, set_redundancy_tau, int(const Joints&, const double&));
-
-KELM_OPERATION(KelmKernelImpl, move_joint_jog, int(int, int, double));
-KELM_OPERATION(KelmKernelImpl, move_line_jog, int(int, int, double, int, int));
-KELM_OPERATION(KelmKernelImpl, move_joint, int(const Joints&, std::string&, double, int, int, bool));
-KELM_OPERATION(KelmKernelImpl, move_line, int(Joints, std::string&, double, int, int, bool));
-KELM_OPERATION(KelmKernelImpl, move_directly, int(const Points&, std::string&, const Joints&));
-KELM_OPERATION(KelmKernelImpl, move_toppra, int(const Points&, std::string&, double, int, int, bool));
-KELM_OPERATION(KelmKernelImpl, move_pvt, int(const Points&, const Joints&, const Joints&, std::string&, bool));
+KELM_OPERATION(Kernel, move_joint_jog, int(int, int, double));
+KELM_OPERATION(Kernel, move_line_jog, int(int, int, double, int, int));
+KELM_OPERATION(Kernel, move_joint, int(const Joints&, std::string&, double, int, int, bool));
+KELM_OPERATION(Kernel, move_line, int(Joints, std::string&, double, int, int, bool));
+KELM_OPERATION(Kernel, move_directly, int(const Points&, std::string&, const Joints&));
+KELM_OPERATION(Kernel, move_toppra, int(const Points&, std::string&, double, int, int, bool));
+KELM_OPERATION(Kernel, move_pvt, int(const Points&, const Joints&, const Joints&, std::string&, bool));
 using ArcPoints = std::array<std::vector<double>, 3>;
-KELM_OPERATION(KelmKernelImpl, move_3p_arc, int(const ArcPoints&, std::string&, double, bool, double, int, int, bool));
-KELM_OPERATION(KelmKernelImpl, move_center_arc,
-               int(const ArcPoints&, std::string&, double, bool, double, int, int, bool));
-KELM_OPERATION(KelmKernelImpl, move_jump,
+static_assert(declaredAs<Kernel, int(const ArcPoints&, std::string&, double, bool, double, int, int, bool)>(
+    {&Kernel::move_3p_arc, &Kernel::move_center_arc}));
+KELM_OPERATION(Kernel, move_jump,
                int(Pose, std::array<double, 3>, std::array<double, 3>, std::string&, double, int, int));
-KELM_OPERATION(KelmKernelImpl, move_delay, int(double, int));
+KELM_OPERATION(Kernel, move_delay, int(double, int));
 
-KELM_OPERATION(KelmKernelImpl, get_tool_index, int());
-KELM_OPERATION(KelmKernelImpl, get_user_index, int());
-KELM_OPERATION(KelmKernelImpl, get_tool_coordinate, Pose(int));
-KELM_OPERATION(KelmKernelImpl, get_user_coordinate, Joints(int));
-KELM_OPERATION(KelmKernelImpl, set_tool_index, int(int));
-KELM_OPERATION(KelmKernelImpl, set_user_index, int(int));
-KELM_OPERATION(KelmKernelImpl, set_tool_coordinate, int(int, Joints));
-KELM_OPERATION(KelmKernelImpl, set_user_coordinate, int(int, Joints));
-KELM_OPERATION(KelmKernelImpl, user_calibrate, int(int, const Points&));
-KELM_OPERATION(KelmKernelImpl, tool_calibtate, int(int, const Points&));
+KELM_OPERATION(Kernel, get_tool_coordinate, Pose(int));
+KELM_OPERATION(Kernel, get_user_coordinate, Joints(int));
+static_assert(declaredAs<Kernel, int(int, Joints)>({&Kernel::set_tool_coordinate, &Kernel::set_user_coordinate}));
+static_assert(declaredAs<Kernel, int(int, const Points&)>({&Kernel::user_calibrate, &Kernel::tool_calibtate}));
 
-KELM_OPERATION(KelmKernelImpl, forwardKine, int(int, int, const Points&, Poses&));
-KELM_OPERATION(KelmKernelImpl, forwardKine, int(int, int, const Joints&, Pose&));
-KELM_OPERATION(KelmKernelImpl, inverseKine, int(int, int, const Poses&, const Points&, Points&));
-KELM_OPERATION(KelmKernelImpl, inverseKine, int(int, int, const Pose&, const Joints&, Joints&));
+KELM_OPERATION(Kernel, forwardKine, int(int, int, const Points&, Poses&));
+KELM_OPERATION(Kernel, forwardKine, int(int, int, const Joints&, Pose&));
+KELM_OPERATION(Kernel, inverseKine, int(int, int, const Poses&, const Points&, Points&));
+KELM_OPERATION(Kernel, inverseKine, int(int, int, const Pose&, const Joints&, Joints&));
 
-KELM_OPERATION(KelmKernelImpl, set_traj_recorder, int(int));
-KELM_OPERATION(KelmKernelImpl, trajectory_teach, int(bool, std::string));
-KELM_OPERATION(KelmKernelImpl, trajectory_recorder, int(std::string));
-KELM_OPERATION(KelmKernelImpl, check_teach, int(std::vector<std::string>&));
-KELM_OPERATION(KelmKernelImpl, set_zero_position, int(int));
-KELM_OPERATION(KelmKernelImpl, set_dynamics_cali_record_flag, int());
-KELM_OPERATION(KelmKernelImpl, set_dynamics_cali_calcu, int(bool));
-KELM_OPERATION(KelmKernelImpl, get_config, ArmConfig());
-KELM_OPERATION(KelmKernelImpl, get_version, std::string());
+KELM_OPERATION(Kernel, trajectory_teach, int(bool, std::string));
+KELM_OPERATION(Kernel, trajectory_recorder, int(std::string));
+KELM_OPERATION(Kernel, check_teach, int(std::vector<std::string>&));
 
 // ---- KelmSingleCol and KelmDualBot: owning pointers to their kernels, no base, nothing virtual ----
 
@@ -331,8 +282,8 @@ using ForceFn = std::function<void(double, Joints, Joints)>;
 using ErrorFn = std::function<void(int, std::string)>;
 using CompletionFn = std::function<void(std::string)>;
 
-static_assert(!std::is_polymorphic_v<KelmSingleCol> && sizeof(KelmSingleCol) == sizeof(KelmKernelImpl*));
-static_assert(!std::is_polymorphic_v<KelmDualBot> && sizeof(KelmDualBot) == 2 * sizeof(KelmKernelImpl*));
+static_assert(!std::is_polymorphic_v<KelmSingleCol> && sizeof(KelmSingleCol) == sizeof(Kernel*));
+static_assert(!std::is_polymorphic_v<KelmDualBot> && sizeof(KelmDualBot) == 2 * sizeof(Kernel*));
 static_assert(std::is_constructible_v<KelmSingleCol, const std::string&, int, double>);
 static_assert(std::is_constructible_v<KelmDualBot, const std::string&, int, double, int, int>);
 
