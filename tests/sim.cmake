@@ -1,6 +1,8 @@
-# Controller simulator: its model in-process, and the arm kernel against it over loopback.
+# Controller simulator: its model in-process, the arm kernel against it over
+# loopback, and arm models read from URDF files.
 if(TARGET kelm_sim_core)
   kelm_add_test(sim_model_test ${CMAKE_CURRENT_LIST_DIR}/sim_model_test.cpp LIBS kelm_sim_core)
   kelm_add_test(sim_kernel_test ${CMAKE_CURRENT_LIST_DIR}/sim_kernel_test.cpp LIBS kelm_sim_core)
-  kelm_add_test(sim_fault_test ${CMAKE_CURRENT_LIST_DIR}/sim_fault_test.cpp LIBS kelm_sim_core)
+  kelm_add_test(arm_model_test ${CMAKE_CURRENT_LIST_DIR}/arm_model_test.cpp LIBS kelm_sim_core ${KELM_KDL_PARSER_LIBRARY})
+  target_include_directories(arm_model_test PRIVATE ${KELM_KDL_PARSER_INCLUDE_DIR})
 endif()

@@ -1,5 +1,5 @@
 // Test fixture: a controller simulator on 127.0.0.1 (free port) in the test
-// process, and arm kernels connected to it.
+// process, started before each test, and arm kernels connected to it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -18,6 +18,8 @@ class SimFixture : public ::testing::Test {
 protected:
     static constexpr double kReadyBudgetMs = 3000.0;
     static constexpr int kMoveWaitMs = 20000;
+
+    void SetUp() override { startSimulator(); }
 
     // Starts the simulator with `options` (port 0, two arms unless changed).
     void startSimulator(sim::SimOptions options = defaultOptions()) {
@@ -44,12 +46,6 @@ protected:
         EXPECT_TRUE(kernel.is_connected());
         EXPECT_EQ(kernel.set_kelm_ready(true, kReadyBudgetMs), 1);
         return kernel;
-    }
-
-    // Waits until the simulator's arm shows `condition` in its telemetry.
-    template <typename Condition>
-    bool waitForArm(int arm, Condition condition, std::chrono::milliseconds timeout = std::chrono::milliseconds(3000)) {
-        return waitUntil([&] { return condition(simulator->model().telemetry(arm)); }, timeout);
     }
 
     // The simulator stops first, so that no frame reaches a callback of a
