@@ -86,6 +86,8 @@ struct RunResult {
     double median_us = 0, p99_us = 0, p999_us = 0, max_us = 0;
     double cpu_us_per_frame = 0;
     std::uint64_t torque_messages = 0;
+    // Lines the relay logged during the run that account for missing frames.
+    size_t count_gap_lines = 0, stream_drop_lines = 0;
 };
 
 std::string selfPath() {
@@ -169,6 +171,12 @@ double percentile(const std::vector<double>& sorted, double fraction) {
     return sorted[std::min(sorted.size() - 1, rank == 0 ? 0 : rank - 1)];
 }
 
+size_t occurrences(const std::string& text, const std::string& word) {
+    size_t count = 0;
+    for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + word.size())) ++count;
+    return count;
+}
+
 // Latency of each sent frame that arrived, in microseconds.
 std::vector<double> matchArrivals(const Relayer& relayer, std::int64_t first,
                                   const std::vector<Clock::time_point>& sent, const std::vector<Arrival>& arrivals) {
@@ -212,7 +220,7 @@ public:
 
         std::vector<RunResult> results;
         for (const double rate : options_.rates) {
-            results.push_back(measure(master, slave, pid, rate));
+            results.push_back(measure(master, slave, process, pid, rate));
             std::this_thread::sleep_for(kPauseBetweenRuns);
         }
         process.interrupt();
@@ -221,7 +229,9 @@ public:
     }
 
 private:
-    RunResult measure(BenchController& master, BenchController& slave, pid_t pid, double rate) {
+    RunResult measure(BenchController& master, BenchController& slave, TeleopProcess& process, pid_t pid,
+                      double rate) {
+        const size_t log_start = process.stderrText().size();
         slave.startRecording(relayer_.gripper_divisor);
         const std::uint64_t torques_before = master.redundancyTauCount();
         const double cpu_before = cpuMicroseconds(pid);
@@ -249,6 +259,9 @@ private:
         result.max_us = latencies.empty() ? 0.0 : latencies.back();
         result.cpu_us_per_frame = sent.empty() ? 0.0 : (cpu_after - cpu_before) / static_cast<double>(sent.size());
         result.torque_messages = master.redundancyTauCount() - torques_before;
+        const std::string log = process.stderrText().substr(log_start);
+        result.count_gap_lines = occurrences(log, "miss msg");
+        result.stream_drop_lines = occurrences(log, "streamed messages are dropped");
         return result;
     }
 
@@ -262,6 +275,8 @@ void printResult(const RunResult& r) {
                 r.missing, r.median_us, r.p99_us, r.p999_us, r.max_us, r.cpu_us_per_frame);
     if (r.label == "force")
         std::printf("   torque msgs to master %llu", static_cast<unsigned long long>(r.torque_messages));
+    if (r.count_gap_lines + r.stream_drop_lines > 0)
+        std::printf("   logged: %zu count gaps, %zu stream drops", r.count_gap_lines, r.stream_drop_lines);
     std::printf("\n");
     std::fflush(stdout);
 }
