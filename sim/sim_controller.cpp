@@ -13,9 +13,12 @@ namespace {
 // Far behind its deadlines (the process was stopped, the machine swapped):
 // start afresh instead of sending the missed frames in a burst.
 constexpr int kResyncPeriods = 50;
-// A client whose socket holds more unsent bytes than this (a few frames)
-// reads too slowly: it misses frames instead of being sent ever older ones.
-constexpr std::size_t kMaxFrameBacklogBytes = 16 * 1024;
+// A client whose socket holds more unacknowledged bytes than this reads too
+// slowly: it misses frames instead of being sent ever older ones. They pile
+// up when the client's program falls behind; this is about 20 two-arm frames
+// (20 ms at 1000 Hz), so a client that a busy machine holds up for a few
+// milliseconds misses nothing, and a stuck one gets no stale backlog.
+constexpr std::size_t kMaxFrameBacklogBytes = 64 * 1024;
 
 std::string compactText(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
