@@ -6,6 +6,7 @@
 #include <cmath>
 #include <memory>
 #include <random>
+#include <tuple>
 
 #include "arm_kinematics.h"
 #include "planned_motion.h"
@@ -221,12 +222,7 @@ TEST_F(SimModelTest, PauseHoldsRecoverResumesStopEnds) {
 
 TEST_F(SimModelTest, ModesFollowTheirRequests) {
     makeReady();
-    const struct {
-        const char* command;
-        const char* key;
-        int value;
-        ArmMode mode;
-    } cases[] = {
+    const std::tuple<const char*, const char*, int, ArmMode> cases[] = {
         {"setControlMode", "mode", 2, ArmMode::Mit},
         {"setControlMode", "mode", 3, ArmMode::Current},
         {"setControlMode", "mode", 4, ArmMode::ForcePosition},
@@ -235,10 +231,10 @@ TEST_F(SimModelTest, ModesFollowTheirRequests) {
         {"setTeleoperationMode", "is_master", 2, ArmMode::Teleoperation},
         {"setTeleoperationMode", "is_master", 0, ArmMode::Position},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(recv(request(c.command, c.key, c.value)), kRecvTaken) << c.command << " " << c.value;
+    for (const auto& [command, key, value, mode] : cases) {
+        EXPECT_EQ(recv(request(command, key, value)), kRecvTaken) << command << " " << value;
         model.step(kDt);
-        EXPECT_EQ(model.telemetry(0).mode, c.mode) << c.command << " " << c.value;
+        EXPECT_EQ(model.telemetry(0).mode, mode) << command << " " << value;
     }
     EXPECT_EQ(recv(request("setControlMode", "mode", 5)), kRecvRefused);
 }
@@ -254,12 +250,31 @@ TEST_F(SimModelTest, EveryTaskKindEndsWhereItsRequestSays) {
         pose[2] += dz;
         return pose;
     };
+    const auto withData = [](Json::Value members, const char* key, const Json::Value& value) {
+        members["data"][key] = value;
+        return members;
+    };
+    const auto jog = [&](const char* id, int dir) {
+        Json::Value members = withData(Json::Value(), "speed", 50.0);
+        members["task_id"] = id;
+        members["index"] = 2;
+        members["dir"] = dir;
+        return members;
+    };
     const std::vector<double> other{0.4, 0.3, -0.4, 0.5, -1.0, 0.7};
     const std::vector<double> jogged{0.0, 0.0, 0.05, 0.0, -1.57, 0.0};
     const Pose home = poseOf(kHome), far = shifted(poseOf(other), -0.1, 0.08);
     const Pose up = shifted(home, 0.05, 0.05), side = shifted(home, 0.1, 0.0);
-    Pose jogged_down = poseOf(jogged);
-    jogged_down[2] -= 0.005;
+    Json::Value arc = withData(task("TASK_MOVC", 1), "type", 0);
+    for (const Pose& p : {home, up, side}) arc["data"]["points"].append(list(p));
+    Json::Value way = withData(task("TASK_MOVT", 0), "point_num", 2);
+    way["data"]["way_point1"] = list(other);
+    way["data"]["way_point2"] = list(kHome);
+    Json::Value timed = withData(task("TASK_PVT", 0), "time", list({1.0, 2.0}));
+    timed["data"]["pos"].append(list(other));
+    timed["data"]["pos"].append(list(kHome));
+    timed["gripper"]["gripper_linkage"] = 1;
+    timed["gripper"]["eeffe_point"] = list({0.02, 0.07});
 
     struct Case {
         const char* name;
@@ -269,51 +284,15 @@ TEST_F(SimModelTest, EveryTaskKindEndsWhereItsRequestSays) {
         Pose passes_near{};  // when [6] is not 0, the tip must come within 2 mm of it
         double end_gripper = -1.0;
     };
-    std::vector<Case> cases;
-    const auto add = [&](const char* name, Json::Value members) -> Case& {
-        cases.push_back({name, std::move(members), {}});
-        return cases.back();
+    const Case cases[] = {
+        {"joint move to a pose", withData(task("TASK_MOVJ", 1), "target_pos", list(poseOf(other))), {}, poseOf(other)},
+        {"line to a pose", withData(task("TASK_MOVL", 1), "point", list(far)), {}, far},
+        {"arc through three points", arc, {}, side, up},
+        {"way-points", way, kHome, {}, poseOf(other)},
+        {"timed points", timed, kHome, {}, {}, 0.07},
+        {"joint jog", jog("TASK_MOVJ_JOG", 1), jogged},
+        {"line jog", jog("TASK_MOVL_JOG", -1), {}, shifted(poseOf(jogged), 0.0, -0.005)},
     };
-    Json::Value m = task("TASK_MOVJ", 1);
-    m["data"]["target_pos"] = list(poseOf(other));
-    add("joint move to a pose", m).end_pose = poseOf(other);
-    m = task("TASK_MOVL", 1);
-    m["data"]["point"] = list(far);
-    add("line to a pose", m).end_pose = far;
-    m = task("TASK_MOVC", 1);
-    m["data"]["type"] = 0;
-    for (const Pose& p : {home, up, side}) m["data"]["points"].append(list(p));
-    Case& arc = add("arc through three points", m);
-    arc.end_pose = side;
-    arc.passes_near = up;
-    m = task("TASK_MOVT", 0);
-    m["data"]["point_num"] = 2;
-    m["data"]["way_point1"] = list(other);
-    m["data"]["way_point2"] = list(kHome);
-    Case& way = add("way-points", m);
-    way.end_joints = kHome;
-    way.passes_near = poseOf(other);
-    m = task("TASK_PVT", 0);
-    m["data"]["pos"].append(list(other));
-    m["data"]["pos"].append(list(kHome));
-    m["data"]["time"] = list({1.0, 2.0});
-    m["gripper"]["gripper_linkage"] = 1;
-    m["gripper"]["eeffe_point"] = list({0.02, 0.07});
-    Case& timed = add("timed points", m);
-    timed.end_joints = kHome;
-    timed.end_gripper = 0.07;
-    for (const char* jog : {"TASK_MOVJ_JOG", "TASK_MOVL_JOG"}) {
-        m = Json::Value();
-        m["task_id"] = jog;
-        m["index"] = 2;
-        m["dir"] = jog[8] == 'J' ? 1 : -1;
-        m["data"]["speed"] = 50.0;
-        Case& c = add(jog, m);
-        if (jog[8] == 'J')
-            c.end_joints = jogged;
-        else
-            c.end_pose = jogged_down;
-    }
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const Json::Value request_sent = request("webRecieveTasks", c.members);
