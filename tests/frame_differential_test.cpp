@@ -7,9 +7,9 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 #include <random>
 #include <sstream>
@@ -104,17 +104,11 @@ private:
                 literals_.push_back(kLiteralList[static_cast<size_t>(pick(static_cast<int>(kLiteralList.size())))]);
                 break;
             }
-            case 2:  // drop it
-                if (parent != nullptr && parent->isObject()) {
-                    for (const std::string& name : parent->getMemberNames()) {
-                        if (&(*parent)[name] == value) {
-                            parent->removeMember(name);
-                            break;
-                        }
-                    }
-                } else if (parent != nullptr) {
-                    Json::Value removed;
-                    parent->removeIndex(parent->size() - 1, &removed);
+            case 2:                                                                              // drop it
+                if (parent != nullptr && parent->isArray()) parent->resize(parent->size() - 1);  // the last element
+                if (parent == nullptr || !parent->isObject()) break;
+                for (const std::string& name : parent->getMemberNames()) {
+                    if (&(*parent)[name] == value) parent->removeMember(name);
                 }
                 break;
             default:  // a key given twice: an earlier copy with another value
@@ -151,7 +145,6 @@ TEST(FrameDifferentialTest, FastReaderAgreesWithJsoncppOnSeedsAndMutations) {
     Mutator mutator(kSeed);
     size_t inputs = 0;
     size_t fast = 0;
-    const auto started = std::chrono::steady_clock::now();
     for (const std::string& seed : seeds) {
         std::vector<std::string> batch{seed};
         for (int i = 0; i < kMutationsPerSeed; ++i) batch.push_back(mutator.mutate(seed));
@@ -162,8 +155,7 @@ TEST(FrameDifferentialTest, FastReaderAgreesWithJsoncppOnSeedsAndMutations) {
             ASSERT_TRUE(difference.empty()) << "input: " << input << "\n" << difference;
         }
     }
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    std::cout << inputs << " inputs, " << fast << " on the fast reader, " << seconds << " s" << std::endl;
+    std::cout << inputs << " inputs, " << fast << " on the fast reader" << std::endl;
     // Real frames must take the fast reader, or the comparison proves nothing.
     for (const std::string& seed : seeds) {
         if (seed.find("\"task_key\"") == std::string::npos) {

@@ -34,11 +34,6 @@ public:
         });
         watch(fast_, fast_trace_);
         watch(reference_, reference_trace_);
-        fast_.register_update_robot_state_callback(
-            "trace", [this](std::string text) { fast_trace_.push_back("state text " + std::to_string(text.size())); });
-        reference_.register_update_robot_state_callback("trace", [this](std::string text) {
-            reference_trace_.push_back("state text " + std::to_string(text.size()));
-        });
     }
     ~FrameDifferential() {
         getLogInstance()->setLineObserver(nullptr);
@@ -69,18 +64,27 @@ public:
     }
 
 private:
-    static std::string bits(double value) {
+    // Reals as their bit patterns in hex, so that -0.0 and NaNs compare too.
+    static std::string text(double value) {
         uint64_t raw = 0;
         std::memcpy(&raw, &value, sizeof raw);
         char hex[17];
         const auto end = std::to_chars(hex, hex + sizeof hex, raw, 16).ptr;
         return std::string(hex, end);
     }
-    template <typename Values>
-    static std::string bits(const Values& values) {
+    template <typename Reals>
+    static std::string text(const Reals& values) {
         std::string out = "[";
-        for (double value : values) out += bits(value) + ",";
+        for (double value : values) out += text(value) + ",";
         return out + "]";
+    }
+    static std::string text(int value) { return std::to_string(value); }
+    static std::string text(bool value) { return value ? "true" : "false"; }
+    static std::string text(const std::string& value) { return value; }
+
+    // A callback that adds `what` and its arguments to `t` as one line.
+    static auto tracer(std::vector<std::string>& t, const char* what) {
+        return [&t, what](const auto&... values) { t.push_back((std::string(what) + ... + (" " + text(values)))); };
     }
 
     static std::string stateOf(KelmKernelImpl& k) {
@@ -88,13 +92,13 @@ private:
         const KelmKernelImpl::EndEffector& e = k.end_effector;
         std::ostringstream out;
         out << "state count " << k.msg_count << " arms " << k.arm_count << " status " << s.arm_name << "|" << s.dof
-            << "|" << s.servo << "|" << s.motion_state << "|" << s.fsm_mode << "|" << bits(s.vel_per) << "|" << s.debug
-            << " tool " << k.tool_index << " user " << k.user_index << " stamp " << bits(k.time_stamp) << " joints "
-            << bits(k.joint_pos) << bits(k.joint_vel) << bits(k.joint_tau) << " plan " << bits(k.plan_joint_pos)
-            << bits(k.plan_joint_vel) << bits(k.plan_joint_tau) << " external " << bits(k.joint_external_tau)
-            << bits(k.cart_external_force) << " poses " << bits(k.cart_pose) << bits(k.pose_tool) << bits(k.pose_user)
-            << bits(k.pose_aut) << " gripper " << int(e.state) << "|" << bits(e.pos) << "|" << bits(e.vel) << "|"
-            << bits(e.tau) << "|" << e.connected << " task " << k.exe_flag << "|" << k.last_task_key << "|"
+            << "|" << s.servo << "|" << s.motion_state << "|" << s.fsm_mode << "|" << text(s.vel_per) << "|" << s.debug
+            << " tool " << k.tool_index << " user " << k.user_index << " stamp " << text(k.time_stamp) << " joints "
+            << text(k.joint_pos) << text(k.joint_vel) << text(k.joint_tau) << " plan " << text(k.plan_joint_pos)
+            << text(k.plan_joint_vel) << text(k.plan_joint_tau) << " external " << text(k.joint_external_tau)
+            << text(k.cart_external_force) << " poses " << text(k.cart_pose) << text(k.pose_tool) << text(k.pose_user)
+            << text(k.pose_aut) << " gripper " << int(e.state) << "|" << text(e.pos) << "|" << text(e.vel) << "|"
+            << text(e.tau) << "|" << e.connected << " task " << k.exe_flag << "|" << k.last_task_key << "|"
             << k.exe_task_key;
         return out.str();
     }
@@ -102,42 +106,34 @@ private:
     // One-shot subscriptions under keys that the seed frames report.
     static void subscribe(KelmKernelImpl& k, std::vector<std::string>& t) {
         for (const char* key : {"", "1700000000123456", "last-1"}) {
-            k.register_subscription(key, [&t](std::string fired) { t.push_back("subscription " + fired); });
+            k.register_subscription(key, tracer(t, "subscription"));
         }
     }
 
     // Registers a recorder on every registry; some throw, so that the paths
     // an exception takes are compared too.
     static void watch(KelmKernelImpl& k, std::vector<std::string>& t) {
-        using V = std::vector<double>;
-        k.register_task_completion_callback("trace", [&t](std::string key) { t.push_back("task " + key); });
+        k.register_update_robot_state_callback(
+            "trace", [&t](std::string message) { t.push_back("state text " + std::to_string(message.size())); });
+        k.register_task_completion_callback("trace", tracer(t, "task"));
         k.register_error_catch_callback("trace", [&t](int code, std::string msg) {
-            t.push_back("error " + std::to_string(code) + " " + msg);
+            tracer(t, "error")(code, msg);
             if (code % 3 == 0) throw std::runtime_error("error callback threw");
         });
-        k.register_get_joint_callback(
-            "trace", [&t](double s, V p, V v, V q) { t.push_back("joint " + bits(s) + bits(p) + bits(v) + bits(q)); });
-        k.register_get_pose_callback("trace", [&t](double s, Pose p) { t.push_back("pose " + bits(s) + bits(p)); });
-        k.register_get_plan_joint_callback(
-            "trace", [&t](double s, V p, V v, V q) { t.push_back("plan " + bits(s) + bits(p) + bits(v) + bits(q)); });
-        k.register_get_tele_master_data_callback("trace", [&t](double s, V p, double g) {
-            t.push_back("master " + bits(s) + bits(p) + bits(g));
+        k.register_get_joint_callback("trace", tracer(t, "joint"));
+        k.register_get_pose_callback("trace", tracer(t, "pose"));
+        k.register_get_plan_joint_callback("trace", tracer(t, "plan"));
+        k.register_get_tele_master_data_callback("trace", [&t](double s, std::vector<double> p, double g) {
+            tracer(t, "master")(s, p, g);
             if (g == 0.5) throw std::runtime_error("master callback threw");
         });
-        k.register_get_tele_slave_data_callback(
-            "trace", [&t](double s, V p, double g) { t.push_back("slave " + bits(s) + bits(p) + bits(g)); });
-        k.register_get_external_force_callback(
-            "trace", [&t](double s, V tau, V force) { t.push_back("force " + bits(s) + bits(tau) + bits(force)); });
-        k.register_fsm_mode_changed_callback(
-            "trace", [&t](int i, int v) { t.push_back("mode " + std::to_string(i) + " " + std::to_string(v)); });
-        k.register_servo_status_changed_callback(
-            "trace", [&t](int i, bool v) { t.push_back("servo " + std::to_string(i) + " " + std::to_string(v)); });
-        k.register_motor_code_changed_callback("trace", [&t](int i, int c, const std::string& m) {
-            t.push_back("code " + std::to_string(i) + " " + std::to_string(c) + " " + m);
-        });
-        k.register_motor_run_state_changed_callback(
-            "trace", [&t](int i, int v) { t.push_back("run " + std::to_string(i) + " " + std::to_string(v)); });
-        k.register_state_changed_callback("trace", [&t](int v) { t.push_back("changed " + std::to_string(v)); });
+        k.register_get_tele_slave_data_callback("trace", tracer(t, "slave"));
+        k.register_get_external_force_callback("trace", tracer(t, "force"));
+        k.register_fsm_mode_changed_callback("trace", tracer(t, "mode"));
+        k.register_servo_status_changed_callback("trace", tracer(t, "servo"));
+        k.register_motor_code_changed_callback("trace", tracer(t, "code"));
+        k.register_motor_run_state_changed_callback("trace", tracer(t, "run"));
+        k.register_state_changed_callback("trace", tracer(t, "changed"));
     }
 
     std::string difference() const {
