@@ -13,18 +13,14 @@
 
 #include "direct_kernel.h"
 #include "json_text.h"
+#include "test_peer.h"
 
 namespace {
 
 constexpr int kRounds = 3000;
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
-std::string written(const Json::Value& body) {
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    writer["emitUTF8"] = true;
-    return Json::writeString(writer, body);
-}
+using kelm::test::toJsonText;
 
 class RandomValues {
 public:
@@ -43,14 +39,10 @@ public:
             default: return static_cast<double>(pick(2001) - 1000);
         }
     }
-    std::vector<double> reals(size_t count) {
+    std::vector<double> reals(size_t count, bool finite = false) {
         std::vector<double> values(count);
-        for (double& value : values) value = real();
-        return values;
-    }
-    std::vector<double> finiteReals(size_t count) {
-        std::vector<double> values(count);
-        for (double& value : values) value = std::uniform_real_distribution<double>(-4.0, 4.0)(random_);
+        for (double& value : values)
+            value = finite ? std::uniform_real_distribution<double>(-4.0, 4.0)(random_) : real();
         return values;
     }
     std::string bytes() {
@@ -96,8 +88,8 @@ TEST(StreamTextTest, TrackingAndRedundancyTauMatchTheTreeWriter) {
         kernel.status.arm_index = random.pick(3);
         kernel.config.dof = dof;
         // Finite limits, so that what was sent reads back.
-        kernel.config.limit_lower = random.finiteReals(static_cast<size_t>(dof));
-        kernel.config.limit_upper = random.finiteReals(static_cast<size_t>(dof));
+        kernel.config.limit_lower = random.reals(static_cast<size_t>(dof), true);
+        kernel.config.limit_upper = random.reals(static_cast<size_t>(dof), true);
         const bool is_joint = random.pick(2) == 0;
         const std::vector<double> target = random.reals(is_joint ? static_cast<size_t>(dof) : 7);
         const double gripper = random.real();
@@ -117,7 +109,7 @@ TEST(StreamTextTest, TrackingAndRedundancyTauMatchTheTreeWriter) {
             body["point_type"]["space"] = is_joint ? 0 : 1;
             body["arm_index"] = kernel.status.arm_index;
             body["task_key"] = sentTaskKey(text);
-            ASSERT_EQ(text, written(body)) << "round " << round;
+            ASSERT_EQ(text, toJsonText(body)) << "round " << round;
         } else {
             ASSERT_EQ(sent_count, before);
         }
@@ -134,7 +126,7 @@ TEST(StreamTextTest, TrackingAndRedundancyTauMatchTheTreeWriter) {
             for (double torque : torques) body["redundancy_tau"].append(torque);
             body["eeff_tau"] = eeff_tau;
             body["task_key"] = sentTaskKey(sent);
-            ASSERT_EQ(sent, written(body)) << "round " << round;
+            ASSERT_EQ(sent, toJsonText(body)) << "round " << round;
         }
     }
     kelm::getLogInstance()->setLevel(kelm::LOG_INFO);
@@ -157,7 +149,7 @@ TEST(StreamTextTest, StringsAndRealsMatchTheTreeWriter) {
         body[key] = Json::Value(Json::arrayValue);
         for (double real : reals) body[key].append(real);
         body[key + "~"] = value;
-        ASSERT_EQ(text.text(), written(body)) << "round " << round;
+        ASSERT_EQ(text.text(), toJsonText(body)) << "round " << round;
     }
 }
 
