@@ -75,6 +75,13 @@ public:
         }
         return found;
     }
+    // The one request with `command` sent since the last forgetSent(),
+    // failing the test if there was none or more than one.
+    Json::Value onlySent(const std::string& command) const {
+        const std::vector<Json::Value> found = sent(command);
+        EXPECT_EQ(found.size(), 1u) << "requests with command " << command;
+        return found.empty() ? Json::Value() : found.front();
+    }
     size_t sentCount() const { return socket_->sent().size() - forgotten_; }
     void forgetSent() { forgotten_ = socket_->sent().size(); }
 
