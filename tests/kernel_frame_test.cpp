@@ -1,10 +1,11 @@
 // State frames as a kernel takes them over: which arm, which keys, at which
 // precision, in which order the registries fire, and how a bad frame leaves
-// the receive thread alive.
+// the receive thread alive; and the unpacking of remote IO blocks.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <functional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -18,17 +19,11 @@ namespace kelm {
 namespace test {
 namespace {
 
-// What a value reads after the kernel stored it as a float.
-std::vector<double> asFloats(const std::vector<double>& values) {
-    std::vector<double> narrowed;
-    for (double value : values) narrowed.push_back(static_cast<float>(value));
-    return narrowed;
-}
-
-Pose asFloats(const Pose& values) {
-    Pose narrowed{};
-    for (size_t i = 0; i < values.size(); ++i) narrowed[i] = static_cast<float>(values[i]);
-    return narrowed;
+// What values read after the kernel stored them as floats.
+template <typename Values>
+Values asFloats(Values values) {
+    for (double& value : values) value = static_cast<float>(value);
+    return values;
 }
 
 bool stateLockIsFree(KelmKernelImpl& kernel) {
@@ -41,13 +36,10 @@ bool stateLockIsFree(KelmKernelImpl& kernel) {
 // receive thread would hand them over: no network and no waiting.
 class KernelFrames : public ::testing::Test {
 protected:
-    void connectKernel(int arm_index = 0) { kernel = std::make_unique<DirectKernel>(arm_index); }
-    void deliverText(const std::string& text) { kernel->onReceive(text); }
-    void deliver(const Json::Value& message) { deliverText(toJsonText(message)); }
-    static Json::Value& armOf(Json::Value& frame, int index) { return frame["arm"][index]; }
+    void deliver(const Json::Value& message) { kernel->onReceive(toJsonText(message)); }
 
     LogCapture log;
-    std::unique_ptr<DirectKernel> kernel;
+    std::unique_ptr<DirectKernel> kernel = std::make_unique<DirectKernel>(0);
 };
 
 class KernelFramesPerArm : public KernelFrames, public ::testing::WithParamInterface<int> {};
@@ -56,7 +48,7 @@ class KernelFramesPerArm : public KernelFrames, public ::testing::WithParamInter
 // gripper position (neither exact as floats) are not.
 TEST_P(KernelFramesPerArm, TakesOverItsOwnArmOfATwoArmFrame) {
     const int arm_index = GetParam();
-    connectKernel(arm_index);
+    kernel = std::make_unique<DirectKernel>(arm_index);
     deliver(twoArmFrame(1));
     const ArmFrame expected = realisticArm(arm_index);
 
@@ -80,7 +72,6 @@ TEST_P(KernelFramesPerArm, TakesOverItsOwnArmOfATwoArmFrame) {
 INSTANTIATE_TEST_SUITE_P(BothArms, KernelFramesPerArm, ::testing::Values(0, 1));
 
 TEST_F(KernelFrames, AbsentKeysKeepTheirValuesAndDataCallbacksStillFire) {
-    connectKernel();
     deliver(twoArmFrame(1));
     std::vector<std::vector<double>> positions;
     kernel->register_get_joint_callback("probe", [&](double, std::vector<double> pos, std::vector<double>,
@@ -99,24 +90,23 @@ TEST_F(KernelFrames, AbsentKeysKeepTheirValuesAndDataCallbacksStillFire) {
 }
 
 TEST_F(KernelFrames, ArmLevelPoseDecidesWhetherJointPositionsAreRead) {
-    connectKernel();
     deliver(twoArmFrame(1));
     const std::vector<double> first_positions = kernel->get_joint_pos();
 
     // Without the arm-level pose, reality.pose is passed over; vel is not.
     Json::Value frame = twoArmFrame(2);
-    armOf(frame, 0).removeMember("pose");
-    armOf(frame, 0)["reality"]["pose"][0] = 9.0;
-    armOf(frame, 0)["reality"]["vel"][0] = 9.0;
+    frame["arm"][0].removeMember("pose");
+    frame["arm"][0]["reality"]["pose"][0] = 9.0;
+    frame["arm"][0]["reality"]["vel"][0] = 9.0;
     deliver(frame);
     EXPECT_EQ(kernel->get_joint_pos(), first_positions);
     EXPECT_EQ(kernel->get_joint_vel()[0], 9.0);
 
     // With the arm-level pose, a reality without pose empties the positions.
     frame = twoArmFrame(3);
-    armOf(frame, 0)["reality"].removeMember("pose");
-    armOf(frame, 0)["pose"] = Json::Value(Json::arrayValue);
-    for (double value : {1.0, 2.0, 3.0}) armOf(frame, 0)["pose"].append(value);
+    frame["arm"][0]["reality"].removeMember("pose");
+    frame["arm"][0]["pose"] = Json::Value(Json::arrayValue);
+    for (double value : {1.0, 2.0, 3.0}) frame["arm"][0]["pose"].append(value);
     deliver(frame);
     EXPECT_TRUE(kernel->get_joint_pos().empty());
     EXPECT_EQ(kernel->get_cart_pose(), (Pose{1, 2, 3, 0, 0, 0, 0}));
@@ -125,7 +115,6 @@ TEST_F(KernelFrames, ArmLevelPoseDecidesWhetherJointPositionsAreRead) {
 }
 
 TEST_F(KernelFrames, LogsCountGapsInUnsignedArithmetic) {
-    connectKernel();
     for (const char* count : {"7", "8", "8", "10", "9"}) {
         Json::Value frame = twoArmFrame(0);
         frame["count"] = count;
@@ -138,7 +127,6 @@ TEST_F(KernelFrames, LogsCountGapsInUnsignedArithmetic) {
 }
 
 TEST_F(KernelFrames, ErrorFiresOnEveryFrameOnlyForTheNamedArm) {
-    connectKernel(0);
     DirectKernel second(1);
     std::vector<int> first_codes;
     int second_calls = 0;
@@ -162,7 +150,6 @@ TEST_F(KernelFrames, ErrorFiresOnEveryFrameOnlyForTheNamedArm) {
 }
 
 TEST_F(KernelFrames, FiresRegistriesInOrderAndStateChangesOnlyOnAnEdge) {
-    connectKernel();
     deliver(twoArmFrame(1));
     std::vector<std::string> events;
     auto note = [&](std::string name) { return [&events, name](auto&&...) { events.push_back(name); }; };
@@ -205,7 +192,6 @@ TEST_F(KernelFrames, FiresRegistriesInOrderAndStateChangesOnlyOnAnEdge) {
 }
 
 TEST_F(KernelFrames, BadFramesAreLoggedAndTheReceiveThreadLivesOn) {
-    connectKernel();
     deliver(twoArmFrame(1));
     struct BadFrame {
         std::function<void(Json::Value&)> spoil;
@@ -232,14 +218,13 @@ TEST_F(KernelFrames, BadFramesAreLoggedAndTheReceiveThreadLivesOn) {
         EXPECT_TRUE(stateLockIsFree(*kernel));
     }
     EXPECT_EQ(kernel->msg_count, 5u);  // the time stamp failed after the count was taken
-    deliverText("{not json");
+    kernel->onReceive("{not json");
     EXPECT_TRUE(log.contains("parse error {not json", LOG_ERROR));
     deliver(twoArmFrame(6));
     EXPECT_EQ(kernel->get_joint_pos(), asFloats(realisticArm(0).joint_pos));
 }
 
 TEST_F(KernelFrames, ThrowingOrEmptyCallbackEndsOnlyItsFrame) {
-    connectKernel();
     int pose_calls = 0;
     int throws_left = 1;
     kernel->register_get_joint_callback("probe",
@@ -260,6 +245,69 @@ TEST_F(KernelFrames, ThrowingOrEmptyCallbackEndsOnlyItsFrame) {
     kernel->release_state_changed_callback();
     deliver(twoArmFrame(3));
     EXPECT_EQ(pose_calls, 1);
+}
+
+// ---- remote IO ----
+
+class KernelIO : public KernelFrames {
+protected:
+    int parseIO(const std::string& text) {
+        Json::Value root;
+        std::istringstream stream(text);
+        std::string errors;
+        EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), stream, &root, &errors)) << errors;
+        return kernel->parseIOInfo(root, stations);
+    }
+
+    std::vector<KelmKernelImpl::RtuInfo> stations;
+};
+
+TEST_F(KernelIO, UnpacksDigitalChannelsSixteenToAWord) {
+    EXPECT_EQ(parseIO(R"({"rtu": [{"size": [20, 3], "di": [65535, 5], "do": [6]},
+                                  {"size": [16, 0, 16, 0], "di": [1, 2]}]})"),
+              1);
+    ASSERT_EQ(stations.size(), 2u);
+    std::vector<int> inputs(16, 1);
+    inputs.insert(inputs.end(), {1, 0, 1, 0});
+    EXPECT_EQ(stations[0].units[0].di_value, inputs);
+    EXPECT_EQ(stations[0].units[0].do_value, (std::vector<int>{0, 1, 1}));
+    EXPECT_EQ(stations[1].units[1].di_value[1], 1);
+    EXPECT_EQ(stations[1].units[1].di_value[0], 0);
+    EXPECT_FALSE(log.contains("size error"));
+
+    stations.clear();
+    EXPECT_EQ(parseIO(R"({"rtu": [{"size": [17, 0, 0, 0], "di": [1]}]})"), 1);
+    EXPECT_EQ(stations[0].units[0].di_value, std::vector<int>(17, 0));
+    EXPECT_EQ(log.count("di_value_size error", LOG_ERROR), 2u);  // the empty second unit logs as well
+}
+
+TEST_F(KernelIO, AnalogWidthsAreTakenOnlyWhenTheirShapeFits) {
+    parseIO(R"({"rtu": [{"size": [0, 0], "ad": [["42"]], "ad_type_size": [[2]], "ctrl": [[7, "8"]],
+                          "ctrl_type_size": [[2, 4, 1]]}]})");
+    const KelmKernelImpl::IOUnit& unit = stations[0].units[0];
+    ASSERT_EQ(unit.ad_value.size(), 1u);
+    EXPECT_EQ(unit.ad_value[0].value, 42u);
+    EXPECT_EQ(unit.ad_value[0].bits, 16);
+    ASSERT_EQ(unit.ctrl_value.size(), 2u);
+    EXPECT_EQ(unit.ctrl_value[1].value, 8u);
+    EXPECT_EQ(unit.ctrl_value[1].bits, 0);
+
+    EXPECT_THROW(parseIO(R"({"rtu": [{"size": [0, 0], "ad": [["volts"]]}]})"), std::invalid_argument);
+    EXPECT_THROW(parseIO(R"({"rtu": [{"size": [0, 0], "ad": [["99999999999999999999999"]]}]})"), std::out_of_range);
+    EXPECT_THROW(parseIO(R"({"rtu": [{"size": [-1, 0]}]})"), std::length_error);
+    ASSERT_TRUE(kernel->io_mutex.try_lock());
+    kernel->io_mutex.unlock();
+}
+
+TEST_F(KernelIO, StationsAreSkippedKeptOrEmptiedAsTheBlockSays) {
+    parseIO(R"({"rtu": [{"size": [1, 1], "di": [1], "do": [1]}, {"size": [2, 2], "di": [3], "do": [3]}]})");
+    EXPECT_EQ(parseIO(R"({"rtu": [{"size": [1]}, {"size": []}]})"), 1);
+    EXPECT_EQ(stations[0].units[0].di_value, std::vector<int>{1});  // odd size: kept
+    EXPECT_TRUE(stations[1].units.empty());                         // empty size: no units
+    EXPECT_EQ(parseIO(R"({"count": 1})"), 1);
+    EXPECT_EQ(stations.size(), 2u);  // no rtu: untouched
+    EXPECT_EQ(parseIO(R"({"rtu": []})"), 1);
+    EXPECT_TRUE(stations.empty());
 }
 
 }  // namespace
