@@ -1,6 +1,7 @@
-# Tests of the public single-arm and dual-arm interfaces.
-kelm_add_test(public_single_col_test ${CMAKE_CURRENT_LIST_DIR}/public_single_col_test.cpp)
-kelm_add_test(public_dual_bot_test ${CMAKE_CURRENT_LIST_DIR}/public_dual_bot_test.cpp)
+# Tests of the public single-arm and dual-arm interfaces against the simulator.
+if(TARGET kelm_sim_core)
+  kelm_add_test(public_arms_test ${CMAKE_CURRENT_LIST_DIR}/public_arms_test.cpp LIBS kelm_sim_core)
+endif()
 
 # The installed package: another project finds, links and runs the library.
 # Skipped in sanitizer builds, whose libraries need the sanitizer's runtime
