@@ -147,26 +147,31 @@ TEST_F(MotionTest, JointTargetIsRefusedWhileLimitsAreUnknown) {
     EXPECT_EQ(kernel.sentCount(), 0u);
 }
 
-TEST_F(MotionTest, JointAndLineMovesDifferInTargetKeyAndAcceleration) {
+// Joint and line moves differ in their target's key and the line's
+// acceleration; jogs send their numbers untouched; the delay has no level.
+TEST_F(MotionTest, SingleMotionsSendTheirBodies) {
     ASSERT_EQ(kernel->move_joint(kPose, task_key, 100.0, 2, 3, false), 1);
     ASSERT_EQ(kernel->move_line(kHome, task_key, 50.0, 2, 3, true), 1);
+    ASSERT_EQ(kernel->move_center_arc({kHome, kHome, kHome}, task_key, 20.0, true, 0.5, 1, 2, true), 1);
+    ASSERT_EQ(kernel->move_joint_jog(99, 5, -1.0), 1);
+    ASSERT_EQ(kernel->move_line_jog(2, -1, 0.5, 3, 4), 1);
+    ASSERT_EQ(kernel->move_delay(1.5, 1), 1);
     EXPECT_EQ(allSent("webRecieveTasks"), parseJson(R"([
         {"command": "webRecieveTasks", "task_id": "TASK_MOVJ", "task_level": "Task_General", "arm_index": 1,
          "point_type": {"space": 1},
          "data": {"target_pos": [0.3, 0.1, 0.4, 0.0, 0.0, 0.0, 1.0], "speed": 100.0, "tool": 2, "user": 3}},
         {"command": "webRecieveTasks", "task_id": "TASK_MOVL", "task_level": "Task_General", "arm_index": 1,
          "point_type": {"space": 0},
-         "data": {"point": [0.0, 0.5, -0.5, 0.0, 1.0, 0.0], "speed": 50.0, "acc": 50.0, "tool": 2, "user": 3}}])"));
-}
-
-TEST_F(MotionTest, JogsSendTheirNumbersUntouched) {
-    ASSERT_EQ(kernel->move_joint_jog(99, 5, -1.0), 1);
-    ASSERT_EQ(kernel->move_line_jog(2, -1, 0.5, 3, 4), 1);
-    EXPECT_EQ(allSent("webRecieveTasks"), parseJson(R"([
+         "data": {"point": [0.0, 0.5, -0.5, 0.0, 1.0, 0.0], "speed": 50.0, "acc": 50.0, "tool": 2, "user": 3}},
+        {"command": "webRecieveTasks", "task_id": "TASK_MOVC", "arm_index": 1, "point_type": {"space": 0},
+         "data": {"points": [[0.0, 0.5, -0.5, 0.0, 1.0, 0.0], [0.0, 0.5, -0.5, 0.0, 1.0, 0.0],
+                             [0.0, 0.5, -0.5, 0.0, 1.0, 0.0]],
+                  "speed": 20.0, "acc": 20.0, "tool": 1, "user": 2, "dir": 0, "radian": 0.5, "type": 1}},
         {"command": "webRecieveTasks", "task_id": "TASK_MOVJ_JOG", "arm_index": 1, "index": 99, "dir": 5,
          "data": {"speed": -1.0}},
         {"command": "webRecieveTasks", "task_id": "TASK_MOVL_JOG", "arm_index": 1, "index": 2, "dir": -1,
-         "data": {"speed": 0.5, "acc": 0.5, "tool": 3, "user": 4}}])"));
+         "data": {"speed": 0.5, "acc": 0.5, "tool": 3, "user": 4}},
+        {"command": "webRecieveTasks", "task_id": "TASK_TIMER", "arm_index": 1, "data": {"time": 1.5}}])"));
 }
 
 // Unlike move_pvt, move_directly sends values below zero as the integer 0 and
@@ -187,14 +192,7 @@ TEST_F(MotionTest, MoveDirectlyMapsGripperValuesWhenTheGripperIsConnected) {
     EXPECT_TRUE(log.contains("夹抓未连接，无法联动控制夹抓", LOG_ERROR));
 }
 
-TEST_F(MotionTest, ArcSendsItsTypeAndTheRadianOnlyAboveZero) {
-    ASSERT_EQ(kernel->move_center_arc({kHome, kHome, kHome}, task_key, 20.0, true, 0.5, 1, 2, true), 1);
-    const std::string home = "[0.0, 0.5, -0.5, 0.0, 1.0, 0.0]";
-    expectBody(kernel.onlySent("webRecieveTasks"),
-               R"({"command": "webRecieveTasks", "task_id": "TASK_MOVC", "arm_index": 1,
-        "point_type": {"space": 0}, "data": {"points": [)" +
-                   home + "," + home + "," + home + R"(],
-        "speed": 20.0, "acc": 20.0, "tool": 1, "user": 2, "dir": 0, "radian": 0.5, "type": 1}})");
+TEST_F(MotionTest, ArcSendsTheRadianOnlyAboveZero) {
     for (double radian : {0.0, kNaN}) {
         ASSERT_EQ(kernel->move_3p_arc({kPose, kPose, kPose}, task_key, 20.0, false, radian, 0, 0, false), 1);
         const Json::Value data = kernel.sent("webRecieveTasks").back()["data"];
@@ -207,12 +205,6 @@ TEST_F(MotionTest, ArcChecksEachPointFullyBeforeTheNext) {
                   "move_3p_arc: 输入目标维度与臂维度不一致，输入维度: 5, 臂维度: 6");
     EXPECT_FALSE(log.contains("非法值"));
     EXPECT_EQ(kernel.sentCount(), 0u);
-}
-
-TEST_F(MotionTest, DelaySendsNoLevel) {
-    ASSERT_EQ(kernel->move_delay(1.5, 1), 1);
-    expectBody(kernel.onlySent("webRecieveTasks"),
-               R"({"command": "webRecieveTasks", "task_id": "TASK_TIMER", "arm_index": 1, "data": {"time": 1.5}})");
 }
 
 // ---- the jump ----
@@ -229,7 +221,7 @@ protected:
     }
 };
 
-TEST_F(JumpTest, SendsFourPosesFromTheComputedStart) {
+TEST_F(JumpTest, SendsFourPosesFromThePlannedOrElseTheCurrentPosition) {
     ASSERT_EQ(kernel->move_jump(kTarget, {0.0, 0.0, 0.05}, {0.0, 0.0, 0.05}, task_key, 30.0, 1, 2), 1);
     EXPECT_EQ(kernel.onlySent("getKinematics")["data"]["joint1"], parseJson("[0.0, 0.5, -0.5, 0.0, 1.0, 0.0]"));
     expectBody(kernel.onlySent("webRecieveTasks"), R"({"command": "webRecieveTasks", "task_id": "TASK_MOVT",
@@ -238,12 +230,10 @@ TEST_F(JumpTest, SendsFourPosesFromTheComputedStart) {
                  "way_point1": [0.2, 0.0, 0.3, 0.0, 0.0, 0.0, 1.0], "way_point2": [0.2, 0.0, 0.35, 0.0, 0.0, 0.0, 1.0],
                  "way_point3": [0.4, 0.1, 0.25, 0.0, 0.0, 1.0, 0.0],
                  "way_point4": [0.4, 0.1, 0.2, 0.0, 0.0, 1.0, 0.0]}})");
-}
 
-TEST_F(JumpTest, StartsFromThePlannedPositionWhenThereIsOne) {
-    kernel->plan_joint_pos = {0.1, 0.2, 0.3, 0.4, 0.5, 0.6};
+    kernel->plan_joint_pos = {0.1, 0.2, 0.3, 0.4, 0.5, 0.6};  // the planned position comes first
     ASSERT_EQ(kernel->move_jump(kTarget, {}, {}, task_key, 30.0, 0, 0), 1);
-    EXPECT_EQ(kernel.onlySent("getKinematics")["data"]["joint1"], parseJson("[0.1, 0.2, 0.3, 0.4, 0.5, 0.6]"));
+    EXPECT_EQ(kernel.sent("getKinematics").back()["data"]["joint1"], parseJson("[0.1, 0.2, 0.3, 0.4, 0.5, 0.6]"));
 }
 
 TEST_F(JumpTest, RefusesBadInputBeforeAskingForTheStartAndMovesNotWithoutIt) {
