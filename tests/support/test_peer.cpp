@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <thread>
 
 namespace kelm {
 namespace test {
@@ -20,8 +19,10 @@ Json::Value parseJson(const std::string& text, bool& ok) {
     return value;
 }
 
-bool hasStringMember(const Json::Value& value, const char* name) {
-    return value.isObject() && value.isMember(name) && value[name].isString();
+bool hasCommand(const Json::Value& message) { return message.isObject() && message["command"].isString(); }
+
+bool isCommand(const Json::Value& message, const std::string& command) {
+    return hasCommand(message) && message["command"].asString() == command;
 }
 
 }  // namespace
@@ -39,64 +40,7 @@ std::string toJsonText(const Json::Value& value) {
     return Json::writeString(builder, value);
 }
 
-// Runs jobs at their due time on one thread of its own; jobs due at the same
-// time run in the order they were scheduled.
-class TestPeer::Scheduler {
-public:
-    using Clock = std::chrono::steady_clock;
-
-    Scheduler() : thread_([this] { run(); }) {}
-
-    ~Scheduler() { stop(); }
-
-    // Ends the thread; jobs still due are dropped. Jobs may use the
-    // scheduler until stop() returns.
-    void stop() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            stopping_ = true;
-        }
-        wake_.notify_all();
-        if (thread_.joinable()) thread_.join();
-    }
-
-    void schedule(Clock::duration delay, std::function<void()> job) {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            jobs_.emplace(Clock::now() + delay, std::move(job));
-        }
-        wake_.notify_all();
-    }
-
-private:
-    void run() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        while (!stopping_) {
-            if (jobs_.empty()) {
-                wake_.wait(lock);
-                continue;
-            }
-            const auto due = jobs_.begin()->first;
-            if (Clock::now() < due) {
-                wake_.wait_until(lock, due);
-                continue;
-            }
-            auto job = std::move(jobs_.begin()->second);
-            jobs_.erase(jobs_.begin());
-            lock.unlock();
-            job();
-            lock.lock();
-        }
-    }
-
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    std::multimap<Clock::time_point, std::function<void()>> jobs_;
-    bool stopping_ = false;
-    std::thread thread_;
-};
-
-TestPeer::TestPeer() {
+TestPeer::TestPeer() : sender_([this] { sendDueReplies(); }) {
     WebSocketServer::Handlers handlers;
     handlers.on_open = [this](WebSocketServer::ConnectionId) { notifyChange(); };
     handlers.on_text = [this](WebSocketServer::ConnectionId connection, const std::string& text) {
@@ -104,12 +48,16 @@ TestPeer::TestPeer() {
     };
     handlers.on_close = [this](WebSocketServer::ConnectionId) { notifyChange(); };
     server_ = std::make_unique<WebSocketServer>(kHost, 0, std::move(handlers));
-    scheduler_ = std::make_unique<Scheduler>();
     server_->start();
 }
 
 TestPeer::~TestPeer() {
-    scheduler_->stop();
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+    }
+    reply_due_.notify_all();
+    sender_.join();
     server_->stop();
 }
 
@@ -118,8 +66,6 @@ unsigned short TestPeer::port() const { return server_->port(); }
 void TestPeer::stop() { server_->stop(); }
 
 void TestPeer::restart() { server_->start(); }
-
-std::size_t TestPeer::connectionCount() const { return server_->connectionCount(); }
 
 bool TestPeer::waitForConnections(std::size_t count, Milliseconds timeout) {
     std::unique_lock<std::mutex> lock(mutex_);
@@ -155,11 +101,7 @@ std::optional<Json::Value> TestPeer::waitFor(const Predicate& predicate, Millise
 }
 
 std::optional<Json::Value> TestPeer::waitForCommand(const std::string& command, Milliseconds timeout) {
-    return waitFor(
-        [&command](const Json::Value& message) {
-            return hasStringMember(message, "command") && message["command"].asString() == command;
-        },
-        timeout);
+    return waitFor([&command](const Json::Value& message) { return isCommand(message, command); }, timeout);
 }
 
 bool TestPeer::waitForCount(std::size_t count, Milliseconds timeout) {
@@ -176,9 +118,7 @@ std::vector<Json::Value> TestPeer::receivedCommands(const std::string& command) 
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<Json::Value> matching;
     for (const auto& message : received_) {
-        if (hasStringMember(message.json, "command") && message.json["command"].asString() == command) {
-            matching.push_back(message.json);
-        }
+        if (isCommand(message.json, command)) matching.push_back(message.json);
     }
     return matching;
 }
@@ -236,7 +176,6 @@ void TestPeer::notifyChange() {
 
 void TestPeer::onText(WebSocketServer::ConnectionId connection, const std::string& text) {
     ReceivedMessage message;
-    message.connection = connection;
     message.text = text;
     message.json = parseJson(text, message.is_json);
     {
@@ -245,7 +184,7 @@ void TestPeer::onText(WebSocketServer::ConnectionId connection, const std::strin
         claimed_.push_back(false);
     }
     changed_.notify_all();
-    if (hasStringMember(message.json, "command")) answer(connection, message.json);
+    if (hasCommand(message.json)) answer(connection, message.json);
 }
 
 void TestPeer::answer(WebSocketServer::ConnectionId connection, const Json::Value& request) {
@@ -258,7 +197,28 @@ void TestPeer::answer(WebSocketServer::ConnectionId connection, const Json::Valu
         server_->sendText(connection, reply);
         return;
     }
-    scheduler_->schedule(rule->delay, [this, connection, reply] { server_->sendText(connection, reply); });
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        due_replies_.emplace(Clock::now() + rule->delay, Reply{connection, reply});
+    }
+    reply_due_.notify_all();
+}
+
+void TestPeer::sendDueReplies() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!stopping_) {
+        if (due_replies_.empty()) {
+            reply_due_.wait(lock);
+        } else if (Clock::now() < due_replies_.begin()->first) {
+            reply_due_.wait_until(lock, due_replies_.begin()->first);
+        } else {
+            const Reply reply = std::move(due_replies_.begin()->second);
+            due_replies_.erase(due_replies_.begin());
+            lock.unlock();
+            server_->sendText(reply.connection, reply.text);
+            lock.lock();
+        }
+    }
 }
 
 // The rule for `command`, its delay raised to the minimum reply delay.

@@ -26,7 +26,7 @@
 // Threads: all members are safe from any thread. Responders run on the
 // connection's thread of the peer as the request arrives; the replies they
 // build (delayed by at least the minimum reply delay) go out from one
-// scheduler thread of the peer. Waits are bounded by their time-out.
+// sender thread of the peer. Waits are bounded by their time-out.
 #pragma once
 
 #include <json/json.h>
@@ -41,6 +41,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -56,7 +57,6 @@ std::string toJsonText(const Json::Value& value);
 
 // One message the peer received from a client.
 struct ReceivedMessage {
-    WebSocketServer::ConnectionId connection = 0;
     std::string text;
     Json::Value json;  // null when the text is not JSON
     bool is_json = false;
@@ -88,7 +88,6 @@ public:
     void restart();
 
     // ---- connections ----
-    std::size_t connectionCount() const;
     // Waits until exactly `count` clients are connected.
     bool waitForConnections(std::size_t count, Milliseconds timeout = kDefaultWait);
     // Clean close (close frame) of every connection.
@@ -134,16 +133,23 @@ public:
     WebSocketServer& server();
 
 private:
-    class Scheduler;
+    using Clock = std::chrono::steady_clock;
     struct Rule {
         Responder responder;
         Milliseconds delay{0};
+    };
+    struct Reply {
+        WebSocketServer::ConnectionId connection;
+        std::string text;
     };
 
     void onText(WebSocketServer::ConnectionId connection, const std::string& text);
     void notifyChange();
     void answer(WebSocketServer::ConnectionId connection, const Json::Value& request);
     std::optional<Rule> ruleFor(const std::string& command) const;
+    // The loop of `sender_`: sends each delayed reply at its due time; replies
+    // due at the same time leave in the order they were made.
+    void sendDueReplies();
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;
@@ -153,7 +159,10 @@ private:
     std::optional<Rule> default_rule_;
     Milliseconds minimum_reply_delay_ = kMinimumReplyDelay;
     std::unique_ptr<WebSocketServer> server_;
-    std::unique_ptr<Scheduler> scheduler_;
+    std::multimap<Clock::time_point, Reply> due_replies_;
+    std::condition_variable reply_due_;
+    bool stopping_ = false;
+    std::thread sender_;
 };
 
 }  // namespace test
