@@ -7,22 +7,16 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
-#include <set>
 #include <string>
 #include <thread>
 
-#include "communication_client.h"
-#include "kelm_kernel.h"
-#include "recorder.h"
-#include "state_frame_builder.h"
-#include "test_peer.h"
-#include "websocket_client.h"
+#include "client_endpoint.h"
 
 namespace kelm {
 namespace {
 
 using std::chrono::milliseconds;
+using Endpoint = test::ClientEndpoint;
 using test::Recorder;
 using test::TestPeer;
 using test::waitUntil;
@@ -35,54 +29,6 @@ void exitIfStuck(bool done, const char* what) {
     std::_Exit(1);
 }
 
-class HookListener : public iRecieveListener {
-public:
-    void onReceive(const std::string& message) override {
-        const int now_inside = ++inside;
-        int seen = max_inside.load();
-        while (now_inside > seen && !max_inside.compare_exchange_weak(seen, now_inside)) {
-        }
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            threads.insert(std::this_thread::get_id());
-        }
-        messages.add(message);
-        if (hook) hook(message);
-        --inside;
-    }
-    std::size_t threadCount() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return threads.size();
-    }
-
-    std::function<void(const std::string&)> hook;
-    Recorder<std::string> messages;
-    std::atomic<int> inside{0};
-    std::atomic<int> max_inside{0};
-    std::mutex mutex;
-    std::set<std::thread::id> threads;
-};
-
-struct Endpoint {
-    explicit Endpoint(TestPeer& peer) : peer(peer) {
-        client.attachListener(&listener);
-        client.connect_callback = [this](bool up) { events.add(up); };
-    }
-    ~Endpoint() {
-        client.disConnect();
-        client.releaseListener(&listener);
-    }
-    int connect() {
-        client.setClientHandle(std::make_shared<WebSocketClient>(peer.host(), peer.port()));
-        return client.connect(peer.host(), peer.port(), 1.0);
-    }
-
-    TestPeer& peer;
-    HookListener listener;
-    Recorder<bool> events;
-    CommunicationClient client;
-};
-
 TEST(TransportCorner, ReconnectFromACallbackKeepsOneDeliveringThread) {
     TestPeer peer;
     Endpoint endpoint(peer);
@@ -92,7 +38,7 @@ TEST(TransportCorner, ReconnectFromACallbackKeepsOneDeliveringThread) {
         endpoint.events.add(up);
         if (!up && reconnect_on_loss) results.add(endpoint.connect());
     };
-    endpoint.listener.hook = [&](const std::string& message) {
+    endpoint.hook = [&](const std::string& message) {
         if (message != "reconnect") return;
         results.add(endpoint.connect());
         // The new connection has a message waiting while this callback runs on.
@@ -103,11 +49,11 @@ TEST(TransportCorner, ReconnectFromACallbackKeepsOneDeliveringThread) {
     ASSERT_EQ(endpoint.connect(), 1);
     ASSERT_TRUE(peer.waitForConnections(1));
     peer.sendText("reconnect");
-    ASSERT_TRUE(endpoint.listener.messages.waitForCount(2));
+    ASSERT_TRUE(endpoint.messages.waitForCount(2));
     EXPECT_EQ(results.values(), std::vector<int>{1});
     EXPECT_EQ(endpoint.events.values(), (std::vector<bool>{true, false, true}));
-    EXPECT_EQ(endpoint.listener.max_inside.load(), 1) << "two threads delivered at once";
-    EXPECT_EQ(endpoint.listener.threadCount(), 1u);
+    EXPECT_EQ(endpoint.max_inside.load(), 1) << "two threads delivered at once";
+    EXPECT_EQ(endpoint.threadCount(), 1u);
     EXPECT_TRUE(endpoint.client.isConnected());
 
     // The loss callback may reconnect as well, on the same thread.
@@ -116,8 +62,8 @@ TEST(TransportCorner, ReconnectFromACallbackKeepsOneDeliveringThread) {
     ASSERT_TRUE(endpoint.events.waitFor({true, false, true, false, true}));
     ASSERT_TRUE(peer.waitForConnections(1));
     peer.sendText("after the loss");
-    ASSERT_TRUE(endpoint.listener.messages.waitForCount(3));
-    EXPECT_EQ(endpoint.listener.threadCount(), 1u);
+    ASSERT_TRUE(endpoint.messages.waitForCount(3));
+    EXPECT_EQ(endpoint.threadCount(), 1u);
     reconnect_on_loss = false;
 }
 
@@ -132,8 +78,8 @@ TEST(TransportCorner, TwoConnectionsWhoseCallbacksDisconnectEachOtherBothEnd) {
             other.client.disConnect();
         };
     };
-    first.listener.hook = crossing(second);
-    second.listener.hook = crossing(first);
+    first.hook = crossing(second);
+    second.hook = crossing(first);
     ASSERT_EQ(first.connect(), 1);
     ASSERT_EQ(second.connect(), 1);
     ASSERT_TRUE(peer.waitForConnections(2));

@@ -7,18 +7,14 @@
 
 #include <atomic>
 #include <cmath>
-#include <functional>
-#include <mutex>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "communication_client.h"
+#include "client_endpoint.h"
 #include "log_capture.h"
-#include "recorder.h"
-#include "test_peer.h"
-#include "websocket_client.h"
 
 namespace kelm {
 namespace {
@@ -27,53 +23,30 @@ using Poco::Net::WebSocket;
 using std::chrono::milliseconds;
 using test::jsonObject;
 using test::LogCapture;
+using test::Recorder;
 using test::TestPeer;
 using test::waitUntil;
 
-using test::Recorder;
-
-// Records what the client delivers; an optional hook runs inside onReceive.
-class RecordingListener : public iRecieveListener, public Recorder<std::string> {
-public:
-    void onReceive(const std::string& message) override {
-        add(message);
-        if (hook) hook(message);
-    }
-    std::function<void(const std::string&)> hook;
-};
-
-bool connectTo(CommunicationClient& client, TestPeer& peer) {
-    client.setClientHandle(std::make_shared<WebSocketClient>(peer.host(), peer.port()));
-    return client.connect(peer.host(), peer.port(), 1.0) == 1;
-}
-
 class TransportTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        client.attachListener(&listener);
-        client.connect_callback = [this](bool up) { events.add(up); };
-    }
-    void TearDown() override {
-        client.disConnect();
-        client.releaseListener(&listener);
-    }
-    bool connectAndWait() { return connectTo(client, peer) && peer.waitForConnections(1); }
+    bool connectAndWait() { return endpoint.connect() == 1 && peer.waitForConnections(1); }
     int send(const char* command) { return client.sendRequest(jsonObject({{"command", command}})); }
     bool sendFrame(const std::string& payload, int flags) {
         return peer.server().sendFrame(peer.server().connectionIds().at(0), payload, flags);
     }
 
     TestPeer peer;
-    RecordingListener listener;
-    Recorder<bool> events;
-    CommunicationClient client;
+    test::ClientEndpoint endpoint{peer};
+    CommunicationClient& client = endpoint.client;
+    Recorder<std::string>& messages = endpoint.messages;
+    Recorder<bool>& events = endpoint.events;
 };
 
 TEST_F(TransportTest, ConnectReportsUpBeforeReturningDisconnectDownOnceAndReconnectReplaces) {
     EXPECT_FALSE(client.isConnected());
     ASSERT_TRUE(connectAndWait());
     EXPECT_EQ(events.values(), std::vector<bool>{true});
-    ASSERT_TRUE(connectTo(client, peer));
+    ASSERT_EQ(endpoint.connect(), 1);
     EXPECT_EQ(events.values(), (std::vector<bool>{true, false, true}));
     EXPECT_TRUE(peer.waitForConnections(1));
     EXPECT_EQ(client.sendRequest(jsonObject({{"command", "say"}, {"text", "中文 ü"}, {"n", 1.5}})), 1);
@@ -105,12 +78,12 @@ TEST_F(TransportTest, ConnectFailsWithoutReportOnBadInputOrUnreachablePeer) {
     client.setClientHandle(std::make_shared<WebSocketClient>("127.0.0.1", silent.address().port()));
     EXPECT_EQ(client.connect("127.0.0.1", silent.address().port(), 0.2), -1);
     peer.stop();
-    EXPECT_FALSE(connectTo(client, peer));
+    EXPECT_EQ(endpoint.connect(), -1);
     EXPECT_TRUE(log.contains("failed", LOG_ERROR));
     EXPECT_TRUE(events.values().empty());
 
     peer.restart();
-    EXPECT_TRUE(connectTo(client, peer));
+    EXPECT_EQ(endpoint.connect(), 1);
 }
 
 class PeerEndingTest : public TransportTest,
@@ -123,7 +96,7 @@ TEST_P(PeerEndingTest, LossIsReportedOnceAndReconnectWorks) {
     EXPECT_FALSE(client.isConnected());
     EXPECT_EQ(send("lost"), -1);
     peer.restart();
-    ASSERT_TRUE(connectTo(client, peer));
+    ASSERT_EQ(endpoint.connect(), 1);
     EXPECT_EQ(events.values(), (std::vector<bool>{true, false, true}));
 }
 
@@ -150,8 +123,8 @@ TEST_P(MessageSizeTest, ArrivesWholeInBothDirections) {
 
     const std::string text = "<" + std::string(size - 2, 's') + ">";
     ASSERT_TRUE(peer.sendText(text));
-    ASSERT_TRUE(listener.waitForCount(1));
-    EXPECT_EQ(listener.values()[0], text);
+    ASSERT_TRUE(messages.waitForCount(1));
+    EXPECT_EQ(messages.values()[0], text);
 }
 
 INSTANTIATE_TEST_SUITE_P(FrameLengthBoundaries, MessageSizeTest, ::testing::Values(125, 126, 65535, 65536, 1000000));
@@ -166,24 +139,24 @@ TEST_F(TransportTest, FragmentsWithPingsBetweenArriveWholeAndAStrayContinuationE
     ASSERT_TRUE(sendFrame("cd", WebSocket::FRAME_OP_CONT));
     ASSERT_TRUE(sendFrame("ef", WebSocket::FRAME_FLAG_FIN | WebSocket::FRAME_OP_CONT));
     ASSERT_TRUE(sendFrame("", WebSocket::FRAME_TEXT));
-    ASSERT_TRUE(listener.waitForCount(3));
-    EXPECT_EQ(listener.values(), (std::vector<std::string>{big, "abcdef", ""}));
+    ASSERT_TRUE(messages.waitForCount(3));
+    EXPECT_EQ(messages.values(), (std::vector<std::string>{big, "abcdef", ""}));
     EXPECT_TRUE(client.isConnected());
 
     sendFrame("stray", WebSocket::FRAME_FLAG_FIN | WebSocket::FRAME_OP_CONT);
     ASSERT_TRUE(events.waitFor({true, false}));
     EXPECT_TRUE(log.contains("protocol error", LOG_ERROR));
-    EXPECT_EQ(listener.values().size(), 3u);
+    EXPECT_EQ(messages.values().size(), 3u);
 }
 
 TEST_F(TransportTest, TenThousandMessagesArriveInOrder) {
     ASSERT_TRUE(connectAndWait());
     constexpr int kCount = 10000;
     for (int i = 0; i < kCount; ++i) ASSERT_TRUE(peer.sendText(std::to_string(i)));
-    ASSERT_TRUE(listener.waitForCount(kCount, milliseconds(20000)));
-    const auto messages = listener.values();
-    ASSERT_EQ(messages.size(), static_cast<std::size_t>(kCount));
-    for (int i = 0; i < kCount; ++i) ASSERT_EQ(messages[i], std::to_string(i));
+    ASSERT_TRUE(messages.waitForCount(kCount, milliseconds(20000)));
+    const auto arrived = messages.values();
+    ASSERT_EQ(arrived.size(), static_cast<std::size_t>(kCount));
+    for (int i = 0; i < kCount; ++i) ASSERT_EQ(arrived[i], std::to_string(i));
 }
 
 TEST_F(TransportTest, ConcurrentSendersNeverTearOrReorderTheirMessages) {
@@ -217,7 +190,7 @@ TEST_F(TransportTest, ListenerMayThrowSendAndDisconnectOnTheReceiveThread) {
         events.add(up);
         throw std::runtime_error("connect callback broke");
     };
-    listener.hook = [this](const std::string& message) {
+    endpoint.hook = [this](const std::string& message) {
         if (message == "throw") throw std::runtime_error("listener broke");
         if (message == "throw-int") throw 42;
         if (message == "ping-me") send("pong-from-callback");
@@ -228,14 +201,14 @@ TEST_F(TransportTest, ListenerMayThrowSendAndDisconnectOnTheReceiveThread) {
     EXPECT_TRUE(peer.waitForCommand("pong-from-callback"));
     ASSERT_TRUE(events.waitFor({true, false}));
     EXPECT_TRUE(peer.waitForConnections(0));
-    EXPECT_EQ(listener.values(), (std::vector<std::string>{"throw", "throw-int", "ping-me", "bye"}));
+    EXPECT_EQ(messages.values(), (std::vector<std::string>{"throw", "throw-int", "ping-me", "bye"}));
     EXPECT_TRUE(log.contains("listener broke", LOG_ERROR));
     EXPECT_TRUE(log.contains("unknown exception", LOG_ERROR));
     EXPECT_TRUE(log.contains("connect callback broke", LOG_ERROR));
 
-    ASSERT_TRUE(connectTo(client, peer));  // joins the finished receive thread
+    ASSERT_EQ(endpoint.connect(), 1);  // joins the finished receive thread
     peer.sendText("again");
-    EXPECT_TRUE(listener.waitForCount(5));
+    EXPECT_TRUE(messages.waitForCount(5));
 }
 
 TEST_F(TransportTest, LossCallbackReconnectsOnTheReceiveThreadButNotDuringADisconnect) {
@@ -251,7 +224,7 @@ TEST_F(TransportTest, LossCallbackReconnectsOnTheReceiveThreadButNotDuringADisco
     EXPECT_EQ(reconnects.values(), std::vector<int>{1});
     ASSERT_TRUE(peer.waitForConnections(1));
     peer.sendText("after reconnect");
-    EXPECT_TRUE(listener.waitForCount(1));
+    EXPECT_TRUE(messages.waitForCount(1));
 
     client.disConnect();
     EXPECT_EQ(reconnects.values(), (std::vector<int>{1, -1}));
@@ -259,11 +232,11 @@ TEST_F(TransportTest, LossCallbackReconnectsOnTheReceiveThreadButNotDuringADisco
     EXPECT_FALSE(client.isConnected());
 }
 
+// The endpoint listens to a client that the test owns and destroys.
 TEST_F(TransportTest, DestructionWaitsForTheCallbackInProgressAndMayHappenInsideIt) {
     std::atomic<int> stage{0};
-    RecordingListener own;
     std::unique_ptr<CommunicationClient> owner;
-    own.hook = [&](const std::string& message) {
+    endpoint.hook = [&](const std::string& message) {
         stage = 1;
         if (message == "slow") std::this_thread::sleep_for(milliseconds(100));
         if (message == "destroy") owner.reset();
@@ -272,8 +245,9 @@ TEST_F(TransportTest, DestructionWaitsForTheCallbackInProgressAndMayHappenInside
     for (const std::string message : {"slow", "destroy"}) {
         stage = 0;
         owner = std::make_unique<CommunicationClient>();
-        owner->attachListener(&own);
-        ASSERT_TRUE(connectTo(*owner, peer) && peer.waitForConnections(1));
+        owner->attachListener(&endpoint);
+        owner->setClientHandle(std::make_shared<WebSocketClient>(peer.host(), peer.port()));
+        ASSERT_TRUE(owner->connect(peer.host(), peer.port(), 1.0) == 1 && peer.waitForConnections(1));
         peer.sendText(message);
         ASSERT_TRUE(waitUntil([&] { return stage.load() > 0; }));
         if (message == "slow") {
