@@ -1,4 +1,3 @@
-# Arm kernel: state frames and remote IO, commands, ready sequence, task wait, streaming.
+# Arm kernel: state frames and remote IO; commands, streaming, the ready sequence and task waits.
 kelm_add_test(kernel_frame_test ${CMAKE_CURRENT_LIST_DIR}/kernel_frame_test.cpp)
 kelm_add_test(kernel_command_test ${CMAKE_CURRENT_LIST_DIR}/kernel_command_test.cpp)
-kelm_add_test(kernel_ready_test ${CMAKE_CURRENT_LIST_DIR}/kernel_ready_test.cpp)
