@@ -13,6 +13,7 @@
 #include "planned_motion.h"
 #include "sim_model.h"
 #include "sim_options.h"
+#include "test_peer.h"  // jsonObject
 
 namespace kelm {
 namespace sim {
@@ -126,10 +127,7 @@ protected:
     }
 
     static Json::Value task(const char* id, int space) {
-        Json::Value members;
-        members["task_id"] = id;
-        members["point_type"]["space"] = space;
-        return members;
+        return test::jsonObject({{"task_id", id}, {"point_type", test::jsonObject({{"space", space}})}});
     }
     Json::Value jointMove(const std::vector<double>& target, double speed = 100.0) {
         Json::Value members = task("TASK_MOVJ", 0);
@@ -157,10 +155,7 @@ protected:
 TEST_F(SimModelTest, RequestsAreRefusedWithTheirReason) {
     EXPECT_EQ(recv(jointMove(kHome)), kRecvRefused) << "servo off";
     EXPECT_EQ(recv(request("noSuchCommand")), kRecvRefused);
-    Json::Value other_arm;
-    other_arm["arm_index"] = 3;
-    other_arm["enable"] = true;
-    EXPECT_EQ(recv(request("setServoEnable", other_arm)), kRecvRefused);
+    EXPECT_EQ(recv(request("setServoEnable", test::jsonObject({{"arm_index", 3}, {"enable", true}}))), kRecvRefused);
     makeReady();
     for (const std::vector<double>& bad : std::vector<std::vector<double>>{
              {3.0, 0, 0, 0, -1.57, 0}, {0, -2.0, 0, 0, -1.57, 0}, {0, 0, 0, 0, -1.57}, {0, 0, 0, 0, -1.57, 0, 0}}) {
