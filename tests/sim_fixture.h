@@ -16,7 +16,7 @@ namespace test {
 
 class SimFixture : public ::testing::Test {
 protected:
-    static constexpr double kReadyBudgetMs = 3000.0;
+    static constexpr double kReadyBudgetMs = 10000.0;  // ends as soon as the arm is ready
     static constexpr int kMoveWaitMs = 20000;
 
     void SetUp() override { startSimulator(); }
