@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -231,11 +232,18 @@ TEST_F(TransportTest, LossCallbackReconnectsOnTheReceiveThreadButNotDuringADisco
     EXPECT_FALSE(client.isConnected());
 }
 
-// The endpoint listens to a client that the test owns and destroys.
+// A listener that does nothing after its hook, which may destroy the client
+// that called it: that client's receive thread then ends unjoined.
+struct HookListener : public iRecieveListener {
+    void onReceive(const std::string& message) override { hook(message); }
+    std::function<void(const std::string&)> hook;
+};
+
 TEST_F(TransportTest, DestructionWaitsForTheCallbackInProgressAndMayHappenInsideIt) {
     std::atomic<int> stage{0};
+    HookListener listener;
     std::unique_ptr<CommunicationClient> owner;
-    endpoint.hook = [&](const std::string& message) {
+    listener.hook = [&](const std::string& message) {
         stage = 1;
         if (message == "slow") std::this_thread::sleep_for(milliseconds(100));
         if (message == "destroy") owner.reset();
@@ -244,7 +252,7 @@ TEST_F(TransportTest, DestructionWaitsForTheCallbackInProgressAndMayHappenInside
     for (const std::string message : {"slow", "destroy"}) {
         stage = 0;
         owner = std::make_unique<CommunicationClient>();
-        owner->attachListener(&endpoint);
+        owner->attachListener(&listener);
         owner->setClientHandle(std::make_shared<WebSocketClient>(peer.host(), peer.port()));
         ASSERT_TRUE(owner->connect(peer.host(), peer.port(), 1.0) == 1 && peer.waitForConnections(1));
         peer.sendText(message);
