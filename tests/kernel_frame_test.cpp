@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -26,9 +27,9 @@ Values asFloats(Values values) {
     return values;
 }
 
-bool stateLockIsFree(KelmKernelImpl& kernel) {
-    if (!kernel.state_mutex.try_lock()) return false;
-    kernel.state_mutex.unlock();
+bool isFree(std::mutex& lock) {
+    if (!lock.try_lock()) return false;
+    lock.unlock();
     return true;
 }
 
@@ -215,7 +216,7 @@ TEST_F(KernelFrames, BadFramesAreLoggedAndTheReceiveThreadLivesOn) {
         deliver(frame);
         EXPECT_TRUE(log.contains(bad.logged, LOG_ERROR));
         EXPECT_EQ(kernel->get_joint_pos()[0], bad.joints_taken ? 42.0 : first_joint);
-        EXPECT_TRUE(stateLockIsFree(*kernel));
+        EXPECT_TRUE(isFree(kernel->state_mutex));
     }
     EXPECT_EQ(kernel->msg_count, 5u);  // the time stamp failed after the count was taken
     kernel->onReceive("{not json");
@@ -241,7 +242,7 @@ TEST_F(KernelFrames, ThrowingOrEmptyCallbackEndsOnlyItsFrame) {
     arm.motion_state = Kelm_Running;
     deliver(stateFrame(2, {arm}));
     EXPECT_TRUE(log.contains("bad_function_call", LOG_ERROR));
-    EXPECT_TRUE(stateLockIsFree(*kernel));
+    EXPECT_TRUE(isFree(kernel->state_mutex));
     kernel->release_state_changed_callback();
     deliver(twoArmFrame(3));
     EXPECT_EQ(pose_calls, 1);
@@ -295,8 +296,7 @@ TEST_F(KernelIO, AnalogWidthsAreTakenOnlyWhenTheirShapeFits) {
     EXPECT_THROW(parseIO(R"({"rtu": [{"size": [0, 0], "ad": [["volts"]]}]})"), std::invalid_argument);
     EXPECT_THROW(parseIO(R"({"rtu": [{"size": [0, 0], "ad": [["99999999999999999999999"]]}]})"), std::out_of_range);
     EXPECT_THROW(parseIO(R"({"rtu": [{"size": [-1, 0]}]})"), std::length_error);
-    ASSERT_TRUE(kernel->io_mutex.try_lock());
-    kernel->io_mutex.unlock();
+    EXPECT_TRUE(isFree(kernel->io_mutex));
 }
 
 TEST_F(KernelIO, StationsAreSkippedKeptOrEmptiedAsTheBlockSays) {
