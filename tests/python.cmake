@@ -3,24 +3,20 @@
 # pybind11, KELM_PYTHON off, a sanitizer build). The live view's browser test
 # in the same folder has a CTest entry of its own (view.cmake).
 if(TARGET kelm_python_module AND TARGET kelm_sim)
-  add_test(NAME python_kelm
-    COMMAND ${CMAKE_COMMAND} -E env
-      PYTHONPATH=${PROJECT_BINARY_DIR}/python
-      KELM_SIM=$<TARGET_FILE:kelm_sim>
-      PYTHONDONTWRITEBYTECODE=1
-      ${KELM_PYTHON_INTERPRETER} -m pytest -q -p no:cacheprovider
-      ${CMAKE_CURRENT_LIST_DIR}/python/test_bindings.py
-      ${CMAKE_CURRENT_LIST_DIR}/python/test_record_and_examples.py)
-  set_tests_properties(python_kelm PROPERTIES TIMEOUT 180)
-  # kelm.record --teleop starts kelm_teleop, whose controllers are on port 8090.
-  if(TARGET kelm_teleop)
-    add_test(NAME python_kelm_record_teleop
+  # kelm_add_pytest(<name> <test files...>)
+  function(kelm_add_pytest name)
+    add_test(NAME ${name}
       COMMAND ${CMAKE_COMMAND} -E env
         PYTHONPATH=${PROJECT_BINARY_DIR}/python
         KELM_SIM=$<TARGET_FILE:kelm_sim>
         KELM_TELEOP=$<TARGET_FILE:kelm_teleop>
         PYTHONDONTWRITEBYTECODE=1
-        ${KELM_PYTHON_INTERPRETER} -m pytest -q -p no:cacheprovider ${CMAKE_CURRENT_LIST_DIR}/python/test_record_teleop.py)
-    set_tests_properties(python_kelm_record_teleop PROPERTIES TIMEOUT 180 RESOURCE_LOCK port8090)
-  endif()
+        ${KELM_PYTHON_INTERPRETER} -m pytest -q -p no:cacheprovider ${ARGN})
+    set_tests_properties(${name} PROPERTIES TIMEOUT 180)
+  endfunction()
+  kelm_add_pytest(python_kelm
+    ${CMAKE_CURRENT_LIST_DIR}/python/test_bindings.py ${CMAKE_CURRENT_LIST_DIR}/python/test_record_and_examples.py)
+  # kelm.record --teleop starts kelm_teleop, whose controllers are on port 8090.
+  kelm_add_pytest(python_kelm_record_teleop ${CMAKE_CURRENT_LIST_DIR}/python/test_record_teleop.py)
+  set_tests_properties(python_kelm_record_teleop PROPERTIES RESOURCE_LOCK port8090)
 endif()

@@ -1,8 +1,8 @@
 """Fixtures of the kelm Python tests: controller simulators on free ports.
 
-The simulator is the built kelm_sim ($KELM_SIM, else build/sim/kelm_sim next to
-the package on PYTHONPATH); each runs as a child process on 127.0.0.1 with
-port 0 and is stopped (SIGINT) after its test, which gives its closing summary.
+The simulator is the built kelm_sim named by $KELM_SIM; each runs as a child
+process on 127.0.0.1 with port 0 and is stopped (SIGINT) after its test,
+which gives its closing summary.
 """
 
 import os
@@ -11,30 +11,29 @@ import signal
 import subprocess
 import sys
 import threading
+import time
 
 import pytest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-SOURCE = os.path.dirname(os.path.dirname(HERE))
+WAIT_S = 10  # bounds every wait for the simulator or the module; a loaded machine needs the margin
 
 
-def _find_sim():
-    path = os.environ.get("KELM_SIM")
-    if path:
-        return path
-    for entry in os.environ.get("PYTHONPATH", "").split(os.pathsep):
-        candidate = os.path.join(os.path.dirname(os.path.abspath(entry)), "sim", "kelm_sim")
-        if entry and os.access(candidate, os.X_OK):
-            return candidate
-    pytest.exit("kelm_sim not found: set KELM_SIM", returncode=2)
+def wait_for(condition, timeout=WAIT_S):
+    """Polls `condition` until it holds or `timeout` [s] has passed; returns its last value."""
+    limit = time.monotonic() + timeout
+    while not condition() and time.monotonic() < limit:
+        time.sleep(0.01)
+    return condition()
 
 
 class Sim:
     """One kelm_sim process; `port` is the one it bound."""
 
     def __init__(self, *args):
-        self.process = subprocess.Popen([_find_sim(), "--port", "0", "--quiet", *args], stdout=subprocess.PIPE,
-                                        stderr=subprocess.STDOUT, text=True)
+        if "KELM_SIM" not in os.environ:
+            pytest.exit("kelm_sim not found: set KELM_SIM", returncode=2)
+        self.process = subprocess.Popen([os.environ["KELM_SIM"], "--port", "0", "--quiet", *args],
+                                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         first = self.process.stdout.readline()
         match = re.search(r"listening on ws://([\d.]+):(\d+)", first)
         if not match:
@@ -70,9 +69,8 @@ def start_sim():
     started = []
 
     def start(*args):
-        sim = Sim(*args)
-        started.append(sim)
-        return sim
+        started.append(Sim(*args))
+        return started[-1]
 
     yield start
     for sim in started:
@@ -87,16 +85,9 @@ def sim():
     sim.stop()
 
 
-def run_python(args, timeout=60, **kwargs):
-    """Runs the interpreter of this test run with `args`; returns the CompletedProcess."""
-    return subprocess.run([sys.executable, *args], capture_output=True, text=True, timeout=timeout, **kwargs)
-
-
 @pytest.fixture
 def python():
-    return run_python
-
-
-@pytest.fixture
-def examples_dir():
-    return os.path.join(SOURCE, "examples", "python")
+    """python(args, timeout=60) runs this test run's interpreter with `args`; returns the CompletedProcess."""
+    def run(args, timeout=60):
+        return subprocess.run([sys.executable, *args], capture_output=True, text=True, timeout=timeout)
+    return run
