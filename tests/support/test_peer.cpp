@@ -80,7 +80,7 @@ void TestPeer::dropConnections() {
     for (auto id : server_->connectionIds()) server_->dropConnection(id);
 }
 
-std::optional<Json::Value> TestPeer::waitFor(const Predicate& predicate, Milliseconds timeout) {
+std::optional<Json::Value> TestPeer::waitForCommand(const std::string& command, Milliseconds timeout) {
     std::unique_lock<std::mutex> lock(mutex_);
     std::optional<Json::Value> found;
     std::size_t checked = 0;
@@ -88,7 +88,7 @@ std::optional<Json::Value> TestPeer::waitFor(const Predicate& predicate, Millise
         // Messages before `checked` have been tried already and only
         // claimed_ can have changed for them, never to unclaimed.
         for (std::size_t i = checked; i < received_.size(); ++i) {
-            if (claimed_[i] || !received_[i].is_json || !predicate(received_[i].json)) continue;
+            if (claimed_[i] || !isCommand(received_[i].json, command)) continue;
             claimed_[i] = true;
             found = received_[i].json;
             return true;
@@ -100,10 +100,6 @@ std::optional<Json::Value> TestPeer::waitFor(const Predicate& predicate, Millise
     return found;
 }
 
-std::optional<Json::Value> TestPeer::waitForCommand(const std::string& command, Milliseconds timeout) {
-    return waitFor([&command](const Json::Value& message) { return isCommand(message, command); }, timeout);
-}
-
 bool TestPeer::waitForCount(std::size_t count, Milliseconds timeout) {
     std::unique_lock<std::mutex> lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] { return received_.size() >= count; });
@@ -112,15 +108,6 @@ bool TestPeer::waitForCount(std::size_t count, Milliseconds timeout) {
 std::vector<ReceivedMessage> TestPeer::received() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return received_;
-}
-
-std::vector<Json::Value> TestPeer::receivedCommands(const std::string& command) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<Json::Value> matching;
-    for (const auto& message : received_) {
-        if (isCommand(message.json, command)) matching.push_back(message.json);
-    }
-    return matching;
 }
 
 void TestPeer::clearReceived() {
@@ -150,11 +137,6 @@ void TestPeer::replyTo(const std::string& command, const Json::Value& members, M
 void TestPeer::replyWith(const std::string& command, Responder responder, Milliseconds delay) {
     std::lock_guard<std::mutex> lock(mutex_);
     rules_[command] = Rule{std::move(responder), delay};
-}
-
-void TestPeer::replyToAll(const Json::Value& members, Milliseconds delay) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    default_rule_ = Rule{[members](const Json::Value&) { return members; }, delay};
 }
 
 void TestPeer::setMinimumReplyDelay(Milliseconds delay) {
@@ -224,9 +206,10 @@ void TestPeer::sendDueReplies() {
 // The rule for `command`, its delay raised to the minimum reply delay.
 std::optional<TestPeer::Rule> TestPeer::ruleFor(const std::string& command) const {
     std::lock_guard<std::mutex> lock(mutex_);
-    auto it = rules_.find(command);
-    std::optional<Rule> rule = it != rules_.end() ? std::optional<Rule>(it->second) : default_rule_;
-    if (rule) rule->delay = std::max(rule->delay, minimum_reply_delay_);
+    const auto it = rules_.find(command);
+    if (it == rules_.end()) return std::nullopt;
+    Rule rule = it->second;
+    rule.delay = std::max(rule.delay, minimum_reply_delay_);
     return rule;
 }
 

@@ -15,7 +15,7 @@
 //
 // A reply echoes the request's `command` and `task_key` and adds the rule's
 // members (which win over the echo, for tests of mismatched replies).
-// Without a rule, a request gets no answer; replyToAll() sets the default.
+// Without a rule, a request gets no answer.
 //
 // Replies leave no sooner than kMinimumReplyDelay after their request came
 // in: a requester files its wait only after the request has gone out, so an
@@ -65,7 +65,6 @@ struct ReceivedMessage {
 class TestPeer {
 public:
     using Milliseconds = std::chrono::milliseconds;
-    using Predicate = std::function<bool(const Json::Value& message)>;
     // Builds the members of the reply to `request`; a null result means no reply.
     using Responder = std::function<Json::Value(const Json::Value& request)>;
 
@@ -96,17 +95,14 @@ public:
     void dropConnections();
 
     // ---- what the clients sent ----
-    // The first message not yet returned by a wait that satisfies
-    // `predicate`, waiting up to `timeout` for it to arrive. Each message is
-    // returned by at most one wait, so repeated waits walk through equal
-    // requests in order.
-    std::optional<Json::Value> waitFor(const Predicate& predicate, Milliseconds timeout = kDefaultWait);
+    // The first request with this `command` not yet returned by a wait,
+    // waiting up to `timeout` for it to arrive. Each request is returned by
+    // at most one wait, so repeated waits walk through equal requests in
+    // order.
     std::optional<Json::Value> waitForCommand(const std::string& command, Milliseconds timeout = kDefaultWait);
     // Waits until at least `count` messages have been received in all.
     bool waitForCount(std::size_t count, Milliseconds timeout = kDefaultWait);
     std::vector<ReceivedMessage> received() const;
-    // Every received request with this `command`, in arrival order.
-    std::vector<Json::Value> receivedCommands(const std::string& command) const;
     void clearReceived();
 
     // ---- answering requests ----
@@ -119,8 +115,6 @@ public:
     void replyTo(const std::string& command, const Json::Value& members, Milliseconds delay = Milliseconds(0));
     // Answers every `command` request with replyFor(request, responder(request)).
     void replyWith(const std::string& command, Responder responder, Milliseconds delay = Milliseconds(0));
-    // Answers requests that have no rule of their own.
-    void replyToAll(const Json::Value& members, Milliseconds delay = Milliseconds(0));
     // The least time between a request and its reply (kMinimumReplyDelay at first).
     void setMinimumReplyDelay(Milliseconds delay);
 
@@ -156,7 +150,6 @@ private:
     std::vector<ReceivedMessage> received_;
     std::vector<bool> claimed_;
     std::map<std::string, Rule> rules_;
-    std::optional<Rule> default_rule_;
     Milliseconds minimum_reply_delay_ = kMinimumReplyDelay;
     std::unique_ptr<WebSocketServer> server_;
     std::multimap<Clock::time_point, Reply> due_replies_;
