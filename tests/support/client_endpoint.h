@@ -42,6 +42,7 @@ public:
 
     void onReceive(const std::string& message) override {
         const int now_inside = ++inside_;
+        // Raises max_inside to now_inside, unless another delivery has raised it further.
         for (int seen = max_inside.load(); now_inside > seen && !max_inside.compare_exchange_weak(seen, now_inside);) {
         }
         {
