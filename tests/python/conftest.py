@@ -26,27 +26,27 @@ def wait_for(condition, timeout=WAIT_S):
     return condition()
 
 
-class Sim:
-    """One kelm_sim process; `port` is the one it bound."""
+class Child:
+    """A child process that prints the address it serves; `match` is that line's match of `pattern`."""
 
-    def __init__(self, *args):
-        if "KELM_SIM" not in os.environ:
-            pytest.exit("kelm_sim not found: set KELM_SIM", returncode=2)
-        self.process = subprocess.Popen([os.environ["KELM_SIM"], "--port", "0", "--quiet", *args],
-                                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-        first = self.process.stdout.readline()
-        match = re.search(r"listening on ws://([\d.]+):(\d+)", first)
-        if not match:
+    def __init__(self, args, pattern, stderr=subprocess.STDOUT):
+        self.process = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=stderr, text=True)
+        self.lines, self.match = [], None
+        watchdog = threading.Timer(3 * WAIT_S, self.process.kill)  # bounds the reads below in time
+        watchdog.start()
+        while not self.match and len(self.lines) < 50:  # log lines may come first
+            self.lines.append(self.process.stdout.readline())
+            self.match = re.search(pattern, self.lines[-1])
+        watchdog.cancel()
+        if not self.match:
             self.process.kill()
-            raise RuntimeError("kelm_sim did not start: " + first + self.process.stdout.read())
-        self.host, self.port = match.group(1), int(match.group(2))
-        self.address = f"{self.host}:{self.port}"
-        self.lines = [first]
+            raise RuntimeError(f"{args[0]} did not start: " + "".join(self.lines) + self.process.stdout.read())
+        # Keep reading, so that the output never fills the pipe.
         self.reader = threading.Thread(target=lambda: self.lines.extend(self.process.stdout), daemon=True)
         self.reader.start()
 
     def stop(self):
-        """Stops the simulator and returns all it printed."""
+        """Stops the process with Ctrl+C and returns all it printed."""
         if self.process.poll() is None:
             self.process.send_signal(signal.SIGINT)
             try:
@@ -56,6 +56,18 @@ class Sim:
                 self.process.wait()
         self.reader.join(5)
         return "".join(self.lines)
+
+
+class Sim(Child):
+    """One kelm_sim process; `port` is the one it bound."""
+
+    def __init__(self, *args):
+        if "KELM_SIM" not in os.environ:
+            pytest.exit("kelm_sim not found: set KELM_SIM", returncode=2)
+        command = [os.environ["KELM_SIM"], "--port", "0", "--quiet", *args]
+        super().__init__(command, r"listening on ws://([\d.]+):(\d+)")
+        self.host, self.port = self.match.group(1), int(self.match.group(2))
+        self.address = f"{self.host}:{self.port}"
 
     def streamed_targets(self, arm=0):
         """Tracking targets the arm followed, from the closing summary."""

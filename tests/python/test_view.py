@@ -1,10 +1,8 @@
 """The live view (python3 -m kelm.view) against two simulators, in headless Chromium."""
 
-import re
 import socket
 import subprocess
 import sys
-import threading
 
 import numpy as np
 import pytest
@@ -13,36 +11,19 @@ from selenium import webdriver
 from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.chrome.service import Service
 
-from conftest import wait_for
+from conftest import Child, wait_for
 
 TARGET = [0.3, -0.4, 0.5, 0.2, -1.0, 0.4]  # [rad]
 WAIT_S = 30  # a page in a software renderer on a loaded machine is slow
 
 
-class ViewProcess:
+class ViewProcess(Child):
     """`python3 -m kelm.view` on a free port; `url` is the address it printed."""
 
     def __init__(self, master, slave, *options):
-        self.process = subprocess.Popen(
-            [sys.executable, "-m", "kelm.view", "--master", master.address, "--slave", slave.address, "--port", "0",
-             *options], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
-        lines, match = [], None
-        watchdog = threading.Timer(WAIT_S, self.process.kill)  # bounds the reads below in time
-        watchdog.start()
-        while not match and len(lines) < 50:  # the library's log lines come first
-            lines.append(self.process.stdout.readline())
-            match = re.search(r"open (http://([\d.]+):(\d+)/)", lines[-1])
-        watchdog.cancel()
-        if not match:
-            self.stop()
-            raise RuntimeError("kelm.view did not start: " + "".join(lines))
-        self.url, self.host, self.port = match.group(1), match.group(2), int(match.group(3))
-        # Keep reading, so that the library's log never fills the pipe.
-        threading.Thread(target=lambda: self.process.stdout.read(), daemon=True).start()
-
-    def stop(self):
-        self.process.terminate()
-        self.process.wait(10)
+        super().__init__([sys.executable, "-m", "kelm.view", "--master", master.address, "--slave", slave.address,
+                          "--port", "0", *options], r"open (http://([\d.]+):(\d+)/)", stderr=subprocess.DEVNULL)
+        self.url, self.host, self.port = self.match.group(1), self.match.group(2), int(self.match.group(3))
 
 
 @pytest.fixture
