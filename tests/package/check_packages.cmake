@@ -4,12 +4,8 @@
 # CONSUMER_DIR with GENERATOR against that root and starts the packaged tools.
 #   cmake -DBUILD_DIR=... -DSCRATCH_DIR=... -DCONSUMER_DIR=... -DGENERATOR=... \
 #     -DCPACK_COMMAND=... -DDPKG_DEB=... -P check_packages.cmake
-foreach(required BUILD_DIR SCRATCH_DIR CONSUMER_DIR GENERATOR CPACK_COMMAND DPKG_DEB)
-  if(NOT DEFINED ${required})
-    message(FATAL_ERROR "${required} is not set")
-  endif()
-endforeach()
-include(${CONSUMER_DIR}/consumer_steps.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/../public_package/consumer_steps.cmake)
+require_defined(BUILD_DIR SCRATCH_DIR CONSUMER_DIR GENERATOR CPACK_COMMAND DPKG_DEB)
 # The package names and install prefix, as the build configured them.
 include(${BUILD_DIR}/CPackConfig.cmake)
 set(runtime ${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME})

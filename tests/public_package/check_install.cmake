@@ -2,12 +2,8 @@
 # prefix under SCRATCH_DIR, then configures, builds and runs the consumer
 # project in CONSUMER_DIR against it with GENERATOR.
 #   cmake -DBUILD_DIR=... -DSCRATCH_DIR=... -DCONSUMER_DIR=... -DGENERATOR=... -P check_install.cmake
-foreach(required BUILD_DIR SCRATCH_DIR CONSUMER_DIR GENERATOR)
-  if(NOT DEFINED ${required})
-    message(FATAL_ERROR "${required} is not set")
-  endif()
-endforeach()
 include(${CMAKE_CURRENT_LIST_DIR}/consumer_steps.cmake)
+require_defined(BUILD_DIR SCRATCH_DIR CONSUMER_DIR GENERATOR)
 
 set(prefix ${SCRATCH_DIR}/prefix)
 file(REMOVE_RECURSE ${SCRATCH_DIR})

@@ -1,5 +1,14 @@
 # Steps shared by the scripts that check an installed arm client library.
 
+# require_defined(<variables...>): fails unless every variable is set.
+function(require_defined)
+  foreach(required ${ARGN})
+    if(NOT DEFINED ${required})
+      message(FATAL_ERROR "${required} is not set")
+    endif()
+  endforeach()
+endfunction()
+
 # run_step(<what> <command...>): runs the command, fails with its output.
 function(run_step what)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
