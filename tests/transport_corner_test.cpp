@@ -80,16 +80,35 @@ TEST(TransportCorner, StreamToAPeerThatStopsReadingIsBoundedAndNeverBlocks) {
     Endpoint endpoint(peer);
     ASSERT_EQ(endpoint.connect(), 1);
     ASSERT_TRUE(peer.waitForConnections(1));
-    peer.server().stallReading(peer.server().connectionIds().at(0), milliseconds(2000));  // under the 3 s silence limit
+    const auto connection = peer.server().connectionIds().at(0);
+    peer.server().stallReading(connection, milliseconds(60000));  // until the streams below are dropped
+    // Like a controller, the peer goes on talking while it does not read, so
+    // however long the test takes, the client never meets 3 s of silence.
+    struct Talker {
+        std::atomic<bool> talking{true};
+        std::thread thread;
+        ~Talker() {
+            talking = false;
+            thread.join();
+        }
+    } talker;
+    talker.thread = std::thread([&] {
+        for (int i = 0; i < 1200 && talker.talking; ++i) {
+            peer.sendText("{}");
+            std::this_thread::sleep_for(milliseconds(50));
+        }
+    });
     ASSERT_EQ(endpoint.client.sendRequest(test::jsonObject({{"command", "last read"}})), 1);
     ASSERT_TRUE(peer.waitForCount(1));
     const Json::Value target = test::jsonObject({{"command", "target"}, {"pad", std::string(1000, 't')}});
     int sent = 0, dropped = 0;
-    for (int i = 0; i < 2500; ++i) {  // 10 kB a millisecond fill the peer's buffers within the stall
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    for (int i = 0; i < 50000 && dropped < 100 && std::chrono::steady_clock::now() < give_up; ++i) {
         (endpoint.client.sendLatest(target) == 1 ? sent : dropped) += 1;
         if (i % 10 == 0) std::this_thread::sleep_for(milliseconds(1));
     }
-    EXPECT_GT(dropped, 0) << "every send went out or blocked";
+    EXPECT_EQ(dropped, 100) << "the sends went out or blocked";
+    peer.server().stallReading(connection, milliseconds(0));
     ASSERT_TRUE(peer.waitForCount(static_cast<std::size_t>(sent) + 1, milliseconds(10000)));
     // Its acknowledgements may trail its reading by a moment.
     EXPECT_TRUE(waitUntil([&] { return endpoint.client.sendLatest(target) == 1; })) << "the peer reads again";
