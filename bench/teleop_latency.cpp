@@ -229,8 +229,7 @@ public:
     }
 
 private:
-    RunResult measure(BenchController& master, BenchController& slave, TeleopProcess& process, pid_t pid,
-                      double rate) {
+    RunResult measure(BenchController& master, BenchController& slave, TeleopProcess& process, pid_t pid, double rate) {
         const size_t log_start = process.stderrText().size();
         slave.startRecording(relayer_.gripper_divisor);
         const std::uint64_t torques_before = master.redundancyTauCount();
