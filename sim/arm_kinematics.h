@@ -57,6 +57,7 @@ struct ArmModel {
     std::vector<ArmJoint> joints;  // root first
     KDL::Frame tool;               // tool0 in the last joint's turned frame
     JointLimits limits;            // one entry per joint
+    std::vector<double> effort;    // [Nm] per joint: the most its motor gives
 };
 
 // Reads `urdf_path`; throws std::runtime_error saying what is wrong.

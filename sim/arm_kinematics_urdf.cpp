@@ -111,6 +111,7 @@ std::shared_ptr<const ArmModel> loadArmModel(const std::string& urdf_path) {
         const urdf::JointConstSharedPtr urdf_joint = urdf_model->getJoint(joint.getName());
         const auto entry = dynamic.find(joint.getName());
         addLimits(urdf_path, *urdf_joint, entry == dynamic.end() ? DynamicLimits{} : entry->second, model->limits);
+        model->effort.push_back(urdf_joint->limits->effort);
         // kdl_parser gives the axis in the parent link's frame.
         model->joints.push_back({joint.getName(), origin, segment.pose(0.0).M.Inverse() * joint.JointAxis()});
         fixed = KDL::Frame::Identity();

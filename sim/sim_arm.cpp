@@ -176,6 +176,9 @@ const std::vector<double>& SimArm::queueEnd() const {
 }
 
 void SimArm::enqueue(const std::string& key, PlannedMotion motion) {
+    // A planned motion supersedes any streamed target: when it ends, the arm
+    // holds where it ended until a new target is streamed.
+    tracking_ = false;
     tasks_.push_back(Task{key, std::move(motion), 0.0});
 }
 

@@ -20,6 +20,8 @@
 
 #include "arm_kinematics.h"
 #include "motion_planner.h"
+#include "physics_world.h"
+#include "pick_place_hand.h"
 #include "planned_motion.h"
 #include "sim_environment.h"
 
@@ -34,6 +36,8 @@ enum class TeleRole { None, Master, Slave };
 
 constexpr int kCoordinateSlots = 16;
 constexpr int kWarningCode = 3001;
+// The physics went unstable and was reset: the arm stops as on any error.
+constexpr int kPhysicsResetCode = 9001;
 
 // What the arm made of the streams it was sent, since it was built.
 struct StreamStats {
@@ -141,6 +145,16 @@ public:
     // Advances the arm by `dt` seconds.
     void step(double dt);
 
+    // ---- a body in a physics scene ----
+    // What the body's motors and the operator's hand are to do now.
+    BodyCommand bodyCommand() const;
+    // Takes the body's latest readings: from now on the telemetry reports
+    // them, and the arm's plan starts from them where the hand moved it.
+    void sense(const BodySensed& body);
+    // The pick-and-place task for the operator's hand (when the hand does
+    // tasks); a hand holding the arm starts it afresh.
+    void setHandTask(const TaskLayout& layout);
+
 private:
     struct Task {
         std::string key;
@@ -202,6 +216,11 @@ private:
     std::map<std::string, Recording> recordings_;
 
     std::vector<double> jacobian_scratch_;
+
+    TaskLayout hand_task_;
+    HandPath hand_path_;              // the operator's way through hand_task_
+    std::vector<double> hand_target_;  // where the hand pulls a body held in drag
+    BodySensed body_;                 // valid in a physics scene
 };
 
 }  // namespace sim

@@ -26,8 +26,15 @@ bool SimArm::operatorHolds() const {
 }
 
 void SimArm::takeOperatorAnchor() {
+    if (body_.valid) joints_ = body_.joints;
     operator_anchor_ = joints_;
     operator_time_ = 0.0;
+    if (hand_.pick_place) hand_path_ = planPickPlace(hand_task_, joints_, gripper_pos_, *kinematics_, limits_);
+}
+
+void SimArm::setHandTask(const TaskLayout& layout) {
+    hand_task_ = layout;
+    if (operatorHolds()) takeOperatorAnchor();
 }
 
 void SimArm::finishTask(const std::string& key) { finished_keys_.push_back(key); }
@@ -120,11 +127,17 @@ void SimArm::recordTrackingError() {
 void SimArm::stepOperator(double dt) {
     operator_time_ += dt;
     double gripper = gripper_pos_;
-    if (hand_.enabled)
+    if (!hand_path_.empty())
+        hand_path_.sample(operator_time_, joints_, gripper);
+    else if (hand_.enabled && !hand_.pick_place)
         operatorHand(hand_, operator_time_, operator_anchor_, limits_, joints_, gripper);
     else
         joints_ = operator_anchor_;
-    if (role_ == TeleRole::Master) {
+    if (body_.valid) {
+        // The hand pulls the body; the plan reports where the body is.
+        hand_target_ = joints_;
+        joints_ = body_.joints;
+    } else if (role_ == TeleRole::Master) {
         // The hand gives way to the torque that the slave's contact feeds back.
         for (size_t i = 0; i < joints_.size(); ++i) {
             const double deflection =
@@ -154,27 +167,31 @@ void SimArm::stepRecording(double dt) {
 
 void SimArm::refreshTelemetry(double dt) {
     ArmTelemetry& t = telemetry_;
-    t.joints = joints_;
-    t.joint_vel.resize(joints_.size());
+    t.plan_vel.resize(joints_.size());
     for (size_t i = 0; i < joints_.size(); ++i)
-        t.joint_vel[i] = dt > 0.0 ? (joints_[i] - previous_joints_[i]) / dt : 0.0;
+        t.plan_vel[i] = dt > 0.0 ? (joints_[i] - previous_joints_[i]) / dt : 0.0;
+    t.plan_joints = joints_;
+    const bool master = mode_ == ArmMode::Teleoperation && role_ == TeleRole::Master;
+    t.plan_tau.resize(joints_.size());
+    for (size_t i = 0; i < joints_.size(); ++i) t.plan_tau[i] = master ? redundancy_tau_[i] : 0.0;
 
-    const KDL::Frame flange = kinematics_->flange(joints_);
+    t.joints = body_.valid ? body_.joints : joints_;
+    const KDL::Frame flange = kinematics_->flange(t.joints);
     const KDL::Frame tool = ArmKinematics::fromCoordinate(tools_[tool_index_]);
     const KDL::Frame user = ArmKinematics::fromCoordinate(users_[user_index_]);
     const KDL::Frame tip = flange * tool;
-    wallContact(wall_, *kinematics_, joints_, tip, t.cart_force, t.external_tau, jacobian_scratch_);
-
-    // Motor torque: holds against the contact, plus the fed-back torque on a master.
-    const bool master = mode_ == ArmMode::Teleoperation && role_ == TeleRole::Master;
-    t.joint_tau.resize(joints_.size());
-    t.plan_tau.resize(joints_.size());
-    for (size_t i = 0; i < joints_.size(); ++i) {
-        t.plan_tau[i] = master ? redundancy_tau_[i] : 0.0;
-        t.joint_tau[i] = t.plan_tau[i] - t.external_tau[i];
+    if (body_.valid) {
+        t.joint_vel = body_.velocity;
+        t.joint_tau = body_.torque;
+        t.external_tau = body_.external_tau;
+        t.cart_force = body_.flange_wrench;
+    } else {
+        t.joint_vel = t.plan_vel;
+        wallContact(wall_, *kinematics_, joints_, tip, t.cart_force, t.external_tau, jacobian_scratch_);
+        // Motor torque: holds against the contact, plus the fed-back torque on a master.
+        t.joint_tau.resize(joints_.size());
+        for (size_t i = 0; i < joints_.size(); ++i) t.joint_tau[i] = t.plan_tau[i] - t.external_tau[i];
     }
-    t.plan_joints = joints_;
-    t.plan_vel = t.joint_vel;
 
     t.pose = ArmKinematics::toPose(flange);
     t.pose_tool = ArmKinematics::toPose(tip);
@@ -185,11 +202,17 @@ void SimArm::refreshTelemetry(double dt) {
     t.vel_per = speed_level_ * 10.0;
     t.tool = tool_index_;
     t.user = user_index_;
-    t.gripper_pos = gripper_pos_;
-    t.gripper_vel = gripper_vel_;
-    t.gripper_state = std::fabs(gripper_vel_) > 1e-9 ? 1 : 0;
-    const bool holding = std::fabs(gripper_target_ - gripper_pos_) < 1e-4;
-    t.gripper_tau = holding ? gripper_force_ : 0.0;
+    if (body_.valid) {
+        t.gripper_pos = body_.gripper_opening;
+        t.gripper_vel = body_.gripper_velocity;
+        t.gripper_tau = body_.gripper_force;
+    } else {
+        t.gripper_pos = gripper_pos_;
+        t.gripper_vel = gripper_vel_;
+        const bool holding = std::fabs(gripper_target_ - gripper_pos_) < 1e-4;
+        t.gripper_tau = holding ? gripper_force_ : 0.0;
+    }
+    t.gripper_state = std::fabs(t.gripper_vel) > 1e-4 ? 1 : 0;
     if (master) t.gripper_tau = effector_tau_;
     t.exe_flag = !tasks_.empty() && task_rate_ > 0.0;
     if (tasks_.empty())
@@ -198,6 +221,27 @@ void SimArm::refreshTelemetry(double dt) {
         t.exe_task_key = tasks_.front().key;
     t.error_code = error_code_;
     t.error_msg = error_msg_;
+}
+
+BodyCommand SimArm::bodyCommand() const {
+    BodyCommand command;
+    command.hand_held = operatorHolds();
+    command.reference = command.hand_held ? hand_target_ : joints_;
+    command.reference_vel = command.hand_held ? std::vector<double>(joints_.size(), 0.0) : telemetry_.plan_vel;
+    const bool master = mode_ == ArmMode::Teleoperation && role_ == TeleRole::Master;
+    command.feedback_tau = master ? redundancy_tau_ : std::vector<double>(joints_.size(), 0.0);
+    command.gripper_opening = gripper_pos_;
+    command.gripper_force = gripper_force_;
+    return command;
+}
+
+void SimArm::sense(const BodySensed& body) {
+    if (body_.valid && body.resets > body_.resets)
+        raiseError(kPhysicsResetCode, "physics unstable: the scene was reset to its last sound state");
+    const bool first = !body_.valid;
+    body_ = body;
+    if (first) joints_ = previous_joints_ = body_.joints;
+    if (hand_target_.empty()) hand_target_ = body_.joints;
 }
 
 }  // namespace sim

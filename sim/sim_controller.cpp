@@ -34,6 +34,12 @@ bool parseObject(const std::string& text, Json::Value& value) {
     return reader->parse(text.data(), text.data() + text.size(), &value, &errors) && value.isObject();
 }
 
+std::unique_ptr<PhysicsWorld> loadPhysics(const SimOptions& options) {
+    if (options.scene.empty()) return nullptr;
+    return std::make_unique<PhysicsWorld>(resolveScenePath(options.scene), armModel().path, options.arms,
+                                          options.dof, options.seed);
+}
+
 double unixNow() {
     const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
     return std::chrono::duration<double>(since_epoch).count();
@@ -43,6 +49,7 @@ double unixNow() {
 
 SimController::SimController(SimOptions options)
     : options_(std::move(options)),
+      physics_(loadPhysics(options_)),
       model_(options_.arms, options_.dof, options_.hand, options_.wall),
       server_(options_.ip, options_.port,
               WebSocketServer::Handlers{
@@ -55,6 +62,14 @@ SimController::SimController(SimOptions options)
     for (const auto& error : options_.errors) model_.raiseError(error.arm, error.code, error.message);
     faults_.setNetworkDelay(std::chrono::microseconds(options_.net_latency_us),
                             std::chrono::microseconds(options_.net_jitter_us));
+    if (physics_) {
+        physics_->placeArms(model_.telemetry(0).joints);
+        model_.usePhysics(physics_.get());
+    }
+    if (options_.hand.pick_place && !options_.task_scene.empty() && options_.task_scene != options_.scene) {
+        model_.useTaskScene(std::make_unique<PhysicsScene>(resolveScenePath(options_.task_scene), armModel().path,
+                                                           options_.arms, options_.dof, options_.seed));
+    }
 }
 
 SimController::~SimController() { stop(); }
@@ -72,6 +87,7 @@ void SimController::start() {
         reply_thread_stop_ = false;
     }
     reply_thread_ = std::thread([this] { senderLoop(); });
+    if (physics_) physics_->start();
     running_ = true;
     frame_thread_ = std::thread([this] { frameLoop(); });
 }
@@ -79,6 +95,7 @@ void SimController::start() {
 void SimController::stop() {
     running_ = false;
     if (frame_thread_.joinable()) frame_thread_.join();
+    if (physics_) physics_->stop();
     server_.stop();
     {
         std::lock_guard<std::mutex> lock(reply_mutex_);

@@ -35,6 +35,7 @@
 #include <thread>
 #include <vector>
 
+#include "physics_world.h"
 #include "sim_faults.h"
 #include "sim_model.h"
 #include "sim_observers.h"
@@ -67,8 +68,10 @@ public:
     SimController(const SimController&) = delete;
     SimController& operator=(const SimController&) = delete;
 
-    // Binds, then starts the frame loop. Throws std::runtime_error when the
-    // address cannot be bound.
+    // Loads the physics scene if the options name one; throws
+    // std::runtime_error naming the file and the problem.
+    // Binds, then starts the physics and the frame loop. Throws
+    // std::runtime_error when the address cannot be bound.
     void start();
     // Stops the frame loop and the server; harmless when stopped.
     void stop();
@@ -76,6 +79,8 @@ public:
     unsigned short port() const { return server_.port(); }
     const SimOptions& options() const { return options_; }
     SimModel& model() { return model_; }
+    // The physics world, or null for kinematic arms.
+    PhysicsWorld* physics() { return physics_.get(); }
     FaultInjector& faults() { return faults_; }
     SimStats stats() const;
 
@@ -113,6 +118,7 @@ private:
     bool send(WebSocketServer::ConnectionId connection, const std::string& text, bool fault_frame);
 
     SimOptions options_;
+    std::unique_ptr<PhysicsWorld> physics_;
     SimModel model_;
     FaultInjector faults_;
     WebSocketServer server_;

@@ -13,11 +13,13 @@ namespace kelm {
 namespace sim {
 
 // A smooth, bounded and repeatable hand motion about the pose the arm had
-// when the operator took it.
+// when the operator took it, or the pick-and-place task of the scene
+// (pick_place_hand.h).
 struct OperatorSettings {
     bool enabled = true;
-    double amplitude = 0.2;  // largest joint excursion [rad]
-    double period = 4.0;     // [s]
+    bool pick_place = false;  // the task instead of the smooth motion
+    double amplitude = 0.2;   // largest joint excursion [rad]
+    double period = 4.0;      // [s]
 };
 
 // A horizontal plane in the base frame: below `height` the tool tip meets a

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -84,13 +85,15 @@ int main(int argc, char** argv) {
         return 1;
     }
     installStopHandlers();
-    kelm::sim::SimController controller(options);
+    std::unique_ptr<kelm::sim::SimController> running;
     try {
-        controller.start();
+        running = std::make_unique<kelm::sim::SimController>(options);
+        running->start();
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "kelm_sim: %s\n", failure.what());
         return 1;
     }
+    kelm::sim::SimController& controller = *running;
     std::printf("kelm_sim: listening on ws://%s:%u, %d arm(s) of %d joints, state frames at %.0f Hz\n",
                 options.ip.c_str(), static_cast<unsigned>(controller.port()), options.arms, options.dof, options.rate);
     std::fflush(stdout);

@@ -41,6 +41,8 @@ const std::vector<std::pair<std::string, SimModel::Route>>& SimModel::routes() {
         {"teachRecorder", {&SimModel::onTeachRecorder, false}},
         {"setZeroPosition", {&SimModel::onZeroPosition, false}},
         {"dynamicsCalibration", {&SimModel::onDynamicsCalibration, false}},
+        {"getSceneState", {&SimModel::onSceneState, false}},
+        {"resetScene", {&SimModel::onResetScene, false}},
     };
     return table;
 }
@@ -95,7 +97,11 @@ SimArm* SimModel::armOf(const Json::Value& request, std::string& refusal) {
 
 void SimModel::step(double dt) {
     std::lock_guard<std::mutex> lock(mutex_);
-    for (auto& arm : arms_) arm.step(dt);
+    for (int i = 0; i < armCount(); ++i) {
+        if (physics_) arms_[i].sense(physics_->sensed(i));
+        arms_[i].step(dt);
+        if (physics_) physics_->command(i, arms_[i].bodyCommand());
+    }
 }
 
 const std::string& SimModel::writeFrame(StateFrameWriter& writer, std::uint64_t count, double unix_time) {

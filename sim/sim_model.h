@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -42,6 +43,13 @@ public:
     // The reply that refuses `request` with `reason`.
     static Json::Value refusal(const Json::Value& request, const std::string& reason);
     static bool isStreaming(const std::string& command);
+
+    // Arms with bodies: each step takes the bodies' readings and gives them
+    // their commands. `world` outlives the model's use of it.
+    void usePhysics(PhysicsWorld* world);
+    // Where the operator's hand finds its pick-and-place task: the physics
+    // world's own scene, or `task_scene` (loaded, never stepped).
+    void useTaskScene(std::unique_ptr<PhysicsScene> task_scene);
 
     void step(double dt);
     // Writes the state frame of all arms; the text lives in `writer`.
@@ -96,12 +104,19 @@ private:
     std::string onDynamicsCalibration(const Json::Value& request, Json::Value& reply);
     std::string onReplay(SimArm& arm, const std::string& key, const std::string& name);
 
+    // ---- the physics scene, a simulator's own requests (sim_model_scene.cpp) ----
+    std::string onSceneState(const Json::Value& request, Json::Value& reply);
+    std::string onResetScene(const Json::Value& request, Json::Value& reply);
+    void giveHandTasks();
+
     mutable std::mutex mutex_;
     std::vector<SimArm> arms_;
     bool debug_ = false;
     bool dynamics_recorded_ = false;
     std::atomic<std::uint64_t> refused_stream_messages_{0};
     std::vector<const ArmTelemetry*> frame_arms_;
+    PhysicsWorld* physics_ = nullptr;
+    std::unique_ptr<PhysicsScene> task_scene_;
 };
 
 }  // namespace sim

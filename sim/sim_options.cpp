@@ -38,6 +38,9 @@ enum OptionId {
     kStallMs,
     kHalfOpenAfter,
     kResetAfter,
+    kScene,
+    kTaskScene,
+    kSeed,
 };
 
 const option kLongOptions[] = {
@@ -66,6 +69,9 @@ const option kLongOptions[] = {
     {"stall-ms", required_argument, nullptr, kStallMs},
     {"half-open-after", required_argument, nullptr, kHalfOpenAfter},
     {"reset-after", required_argument, nullptr, kResetAfter},
+    {"scene", required_argument, nullptr, kScene},
+    {"task-scene", required_argument, nullptr, kTaskScene},
+    {"seed", required_argument, nullptr, kSeed},
     {"quiet", no_argument, nullptr, kQuiet},
     {"help", no_argument, nullptr, kHelp},
     {nullptr, 0, nullptr, 0},
@@ -134,9 +140,18 @@ bool applyOption(int id, const char* argument, SimOptions& options) {
             return true;
         case kRate: return readNumber(argument, 1.0, 20000.0, options.rate);
         case kModel: options.model = argument; return !options.model.empty();
-        case kOperator:
-            options.hand.enabled = std::string(argument) == "on";
-            return options.hand.enabled || std::string(argument) == "off";
+        case kOperator: {
+            const std::string mode = argument;
+            options.hand.enabled = mode == "on" || mode == "pick-place";
+            options.hand.pick_place = mode == "pick-place";
+            return options.hand.enabled || mode == "off";
+        }
+        case kScene: options.scene = argument; return !options.scene.empty();
+        case kTaskScene: options.task_scene = argument; return !options.task_scene.empty();
+        case kSeed:
+            if (!readInteger(argument, 0, 4294967295L, integer)) return false;
+            options.seed = static_cast<std::uint32_t>(integer);
+            return true;
         case kAmplitude: return readNumber(argument, 0.0, 1.5, options.hand.amplitude);
         case kPeriod: return readNumber(argument, 0.1, 600.0, options.hand.period);
         case kWall: return readWall(argument, options.wall);
@@ -211,6 +226,14 @@ ParseResult parseSimOptions(int argc, char** argv, SimOptions& options, std::str
         error = std::string("unexpected argument ") + argv[optind];
         return ParseResult::Error;
     }
+    if (options.hand.pick_place && options.scene.empty() && options.task_scene.empty()) {
+        error = "--operator pick-place needs the task's scene: --scene or --task-scene";
+        return ParseResult::Error;
+    }
+    if (options.wall.enabled && !options.scene.empty()) {
+        error = "--wall is for the kinematic arm; in a --scene, the scene's bodies are what the arm meets";
+        return ParseResult::Error;
+    }
     for (const auto& injected : options.errors) {
         if (injected.arm >= options.arms) {
             error = "--error names arm " + std::to_string(injected.arm) + " of " + std::to_string(options.arms);
@@ -232,9 +255,17 @@ std::string simUsage(const char* program) {
          << "  -r, --rate HZ               state frames per second (default 500)\n"
          << "      --model FILE.urdf       the arm's URDF model (default: the built-in arm)\n"
          << "      --reply-latency-us US   least time before a reply (default 10000)\n"
+         << "Physics:\n"
+         << "      --scene FILE.xml        simulate the arms as bodies in this MuJoCo scene (a\n"
+         << "                              name alone is looked up among the installed scenes:\n"
+         << "                              table_cube, arm, bimanual); default: kinematic arms\n"
+         << "      --task-scene FILE.xml   where the operator's pick-and-place task lies\n"
+         << "                              (default: the --scene)\n"
+         << "      --seed N                places the task's objects (default 1)\n"
          << "Operator and environment:\n"
-         << "      --operator on|off       the simulated hand moves arms in drag mode and as\n"
-         << "                              teleoperation master (default on)\n"
+         << "      --operator on|off|pick-place  the simulated hand moves arms in drag mode and\n"
+         << "                              as teleoperation master (default on); pick-place:\n"
+         << "                              it does the task of the scene\n"
          << "      --amplitude RAD         largest joint excursion of the hand (default 0.2)\n"
          << "      --period S              period of the hand's motion (default 4)\n"
          << "      --wall Z[,K]            a virtual wall below height Z [m] with stiffness K\n"

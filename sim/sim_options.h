@@ -2,6 +2,7 @@
 // its command line. Plain data; parseSimOptions is not re-entrant (getopt).
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,9 @@ struct SimOptions {
     int dof = 6;                 // 1 to 7
     double rate = 500.0;         // state frames per second
     std::string model;           // URDF file of the arm; empty: the default model
+    std::string scene;           // MuJoCo scene of the arms' bodies; empty: kinematic arms
+    std::string task_scene;      // where the operator's task lies; empty: `scene`
+    std::uint32_t seed = 1;      // places the task's objects
     // Least time between a request and its reply. A real controller takes
     // milliseconds; a client that files its request only after sending it
     // loses a reply that comes back sooner, which a loaded machine with a
