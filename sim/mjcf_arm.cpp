@@ -72,7 +72,7 @@ public:
 
     std::string write() {
         out_ << "<mujoco>\n";
-        writeLink(*model_.getRoot(), urdf::Pose(), 1);
+        writeLink(*model_.getRoot(), nullptr, 1);
         out_ << "</mujoco>\n";
         if (revolute_seen_ < dof_)
             throw std::runtime_error("arm model " + path_ + ": " + std::to_string(revolute_seen_) +
@@ -84,9 +84,13 @@ public:
     }
 
 private:
-    void writeLink(const urdf::Link& link, const urdf::Pose& origin, int depth) {
+    // The link's body, placed where `joint` (null for the root) puts it and
+    // moving on that joint.
+    void writeLink(const urdf::Link& link, const urdf::Joint* joint, int depth) {
         const std::string indent(2 * depth, ' ');
+        const urdf::Pose origin = joint ? joint->parent_to_joint_origin_transform : urdf::Pose();
         out_ << indent << "<body name=\"" << prefix_ << link.name << "\" " << placement(origin) << ">\n";
+        if (joint) writeJoint(*joint, indent + "  ");
         if (depth > 1)
             writeInertial(link, indent + "  ");
         else  // fixed to its mount: MuJoCo still wants a mass, which no motion feels
@@ -100,10 +104,8 @@ private:
         }
         for (const auto& visual : link.visual_array) writeVisual(*visual, link.name, indent + "  ");
         for (const auto& collision : link.collision_array) writeCollision(*collision, link.name, indent + "  ");
-        for (const auto& joint : link.child_joints) {
-            writeJoint(*joint, indent + "  ");
-            writeLink(*model_.getLink(joint->child_link_name), joint->parent_to_joint_origin_transform, depth + 1);
-        }
+        for (const auto& child : link.child_joints)
+            writeLink(*model_.getLink(child->child_link_name), child.get(), depth + 1);
         out_ << indent << "</body>\n";
     }
 

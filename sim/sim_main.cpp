@@ -41,8 +41,11 @@ void printStatus(kelm::sim::SimController& controller, const kelm::sim::SimStats
     const double rate = static_cast<double>(now.frames_sent - last.frames_sent) / seconds;
     std::printf("kelm_sim: %.1f frames/s, %zu client(s), %llu requests, %llu replies", rate, now.connections,
                 static_cast<unsigned long long>(now.requests), static_cast<unsigned long long>(now.replies_sent));
-    for (int i = 0; i < controller.model().armCount(); ++i)
+    for (int i = 0; i < controller.model().armCount(); ++i) {
         std::printf("; %s", armSummary(controller.model().telemetry(i)).c_str());
+        if (controller.physics() && controller.physics()->taskLayout(i).present)
+            std::printf(controller.physics()->taskSucceeded(i) ? ", task done" : ", task pending");
+    }
     std::printf("\n");
     std::fflush(stdout);
 }
@@ -60,6 +63,23 @@ void printStreamSummary(kelm::sim::SimController& controller) {
                         static_cast<unsigned long long>(stats.torque_messages), stats.torque_max);
         }
     }
+}
+
+// The physics' timing, and where each arm's task ended, for whoever ran the session.
+void printPhysicsSummary(kelm::sim::SimController& controller) {
+    kelm::sim::PhysicsWorld* physics = controller.physics();
+    if (!physics) return;
+    const kelm::sim::PhysicsStats stats = physics->stats();
+    std::printf("kelm_sim: physics stepped %llu ms in %.1f s (real-time factor %.3f), step median %.1f us, p99 %.1f us\n",
+                static_cast<unsigned long long>(stats.ticks), stats.wall_seconds,
+                stats.wall_seconds > 0.0 ? stats.simulated_seconds / stats.wall_seconds : 0.0, stats.step_median_us,
+                stats.step_p99_us);
+    for (int i = 0; i < controller.model().armCount(); ++i) {
+        if (!physics->taskLayout(i).present) continue;
+        std::printf("kelm_sim: arm%d task %s, seed %u\n", i, physics->taskSucceeded(i) ? "succeeded" : "not done",
+                    physics->seed());
+    }
+    std::printf("kelm_sim: largest contact force %.1f N\n", stats.largest_contact_force);
 }
 
 }  // namespace
@@ -111,6 +131,7 @@ int main(int argc, char** argv) {
     }
     controller.stop();
     printStreamSummary(controller);
+    printPhysicsSummary(controller);
     std::printf("kelm_sim: stopped\n");
     return 0;
 }
