@@ -16,8 +16,12 @@ using Clock = std::chrono::steady_clock;
 constexpr double kTickSeconds = 0.001;
 constexpr double kServoStiffnessPerEffort = 20.0;  // [1/rad] position gain per Nm of effort limit
 constexpr double kServoDampingPerEffort = 0.1;     // [s/rad]
-constexpr double kHandStiffness = 400.0;           // [Nm/rad] of the operator's hold on each joint
-constexpr double kHandDamping = 20.0;              // [Nm s/rad]
+// Impedance gains: with the hand's hold, they keep the force-feedback ring's
+// gain below one, so a contact fed back settles instead of chattering.
+constexpr double kCompliantStiffnessPerEffort = 4.0;  // [1/rad]
+constexpr double kCompliantDampingPerEffort = 0.05;   // [s/rad]
+constexpr double kHandStiffness = 1000.0;          // [Nm/rad] of the operator's hold on each joint
+constexpr double kHandDamping = 40.0;              // [Nm s/rad]
 constexpr double kFingerStiffness = 2000.0;        // [N/m]
 constexpr double kFingerDamping = 40.0;            // [N s/m]
 constexpr double kLeastFingerForce = 1.0;          // [N] so that a gripper set to no force still moves
@@ -149,8 +153,10 @@ void PhysicsWorld::control(int index, const BodyCommand& command) {
             motor += command.feedback_tau[j];
             hand = kHandStiffness * (command.reference[j] - q) - kHandDamping * velocity;
         } else {
-            motor += kServoStiffnessPerEffort * effort_[j] * (command.reference[j] - q) +
-                     kServoDampingPerEffort * effort_[j] * (command.reference_vel[j] - velocity);
+            const double stiffness = command.compliant ? kCompliantStiffnessPerEffort : kServoStiffnessPerEffort;
+            const double damping = command.compliant ? kCompliantDampingPerEffort : kServoDampingPerEffort;
+            motor += stiffness * effort_[j] * (command.reference[j] - q) +
+                     damping * effort_[j] * (command.reference_vel[j] - velocity);
         }
         motor = std::clamp(motor, -effort_[j], effort_[j]);
         out.torque[j] = motor;

@@ -3,7 +3,8 @@
 //
 // The controller logic (SimArm) decides where each joint should be; this
 // class makes the joints get there as motors do: a position servo per joint
-// with gravity compensation, torque-limited by the arm model's efforts, and
+// with gravity compensation, torque-limited by the arm model's efforts (a
+// softer one, as impedance control is, for an arm that follows a stream), and
 // a force-limited servo per gripper finger. An arm held by the simulated
 // operator's hand (drag mode, teleoperation master) is instead pulled
 // towards the hand's target by a stiff spring-damper while its motors only
@@ -38,6 +39,7 @@ namespace sim {
 // What the controller asks of one arm's body.
 struct BodyCommand {
     bool hand_held = false;              // the operator's hand pulls the arm towards `reference`
+    bool compliant = false;              // impedance servo (MIT mode, teleoperation slave): softer gains
     std::vector<double> reference;       // [rad] servo target, or where the hand wants the arm
     std::vector<double> reference_vel;   // [rad/s]
     std::vector<double> feedback_tau;    // [Nm] added to the motors' torque (redundancy torque)

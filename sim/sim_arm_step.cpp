@@ -226,6 +226,7 @@ void SimArm::refreshTelemetry(double dt) {
 BodyCommand SimArm::bodyCommand() const {
     BodyCommand command;
     command.hand_held = operatorHolds();
+    command.compliant = mode_ == ArmMode::Mit || (mode_ == ArmMode::Teleoperation && role_ == TeleRole::Slave);
     command.reference = command.hand_held ? hand_target_ : joints_;
     command.reference_vel = command.hand_held ? std::vector<double>(joints_.size(), 0.0) : telemetry_.plan_vel;
     const bool master = mode_ == ArmMode::Teleoperation && role_ == TeleRole::Master;
