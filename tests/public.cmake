@@ -1,6 +1,7 @@
 # Tests of the public single-arm and dual-arm interfaces against the simulator.
 if(TARGET kelm_sim_core)
   kelm_add_test(public_arms_test ${CMAKE_CURRENT_LIST_DIR}/public_arms_test.cpp LIBS kelm_sim_core)
+  kelm_run_on_physics(public_arms_test)
 endif()
 
 # The installed package: another project finds, links and runs the library.

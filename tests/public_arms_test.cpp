@@ -22,6 +22,7 @@
 #include "kelm_single_col.h"
 #include "log_capture.h"
 #include "sim_controller.h"
+#include "sim_fixture.h"
 #include "state_frame_builder.h"
 #include "test_peer.h"
 
@@ -87,6 +88,7 @@ private:
         options.arms = arms;
         options.rate = 100.0;  // [Hz] frames enough for these tests, and light on a loaded machine
         options.quiet = true;
+        test::chooseBackend(options);
         return options;
     }
 

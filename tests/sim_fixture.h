@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "kelm_kernel.h"
@@ -13,6 +15,15 @@
 
 namespace kelm {
 namespace test {
+
+// The simulator's backend is the run's one parameter: CTest runs each
+// simulator-facing suite twice, the second time with KELM_TEST_BACKEND=physics,
+// which puts the arms as bodies into a scene of their own (one arm alone, or
+// two at a table).
+inline void chooseBackend(sim::SimOptions& options) {
+    const char* backend = std::getenv("KELM_TEST_BACKEND");
+    if (backend && std::string(backend) == "physics") options.scene = options.arms == 1 ? "arm" : "bimanual";
+}
 
 class SimFixture : public ::testing::Test {
 protected:
@@ -32,6 +43,7 @@ protected:
         options.port = 0;
         options.arms = 2;
         options.quiet = true;
+        chooseBackend(options);
         return options;
     }
 

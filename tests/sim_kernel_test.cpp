@@ -45,7 +45,8 @@ TEST_F(SimKernelTest, JointMoveEndsAtItsTargetOnItsOwnArmAndReportsItsKey) {
         // The simulator skips frames to a lagging client, so the joints the
         // kernel holds when the wait ends may be a frame behind.
         EXPECT_TRUE(waitUntil([&] { return reached(kernel.get_joint_pos(), kHome, kFloatTolerance); }));
-        EXPECT_EQ(simulator->model().telemetry(1 - arm).joints, other_arm);
+        // The other arm stays where it was (a body's servo holds it to within microradians).
+        EXPECT_TRUE(reached(simulator->model().telemetry(1 - arm).joints, other_arm, 1e-4));
         EXPECT_TRUE(states->waitFor({1, 0}));
         kernel.release_state_changed_callback();
     }
