@@ -52,6 +52,20 @@ TEST_F(SimKernelTest, JointMoveEndsAtItsTargetOnItsOwnArmAndReportsItsKey) {
     }
 }
 
+// A streamed target does not outlive a later planned motion: the arm holds
+// where the motion ended.
+TEST_F(SimKernelTest, PlannedMotionEndsTheStreamedTarget) {
+    KelmKernelImpl& kernel = connectReady(0);
+    const std::vector<double> streamed{0.3, -0.2, 0.2, 0.1, -1.2, 0.2};
+    ASSERT_EQ(kernel.tracking(streamed, true, 0.05), 1);
+    EXPECT_TRUE(waitUntil([&] { return reached(kernel.get_joint_pos(), streamed, 1e-3); }, std::chrono::seconds(10)));
+    std::string key;
+    ASSERT_EQ(kernel.move_joint(kHome, key, 100.0, 0, 0, true), 1);
+    EXPECT_EQ(kernel.task_blocking_wait(key, kMoveWaitMs), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_TRUE(reached(kernel.get_joint_pos(), kHome, 1e-3));
+}
+
 TEST_F(SimKernelTest, TrackingFollowsJointAndPoseTargets) {
     KelmKernelImpl& kernel = connectReady(0);
     ASSERT_EQ(kernel.set_control_mode(2), 1);
