@@ -289,7 +289,7 @@ class _ArmObject:
 
     def is_ready(self) -> bool:
         """Every arm ready: servo on, POSITION mode, standing still without error, connected."""
-        return all(side.is_ready() for side in self._arm_sides)
+        return all(side.status.ready for side in self._arm_sides)
 
     def set_ready(self) -> None:
         """Brings every arm to servo on, POSITION mode and no error and reads its limits (3 s per arm)."""
