@@ -15,7 +15,7 @@ sys.path = [entry for entry in sys.path if entry not in ("", sys.path[0])]  # no
 import kelm._kelm as module  # noqa: E402
 
 HEADER = '''"""Type stub of kelm._kelm, written by python/make_stub.py from the built module."""
-from typing import Any, Callable, Dict, List, Sequence, Tuple, Union, overload
+from typing import Any, Callable, Dict, List, Optional, Sequence, Tuple, Union, overload
 
 import numpy
 
@@ -35,10 +35,29 @@ REPLACEMENTS = [
     (r"List\[List\[float\]\]", "Points"),
     (r"List\[float\]", "JointVector"),
     (r"\bfunction\b", "Callable[..., Any]"),
-    (r"-> tuple", "-> Tuple[Any, Any]"),
     (r"-> object", "-> Any"),
     (r": \*args", ": Any"),
 ]
+
+
+# What the (result, output) tuples hold, by member name; the first match wins.
+TUPLE_RETURNS = [
+    (r"forward_?[kK]ine", "Tuple[int, numpy.ndarray]"),
+    (r"inverse_kine(_left|_right)?$", "Tuple[int, numpy.ndarray]"),
+    (r"inverse_?[kK]ine", "Tuple[int, Union[numpy.ndarray, List[numpy.ndarray]]]"),
+    (r"check_teach", "Tuple[int, List[str]]"),
+    (r"cmd_publish", "Tuple[bool, str]"),
+    (r"cmd_server", "Tuple[Optional[Dict[str, Any]], str]"),
+    (r"parseIOInfo", "Tuple[int, List[Dict[str, Any]]]"),
+    (r"move_", "Tuple[int, str]"),
+]
+
+
+def tuple_return(name):
+    for pattern, hint in TUPLE_RETURNS:
+        if re.match(pattern, name):
+            return hint
+    raise SystemExit(f"make_stub.py: no tuple type known for {name}; add it to TUPLE_RETURNS")
 
 
 def clean(signature):
@@ -78,6 +97,8 @@ def emit_function(name, obj, indent, lines):
         if len(pairs) > 1:
             lines.append(pad + "@overload\n")
         signature = clean(signature)
+        if signature.endswith("-> tuple"):
+            signature = signature[: -len("tuple")] + tuple_return(name)
         if not signature.startswith(name + "("):
             signature = name + "(*args: Any, **kwargs: Any) -> Any"
         signature = re.sub(r"= <[^>]*>", "= ...", signature)
@@ -131,7 +152,8 @@ def main():
         if callable(value):
             emit_function(name, value, 0, lines)
         elif isinstance(value, dict):
-            lines.append(f"{name}: Dict[Any, Any]\n")
+            key, item = next(iter(value.items()))
+            lines.append(f"{name}: Dict[{type(key).__name__}, {type(item).__name__}]\n")
         elif type(value).__name__ in enums:
             lines.append(f"{name}: {type(value).__name__}\n")
     sys.stdout.write("".join(lines))

@@ -88,6 +88,9 @@ public:
     // ---- left arm ----
 
     ArmStatus get_left_status();
+    // The left arm's last refusal and its last task key (as KelmSingleCol).
+    Refusal get_left_last_refusal();
+    std::string get_left_submitted_task_key();
     ArmConfig get_left_config();
     std::vector<double> get_left_joint_pos();
     std::vector<double> get_left_joint_vel();
@@ -144,6 +147,8 @@ public:
     // ---- right arm ----
 
     ArmStatus get_right_status();
+    Refusal get_right_last_refusal();
+    std::string get_right_submitted_task_key();
     ArmConfig get_right_config();
     std::vector<double> get_right_joint_pos();
     std::vector<double> get_right_joint_vel();

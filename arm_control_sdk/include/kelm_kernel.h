@@ -76,6 +76,25 @@ struct ArmConfig {
 // Pose: x, y, z and a quaternion x, y, z, w.
 using Pose = std::array<double, 7>;
 
+// Why an operation returned a refusal.
+enum class RefusalKind {
+    none = 0,           // no refusal yet
+    invalid_input = 1,  // the operation's own check refused the arguments; nothing was sent
+    timeout = 2,        // no reply within the request's time-out
+    no_connection = 3,  // no connection to the controller
+    controller = 4,     // the controller answered with a refusal, or with no usable result
+};
+
+// The last refusal of a kernel. `serial` counts the kernel's refusals, so a
+// caller that reads it before and after its own call can tell whether that
+// call left this record.
+struct Refusal {
+    std::uint64_t serial = 0;
+    std::string operation;  // the kernel operation, e.g. "set_control_mode"
+    RefusalKind kind = RefusalKind::none;
+    std::string reason;  // the line the refusal logged, the controller's `err_msg`, or what failed
+};
+
 class KelmKernelImpl : public KelmCommManager {
 public:
     // One value of a remote IO station.
@@ -366,6 +385,24 @@ public:
     int set_dynamics_cali_calcu(bool payload);
     // ---- end of motions and controller services ----
 
+    // ---- the last refusal ----
+    // Copy of the record of the last refused operation. Any thread.
+    Refusal get_last_refusal();
+    // Key of the last task handed to the controller (empty before the
+    // first): what a caller waits for with task_blocking_wait after a public
+    // class's motion. Any thread.
+    std::string get_submitted_task_key();
+    // Used by the operations, on the caller's thread, where they refuse:
+    // refuse_input records the level-1 line this thread logged last as the
+    // reason and returns -1; read_reply returns 1 for a reply whose `recv` is
+    // "Task_Recieve" and otherwise records why not (no connection, no reply
+    // in time, the controller's `err_msg`) and returns -1; note_task_key
+    // keeps the key of a task the controller took. None of them logs.
+    int refuse_input(const char* operation);
+    int read_reply(const char* operation, const Json::Value& reply);
+    void note_refusal(const char* operation, RefusalKind kind, std::string reason);
+    void note_task_key(const std::string& task_key);
+
     // ---- cached state ----
     // Written by the receive thread under state_mutex unless said otherwise.
     std::mutex state_mutex;
@@ -430,8 +467,9 @@ protected:
 
 private:
     // Sends a command with cmd_server (1000 ms) and reads its reply: 1 for
-    // `recv` "Task_Recieve", -1 for a null reply or any other answer.
-    int sendCommand(const Json::Value& body);
+    // `recv` "Task_Recieve", -1 for a null reply or any other answer, whose
+    // reason is recorded for `operation`.
+    int sendCommand(const char* operation, const Json::Value& body);
     // Publishes a streaming message without waiting: 1 if it went out.
     int publishStream(const Json::Value& body);
 
@@ -447,6 +485,11 @@ private:
     void closeReadySequence();
     int reportReadiness(bool ready, bool blocking, const log_time::TimerUnit& timer, double delay_time);
 
+    // Guards last_refusal_ and submitted_task_key_; taken on the caller's
+    // thread only, never on the frame path.
+    std::mutex refusal_mutex_;
+    Refusal last_refusal_;
+    std::string submitted_task_key_;
     // Guards writes of status.arm_name and get_status's copy of it; the
     // receive thread writes the name only when it changes.
     std::mutex arm_name_mutex_;

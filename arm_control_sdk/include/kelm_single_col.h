@@ -112,6 +112,14 @@ public:
     // failure (-1) the list is left as it was. Waits up to 3000 ms.
     int check_teach(std::vector<std::string>& teach_list);
 
+    // ---- why the last refusal ----
+
+    // The record of the arm's last refused operation (see Refusal): what
+    // was refused and why, for callers that want more than -1.
+    Refusal get_last_refusal();
+    // Key of the last task the controller took from this arm.
+    std::string get_submitted_task_key();
+
     // ---- cached state, as the last state frame reported it ----
 
     // The arm's status record; `connected` is refreshed by this call. Takes

@@ -63,6 +63,11 @@ spdlog::level::level_enum toSpdlogThreshold(int level) {
     return level == LOG_ERROR ? spdlog::level::err : spdlog::level::off;
 }
 
+std::string& lastErrorLine() {
+    thread_local std::string line;
+    return line;
+}
+
 }  // namespace
 
 struct LogManager::Sink {
@@ -86,6 +91,7 @@ void LogManager::log(const char* file, int line, LogLevel level, const char* for
     while (!text.empty() && text.back() == '\n') text.pop_back();
 
     sink_->logger->log(spdlog::source_loc{file, line, ""}, toSpdlogLevel(level), text);
+    if (level == LOG_ERROR) lastErrorLine() = text;
 
     std::lock_guard<std::mutex> lock(observer_mutex_);
     if (observer_) observer_(level, text);
@@ -107,6 +113,8 @@ void LogManager::setLineObserver(LineObserver observer) {
     std::lock_guard<std::mutex> lock(observer_mutex_);
     observer_ = std::move(observer);
 }
+
+std::string LogManager::lastErrorLineOfThisThread() { return lastErrorLine(); }
 
 LogManager* getLogInstance() {
     // Deliberately never destroyed: threads that outlive main() may still log.

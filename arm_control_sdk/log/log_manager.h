@@ -58,6 +58,11 @@ public:
     // Installs (or, with an empty function, removes) the line observer.
     void setLineObserver(LineObserver observer);
 
+    // The last level-1 line that the calling thread logged, without prefix;
+    // empty before its first. An operation that refuses its input logs the
+    // reason first, so this is that reason right after the refusal.
+    static std::string lastErrorLineOfThisThread();
+
 private:
     struct Sink;
     std::unique_ptr<Sink> sink_;

@@ -121,6 +121,8 @@ int KelmDualBot::release_completion_cbk(const std::string& name) {
 // ---- left arm ----
 
 ArmStatus KelmDualBot::get_left_status() { return left_->get_status(); }
+Refusal KelmDualBot::get_left_last_refusal() { return left_->get_last_refusal(); }
+std::string KelmDualBot::get_left_submitted_task_key() { return left_->get_submitted_task_key(); }
 ArmConfig KelmDualBot::get_left_config() { return left_->get_config(); }
 std::vector<double> KelmDualBot::get_left_joint_pos() { return left_->get_joint_pos(); }
 std::vector<double> KelmDualBot::get_left_joint_vel() { return left_->get_joint_vel(); }
@@ -202,6 +204,8 @@ int KelmDualBot::release_left_external_force_cbk() { return left_->release_get_e
 // ---- right arm ----
 
 ArmStatus KelmDualBot::get_right_status() { return right_->get_status(); }
+Refusal KelmDualBot::get_right_last_refusal() { return right_->get_last_refusal(); }
+std::string KelmDualBot::get_right_submitted_task_key() { return right_->get_submitted_task_key(); }
 ArmConfig KelmDualBot::get_right_config() { return right_->get_config(); }
 std::vector<double> KelmDualBot::get_right_joint_pos() { return right_->get_joint_pos(); }
 std::vector<double> KelmDualBot::get_right_joint_vel() { return right_->get_joint_vel(); }

@@ -61,16 +61,64 @@ void KelmKernelImpl::initData() {
 
 // ---- requests ----
 
-int KelmKernelImpl::sendCommand(const Json::Value& body) {
+int KelmKernelImpl::sendCommand(const char* operation, const Json::Value& body) {
     std::string task_key;
-    const Json::Value reply = cmd_server(body, task_key, protocol::kReplyTimeoutMs);
-    // A null reply (failed send, time-out) is no object either.
-    return reply.isObject() && reply["recv"] == protocol::kTaskReceived ? 1 : -1;
+    return read_reply(operation, cmd_server(body, task_key, protocol::kReplyTimeoutMs));
 }
 
 int KelmKernelImpl::publishStream(const Json::Value& body) {
     std::string task_key;
     return cmd_publish(body, task_key) ? 1 : -1;
+}
+
+// ---- the last refusal ----
+
+Refusal KelmKernelImpl::get_last_refusal() {
+    std::lock_guard<std::mutex> lock(refusal_mutex_);
+    return last_refusal_;
+}
+
+std::string KelmKernelImpl::get_submitted_task_key() {
+    std::lock_guard<std::mutex> lock(refusal_mutex_);
+    return submitted_task_key_;
+}
+
+int KelmKernelImpl::refuse_input(const char* operation) {
+    note_refusal(operation, RefusalKind::invalid_input, LogManager::lastErrorLineOfThisThread());
+    return -1;
+}
+
+int KelmKernelImpl::read_reply(const char* operation, const Json::Value& reply) {
+    // A null reply (failed send, time-out) is no object either.
+    if (!reply.isObject()) {
+        if (is_connected()) {
+            note_refusal(operation, RefusalKind::timeout, "no reply from the controller in time");
+        } else {
+            note_refusal(operation, RefusalKind::no_connection, "no connection to the controller");
+        }
+        return -1;
+    }
+    const Json::Value& recv = reply["recv"];
+    if (recv.isString() && recv.asString() == protocol::kTaskReceived) return 1;
+    const Json::Value& err_msg = reply["err_msg"];
+    std::string reason = err_msg.isString() ? err_msg.asString() : std::string();
+    if (reason.empty()) reason = "the controller answered recv " + recv.toStyledString();
+    while (!reason.empty() && reason.back() == '\n') reason.pop_back();
+    note_refusal(operation, RefusalKind::controller, std::move(reason));
+    return -1;
+}
+
+void KelmKernelImpl::note_refusal(const char* operation, RefusalKind kind, std::string reason) {
+    std::lock_guard<std::mutex> lock(refusal_mutex_);
+    ++last_refusal_.serial;
+    last_refusal_.operation = operation;
+    last_refusal_.kind = kind;
+    last_refusal_.reason = std::move(reason);
+}
+
+void KelmKernelImpl::note_task_key(const std::string& task_key) {
+    std::lock_guard<std::mutex> lock(refusal_mutex_);
+    submitted_task_key_ = task_key;
 }
 
 // ---- registries ----

@@ -40,7 +40,7 @@ int KelmKernelImpl::set_servo_enable(bool enable) {
     Json::Value body = commandBody("setServoEnable");
     body["arm_index"] = status_field::load(status.arm_index);
     body["enable"] = enable;
-    return sendCommand(body);
+    return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::set_control_mode(int mode) {
@@ -48,18 +48,18 @@ int KelmKernelImpl::set_control_mode(int mode) {
     // the message does not list it.
     if (static_cast<unsigned>(mode) > kHighestControlMode) {
         KELM_LOG(LOG_ERROR, "请输入： 1 PV模式，2 MIT模式，3拖动模式，4力位混合模式");
-        return -1;
+        return refuse_input(__func__);
     }
     Json::Value body = commandBody("setControlMode");
     body["arm_index"] = status_field::load(status.arm_index);
     body["mode"] = mode;
-    return sendCommand(body);
+    return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::set_end_effector(double pos, double tau) {
     if (std::isnan(pos) || std::isnan(tau)) {
         logIllegalSetting();
-        return -1;
+        return refuse_input(__func__);
     }
     Json::Value body = commandBody(protocol::kEndEffectorCommand);
     body["arm_index"] = status_field::load(status.arm_index);
@@ -73,28 +73,28 @@ int KelmKernelImpl::set_collision_config(bool flag, int level) {
     body["arm_index"] = status_field::load(status.arm_index);
     body["flag"] = flag;
     body["level"] = level;
-    return sendCommand(body);
+    return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::set_teleoperation_mode(int is_master) {
     Json::Value body = commandBody("setTeleoperationMode");
     body["arm_index"] = status_field::load(status.arm_index);
     body["is_master"] = is_master;
-    return sendCommand(body);
+    return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::disable_stop() {
     // Addressed to the whole controller: no arm_index.
     Json::Value body = commandBody("stopSignals");
     body["stop_id"] = "SIG_ARM_DISABLE";
-    return sendCommand(body);
+    return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::emergency_stop() {
     // Addressed to the whole controller: no arm_index.
     Json::Value body = commandBody("stopSignals");
     body["stop_id"] = "SIG_EMERGENCY_STOP";
-    return sendCommand(body);
+    return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::task_stop(bool stop_at_once) {
@@ -102,7 +102,7 @@ int KelmKernelImpl::task_stop(bool stop_at_once) {
     body["arm_index"] = status_field::load(status.arm_index);
     body["stop_id"] = "SIG_TASK_STOP";
     body["stop_at_once"] = stop_at_once;
-    return sendCommand(body);
+    return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::stop() {
@@ -110,7 +110,7 @@ int KelmKernelImpl::stop() {
     body["arm_index"] = status_field::load(status.arm_index);
     body["stop_id"] = "SIG_ARM_STOP";
     body["step_cnt"] = kStopStepCount;
-    return sendCommand(body);
+    return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::pause() {
@@ -118,7 +118,7 @@ int KelmKernelImpl::pause() {
     body["arm_index"] = status_field::load(status.arm_index);
     body["stop_id"] = "SIG_ARM_PAUSE";
     body["step_cnt"] = kStopStepCount;
-    return sendCommand(body);
+    return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::recover() {
@@ -126,34 +126,34 @@ int KelmKernelImpl::recover() {
     body["arm_index"] = status_field::load(status.arm_index);
     body["stop_id"] = "SIG_ARM_RECOVER";
     body["step_cnt"] = kStopStepCount;
-    return sendCommand(body);
+    return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::clean_kelm_error() {
     getLogInstance()->reset();
     Json::Value body = commandBody("setControllerErrorReset");
     body["arm_index"] = status_field::load(status.arm_index);
-    return sendCommand(body);
+    return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::set_speed_level(double level, int response_level) {
     if (std::isnan(level)) {
         logIllegalSetting();
-        return -1;
+        return refuse_input(__func__);
     }
     const int clamped_response = std::min(response_level, protocol::kResponseLevelMax);
     Json::Value body = commandBody("setSpeedLevel");
     body["arm_index"] = status_field::load(status.arm_index);
     body["level"] = clampFromZero(level, protocol::kSpeedLevelMax);
     body["response_level"] = clamped_response <= 0 ? protocol::kResponseLevelMin : clamped_response;
-    return sendCommand(body);
+    return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::set_debug(bool trigger) {
     // Addressed to the whole controller: no arm_index.
     Json::Value body = commandBody("setDebugMode");
     body["trigger"] = trigger;
-    return sendCommand(body);
+    return sendCommand(__func__, body);
 }
 
 ArmConfig KelmKernelImpl::get_config() {

@@ -39,10 +39,11 @@ Json::Value firstSixReals(const std::vector<double>& values) {
     return reals;
 }
 
-int writeCoordinate(KelmKernelImpl& kernel, const char* command, int index, const std::vector<double>& coord) {
+int writeCoordinate(KelmKernelImpl& kernel, const char* operation, const char* command, int index,
+                    const std::vector<double>& coord) {
     Json::Value request = coordinateRequest(command, "operation", "update", index);
     request["data"]["coord"] = firstSixReals(coord);
-    return submitTask(kernel, request);
+    return submitTask(kernel, operation, request);
 }
 
 // Calibration replies are judged by `result`: "ok" 1, another result -1, no
@@ -96,23 +97,27 @@ std::vector<double> KelmKernelImpl::get_user_coordinate(int index) {
 }
 
 int KelmKernelImpl::set_tool_index(int index) {
-    if (index < 0) return -1;
+    if (index < 0) {
+        // Refused without a log line; the record still says why.
+        note_refusal(__func__, RefusalKind::invalid_input, "tool index " + std::to_string(index) + " is negative");
+        return -1;
+    }
     Json::Value body = coordinateRequest("setToolData", "operation", "change", index);
-    return submitTask(*this, body);
+    return submitTask(*this, __func__, body);
 }
 
 // A negative user index is passed on: the controller decides about it.
 int KelmKernelImpl::set_user_index(int index) {
     Json::Value body = coordinateRequest("setUserData", "operation", "change", index);
-    return submitTask(*this, body);
+    return submitTask(*this, __func__, body);
 }
 
 int KelmKernelImpl::set_tool_coordinate(int index, std::vector<double> coord) {
-    return writeCoordinate(*this, "setToolData", index, coord);
+    return writeCoordinate(*this, __func__, "setToolData", index, coord);
 }
 
 int KelmKernelImpl::set_user_coordinate(int index, std::vector<double> coord) {
-    return writeCoordinate(*this, "setUserData", index, coord);
+    return writeCoordinate(*this, __func__, "setUserData", index, coord);
 }
 
 // The controller calibrates a user system from points it has taught itself;

@@ -38,6 +38,13 @@ Json::Value kinematicsRequest(const char* direction, int tool, int user, std::si
     return request;
 }
 
+// Records a reply the controller took but whose content is unusable; the
+// reason is the level-1 line just logged. Returns -1.
+int refuseReplyContent(KelmKernelImpl& kernel, const char* operation) {
+    kernel.note_refusal(operation, RefusalKind::controller, LogManager::lastErrorLineOfThisThread());
+    return -1;
+}
+
 // The `data` object of a reply, or null when the reply has none.
 const Json::Value& replyData(const Json::Value& reply) {
     const Json::Value& data = reply["data"];
@@ -45,17 +52,18 @@ const Json::Value& replyData(const Json::Value& reply) {
 }
 
 // The number of points an accepted reply holds, or -1 when the reply was not
-// accepted or its count is unusable. A null reply is logged by cmd_server.
-int acceptedPointCount(const Json::Value& reply, const char* operation) {
-    if (!reply.isObject()) return -1;
+// accepted or its count is unusable, recorded as the kernel's refusal. A null
+// reply is logged by cmd_server.
+int acceptedPointCount(KelmKernelImpl& kernel, const Json::Value& reply, const char* operation) {
+    if (!reply.isObject()) return kernel.read_reply(operation, reply);
     if (!isTaskReceived(reply)) {
         KELM_LOG(LOG_INFO, "%s error", operation);
-        return -1;
+        return kernel.read_reply(operation, reply);
     }
     const Json::Value& count = replyData(reply)["point_cnt"];
     if (!count.isConvertibleTo(Json::intValue) || count.asInt() < 0) {
         KELM_LOG(LOG_ERROR, "%s error, unusable point_cnt in the reply", operation);
-        return -1;
+        return refuseReplyContent(kernel, operation);
     }
     return count.asInt();
 }
@@ -74,23 +82,23 @@ int KelmKernelImpl::forwardKine(int tool, int user, const std::vector<std::vecto
     Json::Value request = kinematicsRequest("forward", tool, user, jnt_values.size());
     if (jnt_values.empty()) {
         KELM_LOG(LOG_ERROR, "error: jnt_values empty");
-        return -1;
+        return refuse_input(__func__);
     }
     const int dof = status_field::load(status.dof);
     Json::Value& data = request["data"];
     for (std::size_t i = 0; i < jnt_values.size(); ++i) {
         const std::vector<double>& joints = jnt_values[i];
-        if (!acceptLegalValues(joints)) return -1;
+        if (!acceptLegalValues(joints)) return refuse_input(__func__);
         if (static_cast<long long>(joints.size()) != dof) {
             KELM_LOG(LOG_ERROR, "error: jnt_values[%d] size is unreasonable, %d / %d", static_cast<int>(i),
                      static_cast<int>(joints.size()), dof);
-            return -1;
+            return refuse_input(__func__);
         }
         writeReals(joints, data[pointKey("joint", i + 1)]);
     }
     const Json::Value reply = askController(*this, request, protocol::kLongReplyTimeoutMs);
 
-    const int count = acceptedPointCount(reply, "forwardKine");
+    const int count = acceptedPointCount(*this, reply, __func__);
     if (count < 0) return -1;
     out_poses.assign(static_cast<std::size_t>(count), Pose{});
     const Json::Value& reply_data = replyData(reply);
@@ -98,7 +106,7 @@ int KelmKernelImpl::forwardKine(int tool, int user, const std::vector<std::vecto
         const Json::Value& pose = reply_data[pointKey("point", k)];
         if (!pose.isArray() || pose.size() != kPoseSize) {
             KELM_LOG(LOG_ERROR, "forwardKine error, 返回位姿维度不为7");
-            return -1;
+            return refuseReplyContent(*this, __func__);
         }
         for (Json::ArrayIndex j = 0; j < kPoseSize; ++j) out_poses[k - 1][j] = pose[j].asDouble();
     }
@@ -111,7 +119,7 @@ int KelmKernelImpl::forwardKine(int tool, int user, const std::vector<double>& j
     if (result != 1) return result;
     if (poses.empty()) {
         KELM_LOG(LOG_ERROR, "forwardKine error, the reply holds no pose");
-        return -1;
+        return refuseReplyContent(*this, __func__);
     }
     out_pose = poses[0];
     return 1;
@@ -124,15 +132,17 @@ int KelmKernelImpl::inverseKine(int tool, int user, const std::vector<Pose>& qua
     Json::Value request = kinematicsRequest("inverse", tool, user, quat_poses.size());
     if (ref_joints.size() != quat_poses.size()) {
         KELM_LOG(LOG_ERROR, "error: quat_poses size != ref_joints size");
-        return -1;
+        return refuse_input(__func__);
     }
     if (quat_poses.empty()) {
         KELM_LOG(LOG_ERROR, "error: quat_poses empty");
-        return -1;
+        return refuse_input(__func__);
     }
     // The whole batch is searched for illegal values before anything else.
     for (std::size_t i = 0; i < quat_poses.size(); ++i) {
-        if (!acceptLegalValues(quat_poses[i]) || !acceptLegalValues(ref_joints[i])) return -1;
+        if (!acceptLegalValues(quat_poses[i]) || !acceptLegalValues(ref_joints[i])) {
+            return refuse_input(__func__);
+        }
     }
     const int dof = status_field::load(status.dof);
     Json::Value& data = request["data"];
@@ -141,23 +151,23 @@ int KelmKernelImpl::inverseKine(int tool, int user, const std::vector<Pose>& qua
         if (static_cast<long long>(reference.size()) != dof) {
             KELM_LOG(LOG_ERROR, "error: ref_joints[%d] size is unreasonable, %d / %d", static_cast<int>(i),
                      static_cast<int>(reference.size()), dof);
-            return -1;
+            return refuse_input(__func__);
         }
         const double norm_squared = quaternionNormSquared(quat_poses[i]);
         if (!isUnitQuaternion(norm_squared)) {
             logIllegalQuaternion(i, norm_squared, quat_poses[i]);
-            return -1;
+            return refuse_input(__func__);
         }
         writeReals(quat_poses[i], data[pointKey("point", i + 1)]);
         writeReals(reference, data[pointKey("refer", i + 1)]);
     }
     const Json::Value reply = askController(*this, request, protocol::kLongReplyTimeoutMs);
 
-    const int count = acceptedPointCount(reply, "inverseKine");
+    const int count = acceptedPointCount(*this, reply, __func__);
     if (count < 0) return -1;
     out_joints.assign(static_cast<std::size_t>(count), std::vector<double>());
     const Json::Value& reply_data = replyData(reply);
-    bool all_solved = true;
+    int unsolved = 0;  // the first pose without a solution, counted from 1
     for (int k = 1; k <= count; ++k) {
         const Json::Value& joints = reply_data[pointKey("joint", k)];
         std::vector<double>& solution = out_joints[k - 1];
@@ -165,9 +175,12 @@ int KelmKernelImpl::inverseKine(int tool, int user, const std::vector<Pose>& qua
             for (const Json::Value& value : joints) solution.push_back(value.asDouble());
         }
         // A pose the controller found no solution for comes back empty.
-        if (solution.empty()) all_solved = false;
+        if (solution.empty() && unsolved == 0) unsolved = k;
     }
-    return all_solved ? 1 : -1;
+    if (unsolved == 0) return 1;
+    note_refusal(__func__, RefusalKind::controller,
+                 "the controller found no joint solution for pose " + std::to_string(unsolved));
+    return -1;
 }
 
 int KelmKernelImpl::inverseKine(int tool, int user, const Pose& quat_pose, const std::vector<double>& ref_joint,
@@ -178,7 +191,7 @@ int KelmKernelImpl::inverseKine(int tool, int user, const Pose& quat_pose, const
     if (result != 1) return result;
     if (solutions.empty()) {
         KELM_LOG(LOG_ERROR, "inverseKine error, the reply holds no joint position");
-        return -1;
+        return refuseReplyContent(*this, __func__);
     }
     out_joint = solutions[0];
     return 1;

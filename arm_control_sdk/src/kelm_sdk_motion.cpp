@@ -79,10 +79,12 @@ int sendSingleTargetMove(KelmKernelImpl& kernel, const SingleTargetMove& move, c
     if (move.sends_acc) data["acc"] = speed;
     data["user"] = user;
     data["tool"] = tool;
-    if (!acceptLegalValues(target)) return -1;
-    if (!acceptTarget(move.operation, target, is_joint, jointBoundsOf(kernel), data[move.target_key])) return -1;
+    if (!acceptLegalValues(target) ||
+        !acceptTarget(move.operation, target, is_joint, jointBoundsOf(kernel), data[move.target_key])) {
+        return kernel.refuse_input(move.operation);
+    }
     request["point_type"]["space"] = is_joint ? 0 : 1;
-    return submitTask(kernel, request, task_key);
+    return submitTask(kernel, move.operation, request, task_key);
 }
 
 int sendArcMove(KelmKernelImpl& kernel, const ArcMove& arc, const std::array<std::vector<double>, 3>& points,
@@ -101,17 +103,19 @@ int sendArcMove(KelmKernelImpl& kernel, const ArcMove& arc, const std::array<std
     Json::Value& sent_points = data["points"];
     sent_points = Json::Value(Json::arrayValue);
     for (Json::ArrayIndex k = 0; k < points.size(); ++k) {
-        if (!acceptLegalValues(points[k])) return -1;
-        if (!acceptTarget(arc.operation, points[k], is_joint, bounds, sent_points[k])) return -1;
+        if (!acceptLegalValues(points[k]) ||
+            !acceptTarget(arc.operation, points[k], is_joint, bounds, sent_points[k])) {
+            return kernel.refuse_input(arc.operation);
+        }
     }
-    return submitTask(kernel, request, task_key);
+    return submitTask(kernel, arc.operation, request, task_key);
 }
 
 }  // namespace
 
 int KelmKernelImpl::move_joint_jog(int index, int dir, double speed) {
     Json::Value request = jogRequest("TASK_MOVJ_JOG", index, dir, speed);
-    return submitTask(*this, request);
+    return submitTask(*this, __func__, request);
 }
 
 int KelmKernelImpl::move_line_jog(int index, int dir, double speed, int tool, int user) {
@@ -120,7 +124,7 @@ int KelmKernelImpl::move_line_jog(int index, int dir, double speed, int tool, in
     data["acc"] = speed;
     data["user"] = user;
     data["tool"] = tool;
-    return submitTask(*this, request);
+    return submitTask(*this, __func__, request);
 }
 
 int KelmKernelImpl::move_joint(const std::vector<double>& target, std::string& task_key, double speed, int tool,
@@ -146,7 +150,7 @@ int KelmKernelImpl::move_directly(const std::vector<std::vector<double>>& target
         gripper_part["gripper_linkage"] = 0;
     } else if (gripper.size() != targets.size()) {
         KELM_LOG(LOG_ERROR, "点位与夹爪维度不一致,请检查数据.");
-        return -1;
+        return refuse_input(__func__);
     } else if (end_effector.connected) {
         gripper_part["gripper_linkage"] = 1;
         gripper_part["eeffe_point"] = directGripperPoints(gripper);
@@ -154,7 +158,7 @@ int KelmKernelImpl::move_directly(const std::vector<std::vector<double>>& target
         gripper_part["gripper_linkage"] = 0;
         KELM_LOG(LOG_ERROR, "夹抓未连接，无法联动控制夹抓");
     }
-    return submitTask(*this, request, task_key);
+    return submitTask(*this, __func__, request, task_key);
 }
 
 int KelmKernelImpl::move_3p_arc(const std::array<std::vector<double>, 3>& points, std::string& task_key, double speed,
@@ -169,8 +173,10 @@ int KelmKernelImpl::move_center_arc(const std::array<std::vector<double>, 3>& po
 
 int KelmKernelImpl::move_jump(std::array<double, 7> target, std::array<double, 3> up, std::array<double, 3> down,
                               std::string& task_key, double speed, int tool, int user) {
-    if (!acceptLegalValues(target) || !acceptLegalValues(up) || !acceptLegalValues(down)) return -1;
-    if (!acceptUnitQuaternion(quaternionNormSquared(target))) return -1;
+    if (!acceptLegalValues(target) || !acceptLegalValues(up) || !acceptLegalValues(down) ||
+        !acceptUnitQuaternion(quaternionNormSquared(target))) {
+        return refuse_input(__func__);
+    }
 
     const std::vector<double> start_joints = plan_joint_pos.empty() ? joint_pos : plan_joint_pos;
     Pose start{};
@@ -194,7 +200,7 @@ int KelmKernelImpl::move_jump(std::array<double, 7> target, std::array<double, 3
 int KelmKernelImpl::move_delay(double time, int /*override_level*/) {
     Json::Value request = motionRequest("TASK_TIMER", kWithoutLevel);
     request["data"]["time"] = time;
-    return submitTask(*this, request);
+    return submitTask(*this, __func__, request);
 }
 
 }  // namespace kelm

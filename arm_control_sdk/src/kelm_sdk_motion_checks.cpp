@@ -84,13 +84,15 @@ Json::Value askController(KelmKernelImpl& kernel, Json::Value& request, int time
     return kernel.cmd_server(request, dropped_key, timeout_ms);
 }
 
-int submitTask(KelmKernelImpl& kernel, Json::Value& request, std::string& task_key) {
+int submitTask(KelmKernelImpl& kernel, const char* operation, Json::Value& request, std::string& task_key) {
     request["arm_index"] = status_field::load(kernel.status.arm_index);
-    return isTaskReceived(kernel.cmd_server(request, task_key, protocol::kReplyTimeoutMs)) ? 1 : -1;
+    const int result = kernel.read_reply(operation, kernel.cmd_server(request, task_key, protocol::kReplyTimeoutMs));
+    if (result == 1) kernel.note_task_key(task_key);
+    return result;
 }
 
-int submitTask(KelmKernelImpl& kernel, Json::Value& request) {
-    return isTaskReceived(askController(kernel, request)) ? 1 : -1;
+int submitTask(KelmKernelImpl& kernel, const char* operation, Json::Value& request) {
+    return kernel.read_reply(operation, askController(kernel, request));
 }
 
 }  // namespace motion_checks

@@ -49,17 +49,17 @@ int KelmKernelImpl::set_traj_recorder(int to_record) {
     Json::Value request;
     request["command"] = "setTrajRecorder";
     request["toRecord"] = to_record;
-    return submitTask(*this, request);
+    return submitTask(*this, __func__, request);
 }
 
 int KelmKernelImpl::trajectory_teach(bool flag, std::string name) {
     Json::Value request = teachRequest(flag ? kTeachStart : kTeachStop, name);
-    return submitTask(*this, request);
+    return submitTask(*this, __func__, request);
 }
 
 int KelmKernelImpl::trajectory_recorder(std::string name) {
     Json::Value request = teachRequest(kTeachRecord, name);
-    return submitTask(*this, request);
+    return submitTask(*this, __func__, request);
 }
 
 int KelmKernelImpl::check_teach(std::vector<std::string>& teach_list) {

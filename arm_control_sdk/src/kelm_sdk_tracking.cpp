@@ -83,24 +83,24 @@ void appendNormalisedPose(const std::vector<double>& pose, JsonText& out) {
 }  // namespace
 
 int KelmKernelImpl::tracking(const std::vector<double>& target, bool is_joint, const double& gripper) {
-    if (!motion_checks::acceptLegalValues(target)) return -1;
+    if (!motion_checks::acceptLegalValues(target)) return refuse_input(__func__);
     if (is_joint) {
         const int dof = status_field::load(status.dof);
         if (static_cast<long long>(target.size()) != dof) {
             KELM_LOG(LOG_ERROR, "move_tracking: 输入目标维度与臂维度不一致，输入维度: %d, 臂维度: %d",
                      static_cast<int>(target.size()), dof);
-            return -1;
+            return refuse_input(__func__);
         }
         // Until the ready sequence has read the limits there is nothing to
         // clamp against.
         if (!motion_checks::acceptKnownLimits("move_tracking", {dof, config.limit_lower, config.limit_upper})) {
-            return -1;
+            return refuse_input(__func__);
         }
     } else if (target.size() != motion_checks::kPoseSize) {
         KELM_LOG(LOG_ERROR,
                  "move_tracking: 输入目标位姿维度不正确, 姿态默认四元数描述(xyzw), 输入维度: %d, 合理维度: 7",
                  static_cast<int>(target.size()));
-        return -1;
+        return refuse_input(__func__);
     }
 
     JsonText& body = streamBody();
@@ -132,13 +132,13 @@ int KelmKernelImpl::set_redundancy_tau(const std::vector<double>& redundancy_tau
     if (static_cast<long long>(redundancy_tau.size()) != dof) {
         KELM_LOG(LOG_ERROR, "输入冗余关节力矩维度与臂维度不一致，输入维度: %d, 臂维度: %d",
                  static_cast<int>(redundancy_tau.size()), dof);
-        return -1;
+        return refuse_input(__func__);
     }
-    if (!motion_checks::acceptLegalValues(redundancy_tau)) return -1;
+    if (!motion_checks::acceptLegalValues(redundancy_tau)) return refuse_input(__func__);
     // Only NaN is refused for the end-effector torque; an infinity goes out.
     if (std::isnan(eeff_tau)) {
         motion_checks::logIllegalValue();
-        return -1;
+        return refuse_input(__func__);
     }
     JsonText& body = streamBody();
     body.beginRoot();

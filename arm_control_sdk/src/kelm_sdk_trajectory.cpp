@@ -72,10 +72,7 @@ bool liesFarFrom(const std::vector<double>& point, const Current& current, std::
     return false;
 }
 
-int refuseFarStart() {
-    KELM_LOG(LOG_ERROR, "检测到时间戳为0且离当前点较远,请重新设置起始位置.");
-    return -1;
-}
+void refuseFarStart() { KELM_LOG(LOG_ERROR, "检测到时间戳为0且离当前点较远,请重新设置起始位置."); }
 
 bool acceptPvtJointPoint(std::size_t number, const std::vector<double>& point, const JointBounds& bounds,
                          Json::Value& out) {
@@ -116,19 +113,19 @@ int KelmKernelImpl::move_toppra(const std::vector<std::vector<double>>& targets,
     Json::Value& data = request["data"];
     data["point_num"] = static_cast<int>(targets.size());
     for (const std::vector<double>& point : targets) {
-        if (!acceptLegalValues(point)) return -1;
+        if (!acceptLegalValues(point)) return refuse_input(__func__);
     }
     const JointBounds bounds = jointBoundsOf(*this);
     for (std::size_t i = 0; i < targets.size(); ++i) {
         Json::Value& way_point = data["way_point" + std::to_string(i + 1)];
-        if (!acceptTarget("move_toppra", targets[i], is_joint, bounds, way_point)) return -1;
+        if (!acceptTarget("move_toppra", targets[i], is_joint, bounds, way_point)) return refuse_input(__func__);
     }
     data["speed"] = speed;
     data["acc"] = speed;
     data["user"] = user;
     data["tool"] = tool;
     request["point_type"]["space"] = is_joint ? 0 : 1;
-    return submitTask(*this, request, task_key);
+    return submitTask(*this, __func__, request, task_key);
 }
 
 int KelmKernelImpl::move_pvt(const std::vector<std::vector<double>>& targets, const std::vector<double>& gripper,
@@ -136,13 +133,13 @@ int KelmKernelImpl::move_pvt(const std::vector<std::vector<double>>& targets, co
     const std::size_t points = targets.size();
     Json::Value request = motionRequest("TASK_PVT", kWithLevel);
     request["point_type"]["space"] = is_joint ? 0 : 1;
-    if (!acceptPvtListLengths(points, gripper, times)) return -1;
+    if (!acceptPvtListLengths(points, gripper, times)) return refuse_input(__func__);
 
     Json::Value& gripper_part = request["gripper"];
     if (gripper.empty()) {
         gripper_part["gripper_linkage"] = 0;
     } else {
-        if (!acceptLegalValues(gripper)) return -1;
+        if (!acceptLegalValues(gripper)) return refuse_input(__func__);
         if (end_effector.connected) {
             gripper_part["gripper_linkage"] = 1;
             Json::Value& eeffe_point = gripper_part["eeffe_point"];
@@ -154,15 +151,15 @@ int KelmKernelImpl::move_pvt(const std::vector<std::vector<double>>& targets, co
         }
     }
 
-    if (!acceptLegalValues(times)) return -1;
+    if (!acceptLegalValues(times)) return refuse_input(__func__);
     Json::Value& data = request["data"];
-    if (!acceptTimeStamps(points, times, data["time"])) return -1;
+    if (!acceptTimeStamps(points, times, data["time"])) return refuse_input(__func__);
     for (const std::vector<double>& point : targets) {
-        if (!acceptLegalValues(point)) return -1;
+        if (!acceptLegalValues(point)) return refuse_input(__func__);
     }
     if (points == 0) {
         KELM_LOG(LOG_ERROR, "move_pvt: the trajectory holds no point, nothing sent");
-        return -1;
+        return refuse_input(__func__);
     }
 
     // A trajectory stamped to start at once must start where the arm stands.
@@ -176,20 +173,23 @@ int KelmKernelImpl::move_pvt(const std::vector<std::vector<double>>& targets, co
     if (is_joint) {
         const std::size_t joints = bounds.dof > 0 ? static_cast<std::size_t>(bounds.dof) : 0;
         if (starts_at_once && liesFarFrom(targets[0], joint_pos, joints, kJointStartTolerance)) {
-            return refuseFarStart();
+            refuseFarStart();
+            return refuse_input(__func__);
         }
         for (std::size_t i = 0; i < points; ++i) {
-            if (!acceptPvtJointPoint(i + 1, targets[i], bounds, pos.append(Json::Value()))) return -1;
+            if (!acceptPvtJointPoint(i + 1, targets[i], bounds, pos.append(Json::Value())))
+                return refuse_input(__func__);
         }
     } else {
         if (starts_at_once && liesFarFrom(targets[0], cart_pose, kPoseSize, kPoseStartTolerance)) {
-            return refuseFarStart();
+            refuseFarStart();
+            return refuse_input(__func__);
         }
         for (std::size_t i = 0; i < points; ++i) {
-            if (!acceptPvtPosePoint(i + 1, targets[i], pos.append(Json::Value()))) return -1;
+            if (!acceptPvtPosePoint(i + 1, targets[i], pos.append(Json::Value()))) return refuse_input(__func__);
         }
     }
-    return submitTask(*this, request, task_key);
+    return submitTask(*this, __func__, request, task_key);
 }
 
 }  // namespace kelm

@@ -45,6 +45,9 @@ int KelmSingleCol::trajectory_teach(bool flag, std::string name) {
 int KelmSingleCol::trajectory_recorder(std::string name) { return kernel_->trajectory_recorder(std::move(name)); }
 int KelmSingleCol::check_teach(std::vector<std::string>& teach_list) { return kernel_->check_teach(teach_list); }
 
+Refusal KelmSingleCol::get_last_refusal() { return kernel_->get_last_refusal(); }
+std::string KelmSingleCol::get_submitted_task_key() { return kernel_->get_submitted_task_key(); }
+
 ArmStatus KelmSingleCol::get_status() { return kernel_->get_status(); }
 std::vector<double> KelmSingleCol::get_joint_pos() { return kernel_->get_joint_pos(); }
 std::vector<double> KelmSingleCol::get_joint_vel() { return kernel_->get_joint_vel(); }

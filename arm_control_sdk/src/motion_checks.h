@@ -119,10 +119,12 @@ Json::Value motionRequest(const char* task_id, bool with_level);
 Json::Value askController(KelmKernelImpl& kernel, Json::Value& request, int timeout_ms = protocol::kReplyTimeoutMs);
 
 // Adds the kernel's `arm_index`, sends `request` with cmd_server and reads the
-// reply: 1 for "Task_Recieve", -1 otherwise. `task_key` receives the key.
-int submitTask(KelmKernelImpl& kernel, Json::Value& request, std::string& task_key);
+// reply: 1 for "Task_Recieve" (the kernel keeps the key as its submitted
+// task), -1 otherwise, recorded as a refusal of `operation`. `task_key`
+// receives the key.
+int submitTask(KelmKernelImpl& kernel, const char* operation, Json::Value& request, std::string& task_key);
 // The same for a request whose key nobody waits for.
-int submitTask(KelmKernelImpl& kernel, Json::Value& request);
+int submitTask(KelmKernelImpl& kernel, const char* operation, Json::Value& request);
 
 }  // namespace motion_checks
 }  // namespace kelm

@@ -1,11 +1,13 @@
 #!/usr/bin/python3
-"""Drives one arm: connect, bring it up, move it and wait, ask the kinematics.
+"""Drives one arm: connect, bring it up, move it and wait, ask the kinematics, stream at a fixed rate.
 
     python3 01_single_arm.py [ip] [port]        (defaults: 127.0.0.1 8090)
 
-Run it against the simulator: `kelm_sim &` and then this script. Exits with
-0 when every step worked, 1 otherwise.
+Run it against the simulator: `kelm_sim &` and then this script. Every
+failure raises with its reason (kelm.ConnectionError, kelm.CommandRefused and
+its subclasses), so the script has no result codes to check.
 """
+import logging
 import sys
 
 import numpy as np
@@ -14,38 +16,33 @@ import kelm
 
 
 def main(ip="127.0.0.1", port=8090):
-    kelm.set_log_level(kelm.LOG_ERROR)  # the library's progress lines stay quiet
-    # Connects while it is constructed; disconnects at the end of the block.
-    with kelm.KelmSingleCol(ip, port) as arm:
-        if not arm.is_connected():
-            sys.exit("no controller at that address")
-        # Runs on the receive thread: keep it short, never wait for a reply in it.
-        frames = [0]
-        arm.register_joint_cbk(lambda stamp, pos, vel, tau: frames.__setitem__(0, frames[0] + 1))
-
+    logging.basicConfig(level=logging.WARNING)  # the library's progress lines (INFO) stay quiet
+    with kelm.Arm(ip, port) as arm:  # raises kelm.ConnectionError if nobody answers
         print("controller version:", arm.get_version())
-        if arm.set_ready() != 1:
-            sys.exit("the arm did not become ready")
-        status = arm.get_status()
-        print(f"arm {status.arm_index}: {status.dof} joints, servo {'on' if status.servo else 'off'}")
+        arm.set_ready()
+        print(arm.status)  # modes as enums: fsm_mode=<FsmMode.POSITION: 1>
 
-        start = arm.get_joint_pos()  # numpy float64 array [rad]
-        config = arm.get_config()
+        start = arm.joint_pos  # numpy float64 array [rad]
+        config = arm.raw.get_config()
         target = start.copy()
         target[0] = np.clip(target[0] + 0.2, config.limit_lower[0], config.limit_upper[0])
-        if arm.move_joint(target, block=True) != 1:  # timed by the controller, waited for
-            sys.exit("move to the target failed")
-        print("after the move:", np.round(arm.get_joint_pos(), 4))
-        if arm.move_joint(list(start), time=1.5, block=True) != 1:  # a list works as well: 1.5 s move
-            sys.exit("move back failed")
+        arm.move_joint(target, block=True, timeout=10.0)  # timed by the controller, waited for
+        print("after the move:", np.round(arm.joint_pos, 4))
+        arm.move_joint(list(start), time=1.5, block=True, timeout=10.0)  # a list works as well: 1.5 s move
 
-        result, pose = arm.forward_kine(0, arm.get_joint_pos())
+        pose = arm.forward_kine()  # of the measured joints
         print("pose (x, y, z, qx, qy, qz, qw):", np.round(pose, 4))
-        result, joints = arm.inverse_kine(0, pose, start)
-        if result != 1 or not np.allclose(joints, arm.get_joint_pos(), atol=1e-3):
+        if not np.allclose(arm.inverse_kine(pose), arm.joint_pos, atol=1e-3):
             sys.exit("inverse kinematics did not give the position back")
-        print(f"{frames[0]} joint frames received")
-        arm.release_joint_cbk()
+
+        try:
+            arm.move_joint(start[:3])
+        except kelm.InvalidInput as refused:
+            print("refused as expected:", refused)
+
+        # One second of streamed targets at 500 Hz, a small sine on the first joint.
+        for tick in kelm.Rate(500, ticks=500):
+            arm.track_joint(start + [0.05 * np.sin(tick * 2 * np.pi / 500), 0, 0, 0, 0, 0])
     return 0
 
 

@@ -1,6 +1,14 @@
 """Kelm arm client for Python.
 
-The classes are the C++ library's: ``KelmSingleCol`` (one arm),
+Start with ``kelm.Arm`` (one arm) or ``kelm.DualArm`` (two arms behind one
+address): they raise ``kelm.ConnectionError`` and ``kelm.CommandRefused``
+(``InvalidInput``, ``CommandTimeout``, ``ControllerRefused``) with the reason,
+take a time-out on blocking motions and report the status with enums.
+``kelm.Rate`` paces a streaming loop. The library's log lines go to the
+``logging`` logger ``kelm`` (``kelm.log_to_console()`` keeps them on the
+console instead).
+
+Beneath stand the exact bindings, the C++ library's classes: ``KelmSingleCol`` (one arm),
 ``KelmDualBot`` (two arms behind one address) and ``KelmKernelImpl`` (one
 arm of one controller, with every operation). Joint vectors are accepted as
 lists, tuples or numpy arrays and come back as numpy float64 arrays; a pose
@@ -24,6 +32,8 @@ from ._kelm import (  # noqa: F401
     KelmState,
     LogColor,
     LogLevel,
+    Refusal,
+    RefusalKind,
     StateLog,
     color_str_map,
     enum_color_map,
@@ -34,5 +44,19 @@ from ._kelm import (  # noqa: F401
     set_log_level,
     str_map_fsm_mode,
 )
+
+from .arm import Arm, ArmSide, ControlMode, DualArm, Status  # noqa: E402,F401
+from .errors import (  # noqa: E402,F401
+    CommandRefused,
+    CommandTimeout,
+    ConnectionError,
+    ControllerRefused,
+    InvalidInput,
+    KelmError,
+)
+from .logbridge import log_to_console, log_to_python  # noqa: E402,F401
+from .rate import Rate  # noqa: E402,F401
+
+log_to_python()
 
 __version__ = "0.1.0"

@@ -1,11 +1,24 @@
 """Type stub of kelm._kelm, written by python/make_stub.py from the built module."""
-from typing import Any, Callable, Dict, List, Sequence, Tuple, Union, overload
+from typing import Any, Callable, Dict, List, Optional, Sequence, Tuple, Union, overload
 
 import numpy
 
 JointVector = Union[Sequence[float], numpy.ndarray]
 Pose = Union[Sequence[float], numpy.ndarray]  # x, y, z [m], qx, qy, qz, qw
 Points = Union[Sequence[JointVector], numpy.ndarray]
+
+class RefusalKind(int):
+    """Why an operation was refused."""
+    none: RefusalKind
+    invalid_input: RefusalKind
+    timeout: RefusalKind
+    no_connection: RefusalKind
+    controller: RefusalKind
+    def __init__(self, value: int) -> None: ...
+    @property
+    def name(self) -> str: ...
+    @property
+    def value(self) -> int: ...
 
 class FsmMode(int):
     """The controller's finite-state mode."""
@@ -141,6 +154,17 @@ class ArmStatus:
     def __repr__(self: ArmStatus) -> str:
         ...
 
+class Refusal:
+    """The record of an arm's last refused operation."""
+    def __init__(self: Refusal) -> None:
+        ...
+    serial: int
+    operation: str
+    kind: RefusalKind
+    reason: str
+    def __repr__(self: Refusal) -> str:
+        ...
+
 class ArmConfig:
     """Joint limits [rad] and dynamics parameters per joint."""
     def __init__(self: ArmConfig) -> None:
@@ -186,10 +210,10 @@ class KelmKernelImpl:
         ...
     def setRecvRate(self: KelmKernelImpl, rate: float) -> None:
         ...
-    def cmd_publish(self: KelmKernelImpl, request: object) -> Tuple[Any, Any]:
+    def cmd_publish(self: KelmKernelImpl, request: object) -> Tuple[bool, str]:
         """Sends the dict `request` with a fresh task_key, without waiting. Returns (sent, task_key)."""
         ...
-    def cmd_server(self: KelmKernelImpl, request: object, timeout: int) -> Tuple[Any, Any]:
+    def cmd_server(self: KelmKernelImpl, request: object, timeout: int) -> Tuple[Optional[Dict[str, Any]], str]:
         """Sends the dict `request` and waits up to `timeout` ms for its reply. Returns (reply dict or None, task_key)."""
         ...
     def register_subscription(self: KelmKernelImpl, key: str, fn: Callable[..., Any]) -> None:
@@ -354,7 +378,7 @@ class KelmKernelImpl:
     def webSendRobotStateData(self: KelmKernelImpl, frame: object) -> None:
         """Takes a parsed state frame (a dict) over into the cached state and fires the callbacks."""
         ...
-    def parseIOInfo(self: KelmKernelImpl, message: object) -> Tuple[Any, Any]:
+    def parseIOInfo(self: KelmKernelImpl, message: object) -> Tuple[int, List[Dict[str, Any]]]:
         """Reads the `rtu` block of a message (a dict) into (1, stations): each station {'units': [...]}, each unit with di_value/do_value (0/1 lists) and ad/da/status/ctrl values as (value, bits) pairs."""
         ...
     def parseRecieveData(self: KelmKernelImpl, msg: str) -> None:
@@ -363,6 +387,12 @@ class KelmKernelImpl:
     msg_count: int
     def get_status(self: KelmKernelImpl) -> ArmStatus:
         """The arm's ArmStatus; `connected` is asked of the connection now. Allowed in every callback."""
+        ...
+    def get_last_refusal(self: KelmKernelImpl) -> Refusal:
+        """The record of the kernel's last refused operation (Refusal); serial counts the refusals."""
+        ...
+    def get_submitted_task_key(self: KelmKernelImpl) -> str:
+        """Key of the last task the controller took from this kernel ('' before the first)."""
         ...
     def get_joint_pos(self: KelmKernelImpl) -> numpy.ndarray:
         """Measured joint positions [rad]."""
@@ -466,28 +496,28 @@ class KelmKernelImpl:
     def move_line_jog(self: KelmKernelImpl, index: int, dir: int, speed: float, tool: int, user: int) -> int:
         """Returns 1 when the controller took the request, -1 for refused input (logged, nothing sent), a failed send, no reply within 1000 ms, or a refusal."""
         ...
-    def move_joint(self: KelmKernelImpl, target: JointVector, speed: float, tool: int, user: int, is_joint: bool) -> Tuple[Any, Any]:
+    def move_joint(self: KelmKernelImpl, target: JointVector, speed: float, tool: int, user: int, is_joint: bool) -> Tuple[int, str]:
         """Point-to-point move to joint target [rad] or pose (is_joint False) at `speed` percent. Returns (result, task_key): result 1 when the controller took the task, -1 for refused input (logged, nothing sent; task_key ''), a failed send, no reply within 1000 ms or a refusal. Wait for the motion's end with task_blocking_wait(task_key, timeout_ms)."""
         ...
-    def move_line(self: KelmKernelImpl, target: JointVector, speed: float, tool: int, user: int, is_joint: bool) -> Tuple[Any, Any]:
+    def move_line(self: KelmKernelImpl, target: JointVector, speed: float, tool: int, user: int, is_joint: bool) -> Tuple[int, str]:
         """Straight-line move. Returns (result, task_key): result 1 when the controller took the task, -1 for refused input (logged, nothing sent; task_key ''), a failed send, no reply within 1000 ms or a refusal. Wait for the motion's end with task_blocking_wait(task_key, timeout_ms)."""
         ...
-    def move_directly(self: KelmKernelImpl, targets: Points, gripper: JointVector) -> Tuple[Any, Any]:
+    def move_directly(self: KelmKernelImpl, targets: Points, gripper: JointVector) -> Tuple[int, str]:
         """Way-points sent unchecked, with one gripper position [m] per point or none. Returns (result, task_key): result 1 when the controller took the task, -1 for refused input (logged, nothing sent; task_key ''), a failed send, no reply within 1000 ms or a refusal. Wait for the motion's end with task_blocking_wait(task_key, timeout_ms)."""
         ...
-    def move_toppra(self: KelmKernelImpl, targets: Points, speed: float, tool: int, user: int, is_joint: bool) -> Tuple[Any, Any]:
+    def move_toppra(self: KelmKernelImpl, targets: Points, speed: float, tool: int, user: int, is_joint: bool) -> Tuple[int, str]:
         """Path through `targets`, timed by the controller at `speed` percent. Returns (result, task_key): result 1 when the controller took the task, -1 for refused input (logged, nothing sent; task_key ''), a failed send, no reply within 1000 ms or a refusal. Wait for the motion's end with task_blocking_wait(task_key, timeout_ms)."""
         ...
-    def move_pvt(self: KelmKernelImpl, targets: Points, gripper: JointVector, times: JointVector, is_joint: bool) -> Tuple[Any, Any]:
+    def move_pvt(self: KelmKernelImpl, targets: Points, gripper: JointVector, times: JointVector, is_joint: bool) -> Tuple[int, str]:
         """Points with time stamps `times` [s] (above 0, increasing, steps below 3600) and optional gripper positions [m]. Returns (result, task_key): result 1 when the controller took the task, -1 for refused input (logged, nothing sent; task_key ''), a failed send, no reply within 1000 ms or a refusal. Wait for the motion's end with task_blocking_wait(task_key, timeout_ms)."""
         ...
-    def move_3p_arc(self: KelmKernelImpl, points: Sequence[JointVector], speed: float, dir: bool, radian: float, tool: int, user: int, is_joint: bool) -> Tuple[Any, Any]:
+    def move_3p_arc(self: KelmKernelImpl, points: Sequence[JointVector], speed: float, dir: bool, radian: float, tool: int, user: int, is_joint: bool) -> Tuple[int, str]:
         """Arc through three points; `radian` [rad] sent when above 0. Returns (result, task_key): result 1 when the controller took the task, -1 for refused input (logged, nothing sent; task_key ''), a failed send, no reply within 1000 ms or a refusal. Wait for the motion's end with task_blocking_wait(task_key, timeout_ms)."""
         ...
-    def move_center_arc(self: KelmKernelImpl, points: Sequence[JointVector], speed: float, dir: bool, radian: float, tool: int, user: int, is_joint: bool) -> Tuple[Any, Any]:
+    def move_center_arc(self: KelmKernelImpl, points: Sequence[JointVector], speed: float, dir: bool, radian: float, tool: int, user: int, is_joint: bool) -> Tuple[int, str]:
         """Arc given by its centre. Returns (result, task_key): result 1 when the controller took the task, -1 for refused input (logged, nothing sent; task_key ''), a failed send, no reply within 1000 ms or a refusal. Wait for the motion's end with task_blocking_wait(task_key, timeout_ms)."""
         ...
-    def move_jump(self: KelmKernelImpl, target: Pose, up: Sequence[float], down: Sequence[float], speed: float, tool: int, user: int) -> Tuple[Any, Any]:
+    def move_jump(self: KelmKernelImpl, target: Pose, up: Sequence[float], down: Sequence[float], speed: float, tool: int, user: int) -> Tuple[int, str]:
         """Hop to pose `target`: up by `up` [m], over to target + `down` [m], down onto it. Returns (result, task_key): result 1 when the controller took the task, -1 for refused input (logged, nothing sent; task_key ''), a failed send, no reply within 1000 ms or a refusal. Wait for the motion's end with task_blocking_wait(task_key, timeout_ms)."""
         ...
     def move_delay(self: KelmKernelImpl, time: float, override_level: int) -> int:
@@ -522,19 +552,19 @@ class KelmKernelImpl:
         """1 for result 'ok', -1 for another result or a point shorter than 6, -2 for no reply."""
         ...
     @overload
-    def forwardKine(self: KelmKernelImpl, tool: int, user: int, jnt_value: JointVector) -> Tuple[Any, Any]:
+    def forwardKine(self: KelmKernelImpl, tool: int, user: int, jnt_value: JointVector) -> Tuple[int, numpy.ndarray]:
         """Pose of one joint vector, computed by the controller (3000 ms). Returns (result, pose): 1 on success, -1 otherwise (pose then zeros)."""
         ...
     @overload
-    def forwardKine(self: KelmKernelImpl, tool: int, user: int, jnt_values: Points) -> Tuple[Any, Any]:
+    def forwardKine(self: KelmKernelImpl, tool: int, user: int, jnt_values: Points) -> Tuple[int, numpy.ndarray]:
         """Batch form: (result, (n, 7) array of poses)."""
         ...
     @overload
-    def inverseKine(self: KelmKernelImpl, tool: int, user: int, quat_pose: Pose, ref_joint: JointVector) -> Tuple[Any, Any]:
+    def inverseKine(self: KelmKernelImpl, tool: int, user: int, quat_pose: Pose, ref_joint: JointVector) -> Tuple[int, Union[numpy.ndarray, List[numpy.ndarray]]]:
         """Joint solution near `ref_joint` for one pose (3000 ms). Returns (result, joints): 1 on success, -1 otherwise (joints then empty)."""
         ...
     @overload
-    def inverseKine(self: KelmKernelImpl, tool: int, user: int, quat_poses: Sequence[Pose], ref_joints: Points) -> Tuple[Any, Any]:
+    def inverseKine(self: KelmKernelImpl, tool: int, user: int, quat_poses: Sequence[Pose], ref_joints: Points) -> Tuple[int, Union[numpy.ndarray, List[numpy.ndarray]]]:
         """Batch form: (result, joints); a pose without a solution gives an empty row and result -1."""
         ...
     def set_traj_recorder(self: KelmKernelImpl, to_record: int) -> int:
@@ -546,7 +576,7 @@ class KelmKernelImpl:
     def trajectory_recorder(self: KelmKernelImpl, name: str) -> int:
         """Returns 1 when the controller took the request, -1 for refused input (logged, nothing sent), a failed send, no reply within 1000 ms, or a refusal."""
         ...
-    def check_teach(self: KelmKernelImpl) -> Tuple[Any, Any]:
+    def check_teach(self: KelmKernelImpl) -> Tuple[int, List[str]]:
         """Names of the taught trajectories (3000 ms). Returns (result, names); -1 for no usable reply."""
         ...
     def set_zero_position(self: KelmKernelImpl, axis_id: int) -> int:
@@ -613,7 +643,7 @@ class KelmSingleCol:
     def trajectory_recorder(self: KelmSingleCol, name: str) -> int:
         """Returns 1 when the controller took the request, -1 for refused input (logged, nothing sent), a failed send, no reply within 1000 ms, or a refusal."""
         ...
-    def check_teach(self: KelmSingleCol) -> Tuple[Any, Any]:
+    def check_teach(self: KelmSingleCol) -> Tuple[int, List[str]]:
         """Names of the recorded trajectories (3000 ms). Returns (result, names)."""
         ...
     def register_error_cbk(self: KelmSingleCol, name: str, fn: Callable[..., Any]) -> None:
@@ -628,6 +658,12 @@ class KelmSingleCol:
         ...
     def get_status(self: KelmSingleCol) -> ArmStatus:
         """The arm's ArmStatus; `connected` is asked now. Allowed in every callback."""
+        ...
+    def get_last_refusal(self: KelmSingleCol) -> Refusal:
+        """The record of the arm's last refused operation (Refusal): its operation, kind and reason; serial counts the refusals, so reading it before and after a call tells whether that call was refused."""
+        ...
+    def get_submitted_task_key(self: KelmSingleCol) -> str:
+        """Key of the last task the controller took from this arm ('' before the first); a motion with block=False can be waited for on it."""
         ...
     def get_config(self: KelmSingleCol) -> ArmConfig:
         """Joint limits and dynamics parameters asked of the controller now (ArmConfig; dof 0 without reply)."""
@@ -707,16 +743,16 @@ class KelmSingleCol:
     def move_pose_traj(self: KelmSingleCol, poses: Sequence[Pose], gripper: JointVector = [], times: JointVector = [], block: bool = False) -> int:
         """Moves through poses. With one time stamp [s] per point in `times` the points are timed by them and `gripper` [m] moves along (empty for none); otherwise the controller times the path at 100 % and both are ignored. Returns 1 when the controller took the task (with block=True: once the wait ended, by the task's end, an arm error or a lost connection; get_status() tells which), -1 for refused input (logged, nothing sent, no wait), a failed send, no reply within 1000 ms or a refusal. With block=True Ctrl+C raises KeyboardInterrupt at once; the motion itself goes on, and the object's next waiting call first waits for it to end."""
         ...
-    def forward_kine(self: KelmSingleCol, tool: int, joint: JointVector) -> Tuple[Any, Any]:
+    def forward_kine(self: KelmSingleCol, tool: int, joint: JointVector) -> Tuple[int, numpy.ndarray]:
         """Pose of `joint` [rad] in tool `tool`, user frame 0, computed by the controller (3000 ms). Returns (result, pose): 1 on success, -1 otherwise (pose then zeros)."""
         ...
-    def forward_kine_array(self: KelmSingleCol, tool: int, joints: Points) -> Tuple[Any, Any]:
+    def forward_kine_array(self: KelmSingleCol, tool: int, joints: Points) -> Tuple[int, numpy.ndarray]:
         """Batch form: (result, (n, 7) array of poses)."""
         ...
-    def inverse_kine(self: KelmSingleCol, tool: int, pose: Pose, ref_joint: JointVector) -> Tuple[Any, Any]:
+    def inverse_kine(self: KelmSingleCol, tool: int, pose: Pose, ref_joint: JointVector) -> Tuple[int, numpy.ndarray]:
         """Joint solution [rad] of `pose` near `ref_joint` (3000 ms). Returns (result, joints): 1 on success, -1 otherwise (joints then empty)."""
         ...
-    def inverse_kine_array(self: KelmSingleCol, tool: int, poses: Sequence[Pose], ref_joints: Points) -> Tuple[Any, Any]:
+    def inverse_kine_array(self: KelmSingleCol, tool: int, poses: Sequence[Pose], ref_joints: Points) -> Tuple[int, Union[numpy.ndarray, List[numpy.ndarray]]]:
         """Batch form: (result, joints); a pose without a solution gives an empty row."""
         ...
     def register_joint_cbk(self: KelmSingleCol, fn: Callable[..., Any]) -> None:
@@ -798,7 +834,7 @@ class KelmDualBot:
     def trajectory_recorder(self: KelmDualBot, name: str) -> int:
         """Returns 1 when the controller took the request, -1 for refused input (logged, nothing sent), a failed send, no reply within 1000 ms, or a refusal."""
         ...
-    def check_teach(self: KelmDualBot) -> Tuple[Any, Any]:
+    def check_teach(self: KelmDualBot) -> Tuple[int, List[str]]:
         """Names of the recorded trajectories (3000 ms). Returns (result, names)."""
         ...
     def register_error_cbk(self: KelmDualBot, name: str, fn: Callable[..., Any]) -> None:
@@ -813,6 +849,12 @@ class KelmDualBot:
         ...
     def get_left_status(self: KelmDualBot) -> ArmStatus:
         """The arm's ArmStatus; `connected` is asked now. Allowed in every callback."""
+        ...
+    def get_left_last_refusal(self: KelmDualBot) -> Refusal:
+        """The record of the arm's last refused operation (Refusal): its operation, kind and reason; serial counts the refusals, so reading it before and after a call tells whether that call was refused."""
+        ...
+    def get_left_submitted_task_key(self: KelmDualBot) -> str:
+        """Key of the last task the controller took from this arm ('' before the first); a motion with block=False can be waited for on it."""
         ...
     def get_left_config(self: KelmDualBot) -> ArmConfig:
         """Joint limits and dynamics parameters asked of the controller now (ArmConfig; dof 0 without reply)."""
@@ -870,6 +912,12 @@ class KelmDualBot:
         ...
     def get_right_status(self: KelmDualBot) -> ArmStatus:
         """The arm's ArmStatus; `connected` is asked now. Allowed in every callback."""
+        ...
+    def get_right_last_refusal(self: KelmDualBot) -> Refusal:
+        """The record of the arm's last refused operation (Refusal): its operation, kind and reason; serial counts the refusals, so reading it before and after a call tells whether that call was refused."""
+        ...
+    def get_right_submitted_task_key(self: KelmDualBot) -> str:
+        """Key of the last task the controller took from this arm ('' before the first); a motion with block=False can be waited for on it."""
         ...
     def get_right_config(self: KelmDualBot) -> ArmConfig:
         """Joint limits and dynamics parameters asked of the controller now (ArmConfig; dof 0 without reply)."""
@@ -949,16 +997,16 @@ class KelmDualBot:
     def move_left_pose_traj(self: KelmDualBot, poses: Sequence[Pose], gripper: JointVector = [], times: JointVector = [], block: bool = False) -> int:
         """Moves through poses. With one time stamp [s] per point in `times` the points are timed by them and `gripper` [m] moves along (empty for none); otherwise the controller times the path at 100 % and both are ignored. Returns 1 when the controller took the task (with block=True: once the wait ended, by the task's end, an arm error or a lost connection; get_status() tells which), -1 for refused input (logged, nothing sent, no wait), a failed send, no reply within 1000 ms or a refusal. With block=True Ctrl+C raises KeyboardInterrupt at once; the motion itself goes on, and the object's next waiting call first waits for it to end."""
         ...
-    def forward_kine_left(self: KelmDualBot, tool: int, joint: JointVector) -> Tuple[Any, Any]:
+    def forward_kine_left(self: KelmDualBot, tool: int, joint: JointVector) -> Tuple[int, numpy.ndarray]:
         """Pose of `joint` [rad] in tool `tool`, user frame 0, computed by the controller (3000 ms). Returns (result, pose): 1 on success, -1 otherwise (pose then zeros)."""
         ...
-    def forward_kine_left_array(self: KelmDualBot, tool: int, joints: Points) -> Tuple[Any, Any]:
+    def forward_kine_left_array(self: KelmDualBot, tool: int, joints: Points) -> Tuple[int, numpy.ndarray]:
         """Batch form: (result, (n, 7) array of poses)."""
         ...
-    def inverse_kine_left(self: KelmDualBot, tool: int, pose: Pose, ref_joint: JointVector) -> Tuple[Any, Any]:
+    def inverse_kine_left(self: KelmDualBot, tool: int, pose: Pose, ref_joint: JointVector) -> Tuple[int, numpy.ndarray]:
         """Joint solution [rad] of `pose` near `ref_joint` (3000 ms). Returns (result, joints): 1 on success, -1 otherwise (joints then empty)."""
         ...
-    def inverse_kine_left_array(self: KelmDualBot, tool: int, poses: Sequence[Pose], ref_joints: Points) -> Tuple[Any, Any]:
+    def inverse_kine_left_array(self: KelmDualBot, tool: int, poses: Sequence[Pose], ref_joints: Points) -> Tuple[int, Union[numpy.ndarray, List[numpy.ndarray]]]:
         """Batch form: (result, joints); a pose without a solution gives an empty row."""
         ...
     def track_right_joint(self: KelmDualBot, target: JointVector, gripper: float) -> int:
@@ -985,16 +1033,16 @@ class KelmDualBot:
     def move_right_pose_traj(self: KelmDualBot, poses: Sequence[Pose], gripper: JointVector = [], times: JointVector = [], block: bool = False) -> int:
         """Moves through poses. With one time stamp [s] per point in `times` the points are timed by them and `gripper` [m] moves along (empty for none); otherwise the controller times the path at 100 % and both are ignored. Returns 1 when the controller took the task (with block=True: once the wait ended, by the task's end, an arm error or a lost connection; get_status() tells which), -1 for refused input (logged, nothing sent, no wait), a failed send, no reply within 1000 ms or a refusal. With block=True Ctrl+C raises KeyboardInterrupt at once; the motion itself goes on, and the object's next waiting call first waits for it to end."""
         ...
-    def forward_kine_right(self: KelmDualBot, tool: int, joint: JointVector) -> Tuple[Any, Any]:
+    def forward_kine_right(self: KelmDualBot, tool: int, joint: JointVector) -> Tuple[int, numpy.ndarray]:
         """Pose of `joint` [rad] in tool `tool`, user frame 0, computed by the controller (3000 ms). Returns (result, pose): 1 on success, -1 otherwise (pose then zeros)."""
         ...
-    def forward_kine_right_array(self: KelmDualBot, tool: int, joints: Points) -> Tuple[Any, Any]:
+    def forward_kine_right_array(self: KelmDualBot, tool: int, joints: Points) -> Tuple[int, numpy.ndarray]:
         """Batch form: (result, (n, 7) array of poses)."""
         ...
-    def inverse_kine_right(self: KelmDualBot, tool: int, pose: Pose, ref_joint: JointVector) -> Tuple[Any, Any]:
+    def inverse_kine_right(self: KelmDualBot, tool: int, pose: Pose, ref_joint: JointVector) -> Tuple[int, numpy.ndarray]:
         """Joint solution [rad] of `pose` near `ref_joint` (3000 ms). Returns (result, joints): 1 on success, -1 otherwise (joints then empty)."""
         ...
-    def inverse_kine_right_array(self: KelmDualBot, tool: int, poses: Sequence[Pose], ref_joints: Points) -> Tuple[Any, Any]:
+    def inverse_kine_right_array(self: KelmDualBot, tool: int, poses: Sequence[Pose], ref_joints: Points) -> Tuple[int, Union[numpy.ndarray, List[numpy.ndarray]]]:
         """Batch form: (result, joints); a pose without a solution gives an empty row."""
         ...
     def register_left_joint_cbk(self: KelmDualBot, fn: Callable[..., Any]) -> None:
@@ -1142,12 +1190,12 @@ COLOR_PURPLE_BACKGROUND: LogColor
 COLOR_CYAN_BACKGROUND: LogColor
 COLOR_WHITE_BACKGROUND: LogColor
 COLOR_GOLDENROD: LogColor
-fsm_mode_str_map: Dict[Any, Any]
-str_map_fsm_mode: Dict[Any, Any]
-kelm_state_str: Dict[Any, Any]
-enum_color_map: Dict[Any, Any]
-color_str_map: Dict[Any, Any]
-kelm_err_code_map: Dict[Any, Any]
+fsm_mode_str_map: Dict[FsmMode, str]
+str_map_fsm_mode: Dict[str, FsmMode]
+kelm_state_str: Dict[KelmState, str]
+enum_color_map: Dict[LogColor, str]
+color_str_map: Dict[str, str]
+kelm_err_code_map: Dict[int, str]
 LOG_INFO: LogLevel
 LOG_ERROR: LogLevel
 def set_log_level(level: int) -> None:

@@ -16,6 +16,13 @@ using Poses = std::vector<Pose>;
 
 namespace {
 
+constexpr const char* kLastRefusalDoc =
+    "The record of the arm's last refused operation (Refusal): its operation, kind and reason; serial counts "
+    "the refusals, so reading it before and after a call tells whether that call was refused.";
+constexpr const char* kSubmittedKeyDoc =
+    "Key of the last task the controller took from this arm ('' before the first); a motion with block=False "
+    "can be waited for on it.";
+
 constexpr const char* kStateGetter = "As the last state frame reported it (copied under the state lock).";
 
 // Registers a Python callback through `reg` and remembers `release` for close.
@@ -66,31 +73,33 @@ constexpr const char* kTrackPoseDoc =
 
 // The one-arm members of KelmSingleCol, and the twins of KelmDualBot, share
 // their shapes; these macros write one arm's set.
-#define KELM_ARM_GETTERS(cls, H, T, get_status, get_config, jp, jv, jt, pjp, pjv, pjt, cart, jext, cext, gs, gp, gv, \
-                         gt, set_gripper, set_tool, get_tool, tool_coord)                                            \
-    cls.def(#get_status, forward<T>(&T::get_status, #get_status, Waits::no),                                         \
-            "The arm's ArmStatus; `connected` is asked now. Allowed in every callback.");                            \
-    cls.def(#get_config, forward<T>(&T::get_config, #get_config, Waits::yes),                                        \
-            "Joint limits and dynamics parameters asked of the controller now (ArmConfig; dof 0 without reply).");   \
-    cls.def(#jp, forward<T>(&T::jp, #jp, Waits::no), "Measured joint positions [rad]. ");                            \
-    cls.def(#jv, forward<T>(&T::jv, #jv, Waits::no), "Measured joint velocities [rad/s].");                          \
-    cls.def(#jt, forward<T>(&T::jt, #jt, Waits::no), "Measured joint torques [Nm].");                                \
-    cls.def(#pjp, forward<T>(&T::pjp, #pjp, Waits::no), "Planned joint positions [rad].");                           \
-    cls.def(#pjv, forward<T>(&T::pjv, #pjv, Waits::no), "Planned joint velocities.");                                \
-    cls.def(#pjt, forward<T>(&T::pjt, #pjt, Waits::no), "Planned joint torques.");                                   \
-    cls.def(#cart, forward<T>(&T::cart, #cart, Waits::no), "Cartesian pose x, y, z [m], qx, qy, qz, qw.");           \
-    cls.def(#jext, forward<T>(&T::jext, #jext, Waits::no), "External joint torques.");                               \
-    cls.def(#cext, forward<T>(&T::cext, #cext, Waits::no), "External Cartesian force.");                             \
-    cls.def(#gs, forward<T>(&T::gs, #gs, Waits::no), "The gripper's state code, -1 without a connected gripper.");   \
-    cls.def(#gp, forward<T>(&T::gp, #gp, Waits::no), "Gripper position [m].");                                       \
-    cls.def(#gv, forward<T>(&T::gv, #gv, Waits::no), "Gripper velocity.");                                           \
-    cls.def(#gt, forward<T>(&T::gt, #gt, Waits::no), "Gripper torque.");                                             \
-    cls.def(#set_gripper, forward<T>(&T::set_gripper, #set_gripper, Waits::no), py::arg("pos"), py::arg("tau"),      \
-            "Gripper target: `pos` [m] clamped to 0..0.08, `tau` to 0..20.0, NaN refused. Published without "        \
-            "waiting: 1 when sent.");                                                                                \
-    cls.def(#set_tool, forward<T>(&T::set_tool, #set_tool, Waits::yes), py::arg("index"), kRequestResult);           \
-    cls.def(#get_tool, forward<T>(&T::get_tool, #get_tool, Waits::no), "Tool index of the last state frame.");       \
-    cls.def(#tool_coord, forward<T>(&T::tool_coord, #tool_coord, Waits::yes), py::arg("index"),                      \
+#define KELM_ARM_GETTERS(cls, H, T, get_status, last_refusal, submitted_key, get_config, jp, jv, jt, pjp, pjv, pjt, \
+                         cart, jext, cext, gs, gp, gv, gt, set_gripper, set_tool, get_tool, tool_coord)             \
+    cls.def(#get_status, forward<T>(&T::get_status, #get_status, Waits::no),                                        \
+            "The arm's ArmStatus; `connected` is asked now. Allowed in every callback.");                           \
+    cls.def(#last_refusal, forward<T>(&T::last_refusal, #last_refusal, Waits::no), kLastRefusalDoc);                \
+    cls.def(#submitted_key, forward<T>(&T::submitted_key, #submitted_key, Waits::no), kSubmittedKeyDoc);            \
+    cls.def(#get_config, forward<T>(&T::get_config, #get_config, Waits::yes),                                       \
+            "Joint limits and dynamics parameters asked of the controller now (ArmConfig; dof 0 without reply).");  \
+    cls.def(#jp, forward<T>(&T::jp, #jp, Waits::no), "Measured joint positions [rad]. ");                           \
+    cls.def(#jv, forward<T>(&T::jv, #jv, Waits::no), "Measured joint velocities [rad/s].");                         \
+    cls.def(#jt, forward<T>(&T::jt, #jt, Waits::no), "Measured joint torques [Nm].");                               \
+    cls.def(#pjp, forward<T>(&T::pjp, #pjp, Waits::no), "Planned joint positions [rad].");                          \
+    cls.def(#pjv, forward<T>(&T::pjv, #pjv, Waits::no), "Planned joint velocities.");                               \
+    cls.def(#pjt, forward<T>(&T::pjt, #pjt, Waits::no), "Planned joint torques.");                                  \
+    cls.def(#cart, forward<T>(&T::cart, #cart, Waits::no), "Cartesian pose x, y, z [m], qx, qy, qz, qw.");          \
+    cls.def(#jext, forward<T>(&T::jext, #jext, Waits::no), "External joint torques.");                              \
+    cls.def(#cext, forward<T>(&T::cext, #cext, Waits::no), "External Cartesian force.");                            \
+    cls.def(#gs, forward<T>(&T::gs, #gs, Waits::no), "The gripper's state code, -1 without a connected gripper.");  \
+    cls.def(#gp, forward<T>(&T::gp, #gp, Waits::no), "Gripper position [m].");                                      \
+    cls.def(#gv, forward<T>(&T::gv, #gv, Waits::no), "Gripper velocity.");                                          \
+    cls.def(#gt, forward<T>(&T::gt, #gt, Waits::no), "Gripper torque.");                                            \
+    cls.def(#set_gripper, forward<T>(&T::set_gripper, #set_gripper, Waits::no), py::arg("pos"), py::arg("tau"),     \
+            "Gripper target: `pos` [m] clamped to 0..0.08, `tau` to 0..20.0, NaN refused. Published without "       \
+            "waiting: 1 when sent.");                                                                               \
+    cls.def(#set_tool, forward<T>(&T::set_tool, #set_tool, Waits::yes), py::arg("index"), kRequestResult);          \
+    cls.def(#get_tool, forward<T>(&T::get_tool, #get_tool, Waits::no), "Tool index of the last state frame.");      \
+    cls.def(#tool_coord, forward<T>(&T::tool_coord, #tool_coord, Waits::yes), py::arg("index"),                     \
             "Tool system `index` as a pose (zeros when the reply is unusable).")
 
 #define KELM_ARM_MOTIONS(cls, T, track_joint, track_pose, mj, mp, mlj, mlp, mjt, mpt, fk, fka, ik, ika)                \
@@ -269,10 +278,11 @@ context manager (`with kelm.KelmSingleCol(ip) as arm:`) to disconnect on exit.)d
                }),
                py::arg("ip"), py::arg("port") = 8090, py::arg("timeout") = 1.0);
     bindCommon(single);
-    KELM_ARM_GETTERS(single, Single, KelmSingleCol, get_status, get_config, get_joint_pos, get_joint_vel, get_joint_tau,
-                     get_plan_joint_pos, get_plan_joint_vel, get_plan_joint_tau, get_cart_pose, get_joint_external_tau,
-                     get_cart_external_force, get_gripper_state, get_gripper_pos, get_gripper_vel, get_gripper_tau,
-                     set_gripper, set_tool_index, get_tool_index, get_tool_coordinate);
+    KELM_ARM_GETTERS(single, Single, KelmSingleCol, get_status, get_last_refusal, get_submitted_task_key, get_config,
+                     get_joint_pos, get_joint_vel, get_joint_tau, get_plan_joint_pos, get_plan_joint_vel,
+                     get_plan_joint_tau, get_cart_pose, get_joint_external_tau, get_cart_external_force,
+                     get_gripper_state, get_gripper_pos, get_gripper_vel, get_gripper_tau, set_gripper, set_tool_index,
+                     get_tool_index, get_tool_coordinate);
     KELM_ARM_MOTIONS(single, KelmSingleCol, track_joint, track_pose, move_joint, move_pose, move_line_joint,
                      move_line_pose, move_joint_traj, move_pose_traj, forward_kine, forward_kine_array, inverse_kine,
                      inverse_kine_array);
@@ -302,17 +312,18 @@ target, as the C++ class does.)doc");
              py::arg("ip"), py::arg("port") = 8090, py::arg("timeout") = 1.0, py::arg("left_arm_index") = 0,
              py::arg("right_arm_index") = 1);
     bindCommon(dual);
-    KELM_ARM_GETTERS(dual, Dual, KelmDualBot, get_left_status, get_left_config, get_left_joint_pos, get_left_joint_vel,
-                     get_left_joint_tau, get_left_plan_joint_pos, get_left_plan_joint_vel, get_left_plan_joint_tau,
-                     get_left_cart_pose, get_left_joint_external_tau, get_left_cart_external_force,
-                     get_left_gripper_state, get_left_gripper_pos, get_left_gripper_vel, get_left_gripper_tau,
-                     set_left_gripper, set_left_tool_index, get_left_tool_index, get_left_tool_coordinate);
-    KELM_ARM_GETTERS(dual, Dual, KelmDualBot, get_right_status, get_right_config, get_right_joint_pos,
-                     get_right_joint_vel, get_right_joint_tau, get_right_plan_joint_pos, get_right_plan_joint_vel,
-                     get_right_plan_joint_tau, get_right_cart_pose, get_right_joint_external_tau,
-                     get_right_cart_external_force, get_right_gripper_state, get_right_gripper_pos,
-                     get_right_gripper_vel, get_right_gripper_tau, set_right_gripper, set_right_tool_index,
-                     get_right_tool_index, get_right_tool_coordinate);
+    KELM_ARM_GETTERS(dual, Dual, KelmDualBot, get_left_status, get_left_last_refusal, get_left_submitted_task_key,
+                     get_left_config, get_left_joint_pos, get_left_joint_vel, get_left_joint_tau,
+                     get_left_plan_joint_pos, get_left_plan_joint_vel, get_left_plan_joint_tau, get_left_cart_pose,
+                     get_left_joint_external_tau, get_left_cart_external_force, get_left_gripper_state,
+                     get_left_gripper_pos, get_left_gripper_vel, get_left_gripper_tau, set_left_gripper,
+                     set_left_tool_index, get_left_tool_index, get_left_tool_coordinate);
+    KELM_ARM_GETTERS(dual, Dual, KelmDualBot, get_right_status, get_right_last_refusal, get_right_submitted_task_key,
+                     get_right_config, get_right_joint_pos, get_right_joint_vel, get_right_joint_tau,
+                     get_right_plan_joint_pos, get_right_plan_joint_vel, get_right_plan_joint_tau, get_right_cart_pose,
+                     get_right_joint_external_tau, get_right_cart_external_force, get_right_gripper_state,
+                     get_right_gripper_pos, get_right_gripper_vel, get_right_gripper_tau, set_right_gripper,
+                     set_right_tool_index, get_right_tool_index, get_right_tool_coordinate);
     KELM_ARM_MOTIONS(dual, KelmDualBot, track_left_joint, track_left_pose, move_left_joint, move_left_pose,
                      move_left_line_joint, move_left_line_pose, move_left_joint_traj, move_left_pose_traj,
                      forward_kine_left, forward_kine_left_array, inverse_kine_left, inverse_kine_left_array);

@@ -334,6 +334,10 @@ Use it as a context manager, or call close(), to disconnect.)doc");
         "unsynchronised.");
     cls.def("get_status", forward<K>(&K::get_status, "get_status", Waits::no),
             "The arm's ArmStatus; `connected` is asked of the connection now. Allowed in every callback.");
+    cls.def("get_last_refusal", forward<K>(&K::get_last_refusal, "get_last_refusal", Waits::no),
+            "The record of the kernel's last refused operation (Refusal); serial counts the refusals.");
+    cls.def("get_submitted_task_key", forward<K>(&K::get_submitted_task_key, "get_submitted_task_key", Waits::no),
+            "Key of the last task the controller took from this kernel ('' before the first).");
     cls.def("get_joint_pos", forward<K>(&K::get_joint_pos, "get_joint_pos", Waits::no),
             "Measured joint positions [rad].");
     cls.def("get_joint_vel", forward<K>(&K::get_joint_vel, "get_joint_vel", Waits::no), "Measured joint velocities.");

@@ -13,6 +13,7 @@ namespace kelm_py {
 
 void bindKernel(py::module_& m);
 void bindArms(py::module_& m);
+void bindLogBridge(py::module_& m);
 
 namespace {
 
@@ -172,6 +173,25 @@ void bindRecords(py::module_& m) {
                    ", debug=" + (s.debug ? "True" : "False") + ")";
         });
 
+    py::enum_<kelm::RefusalKind>(m, "RefusalKind", "Why an operation was refused.")
+        .value("none", kelm::RefusalKind::none)
+        .value("invalid_input", kelm::RefusalKind::invalid_input)
+        .value("timeout", kelm::RefusalKind::timeout)
+        .value("no_connection", kelm::RefusalKind::no_connection)
+        .value("controller", kelm::RefusalKind::controller);
+    py::class_<kelm::Refusal>(m, "Refusal", "The record of an arm's last refused operation.")
+        .def(py::init<>())
+        .def_readonly("serial", &kelm::Refusal::serial, "Number of refusals of the arm so far.")
+        .def_readonly("operation", &kelm::Refusal::operation, "The kernel operation that refused.")
+        .def_readonly("kind", &kelm::Refusal::kind)
+        .def_readonly("reason", &kelm::Refusal::reason,
+                      "The line the refusal logged, the controller's err_msg, or what failed.")
+        .def("__repr__", [](const kelm::Refusal& r) {
+            return "Refusal(serial=" + std::to_string(r.serial) + ", operation='" + r.operation +
+                   "', kind=" + py::repr(py::cast(r.kind)).cast<std::string>() +
+                   ", reason=" + py::repr(py::str(r.reason)).cast<std::string>() + ")";
+        });
+
     using kelm::ArmConfig;
     auto vector_field = [](std::vector<double> ArmConfig::*field) {
         return std::make_pair([field](const ArmConfig& c) { return toPy(c.*field); },
@@ -276,6 +296,7 @@ PYBIND11_MODULE(_kelm, m) {
     bindRecords(m);
     bindTables(m);
     bindLog(m);
+    bindLogBridge(m);
     bindKernel(m);
     bindArms(m);
 

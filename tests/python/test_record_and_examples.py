@@ -80,7 +80,7 @@ def test_leader_follower_relays_every_frame(start_sim, python):
     assert slave.streamed_targets() == relayed
 
 
-@pytest.mark.parametrize("example", ["01_single_arm.py", "02_dual_arm.py"])
+@pytest.mark.parametrize("example", ["01_single_arm.py", "02_dual_arm.py", "05_exact_bindings.py"])
 def test_arm_examples_run(start_sim, python, example):
     sim = start_sim("--arms", "2")
     result = python([os.path.join(EXAMPLES, example), sim.host, str(sim.port)])
