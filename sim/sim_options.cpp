@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "real_time.h"
+
 namespace kelm {
 namespace sim {
 namespace {
@@ -38,6 +40,7 @@ enum OptionId {
     kStallMs,
     kHalfOpenAfter,
     kResetAfter,
+    kRtPriority,
 };
 
 const option kLongOptions[] = {
@@ -66,6 +69,7 @@ const option kLongOptions[] = {
     {"stall-ms", required_argument, nullptr, kStallMs},
     {"half-open-after", required_argument, nullptr, kHalfOpenAfter},
     {"reset-after", required_argument, nullptr, kResetAfter},
+    {"rt-priority", required_argument, nullptr, kRtPriority},
     {"quiet", no_argument, nullptr, kQuiet},
     {"help", no_argument, nullptr, kHelp},
     {nullptr, 0, nullptr, 0},
@@ -181,6 +185,11 @@ bool applyOption(int id, const char* argument, SimOptions& options) {
             return true;
         case kStopStreaming: return readNumber(argument, 0.0, 1e6, options.stop_streaming_after);
         case kCloseAfter: return readNumber(argument, 0.0, 1e6, options.close_after);
+        case kRtPriority:
+            if (!readInteger(argument, RealTimeSetting::kLowestPriority, RealTimeSetting::kHighestPriority, integer))
+                return false;
+            options.rt_priority = static_cast<int>(integer);
+            return true;
         case kQuiet: options.quiet = true; return true;
         default: return false;
     }
@@ -232,6 +241,8 @@ std::string simUsage(const char* program) {
          << "  -r, --rate HZ               state frames per second (default 500)\n"
          << "      --model FILE.urdf       the arm's URDF model (default: the built-in arm)\n"
          << "      --reply-latency-us US   least time before a reply (default 10000)\n"
+         << "      --rt-priority N         run every thread at real-time priority N (1 to 99,\n"
+         << "                              SCHED_FIFO) with memory locked, as a controller does\n"
          << "Operator and environment:\n"
          << "      --operator on|off       the simulated hand moves arms in drag mode and as\n"
          << "                              teleoperation master (default on)\n"
