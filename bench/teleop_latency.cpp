@@ -225,7 +225,7 @@ public:
         if (priority_ == 0) return;
         kelm::RealTimeSetting setting;
         setting.priority = priority_;
-        kelm::applyRealTime(pthread_self(), setting, "the bench's controllers");
+        kelm::applyRealTime(pthread_self(), setting, "the thread that starts the bench's controllers");
     }
     ~ControllerScheduling() {
         if (priority_ == 0) return;

@@ -1,7 +1,7 @@
 // A kernel's messages against the limits of the transport, over a loopback
-// WebSocket: a kinematics batch reply far larger than any state frame, and
-// a controller that stops reading while a tracking stream and a gripper
-// setting go to it.
+// WebSocket: a kinematics batch reply far larger than any state frame (and
+// the bound on what a message may cost the parser), and a controller that
+// stops reading while a tracking stream and a gripper setting go to it.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -15,6 +15,7 @@
 
 #include "kelm_kernel.h"
 #include "log_capture.h"
+#include "message_text.h"
 #include "state_frame_builder.h"
 #include "test_peer.h"
 
@@ -63,6 +64,18 @@ TEST(KernelTransport, AKinematicsBatchReplyOfTenThousandPointsArrivesWhole) {
     EXPECT_GT(reply_bytes.load(), std::size_t{1} << 20);
     std::printf("a reply of %zu points took %zu bytes\n", kPoints, reply_bytes.load());
     EXPECT_TRUE(kernel->is_connected());
+}
+
+// What a message of the largest size may cost the parser is bounded by its
+// count of values, not its size.
+TEST(KernelTransport, AMessageOfMoreValuesThanTheBoundIsNotParsed) {
+    LogCapture log;
+    std::string numbers = "[0";  // the array and its numbers: one value more than the bound
+    for (std::size_t i = 1; i < kMostMessageValues; ++i) numbers += ",0";
+    EXPECT_TRUE(parseMessageText(numbers + "]").isNull());
+    EXPECT_TRUE(log.contains("not parsed: more than 2000000 values", LOG_ERROR));
+    const std::string long_text = "[\"" + std::string(numbers.size(), 'x') + "\"]";
+    EXPECT_TRUE(parseMessageText(long_text).isArray());
 }
 
 TEST(KernelTransport, AControllerThatStopsReadingLosesTrackingTargetsButNeverAGripperSetting) {
