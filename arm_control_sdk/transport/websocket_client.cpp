@@ -75,6 +75,7 @@ bool WebSocketClient::open(double timeout_seconds) {
         close_sent_ = false;
         ended_locally_ = false;
         last_heard_ = std::chrono::steady_clock::now();
+        may_hold_handshake_bytes_ = true;
         open_ = true;
         return true;
     } catch (const Poco::Exception& e) {
@@ -117,9 +118,12 @@ bool WebSocketClient::receiveMessage(std::string& message) {
 // the kernel, which alone poll() sees.
 bool WebSocketClient::waitForData(WebSocket& socket) {
     constexpr auto kPollStep = std::chrono::milliseconds(250);
+    if (may_hold_handshake_bytes_) {
+        if (socket.available() > 0) return true;
+        may_hold_handshake_bytes_ = false;
+    }
     bool pinged = false;
     for (;;) {
-        if (socket.available() > 0) return true;
         if (socket.poll(toTimespan(kPollStep), Poco::Net::Socket::SELECT_READ | Poco::Net::Socket::SELECT_ERROR)) {
             return true;
         }

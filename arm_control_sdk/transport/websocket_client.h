@@ -104,6 +104,10 @@ private:
     std::atomic<bool> close_sent_{false};               // a close frame has gone out
     std::atomic<bool> ended_locally_{false};            // close()/abort() was asked for: no loss to log
     std::chrono::steady_clock::time_point last_heard_;  // receive thread only
+    // The socket object may still hold bytes read with the handshake's
+    // answer; once it holds none it reads from the kernel only. Set by open(),
+    // then receive thread only.
+    bool may_hold_handshake_bytes_ = false;
     // The streamed-message gate, guarded by send_mutex_.
     bool peer_behind_ = false;
     std::uint64_t dropped_streamed_ = 0;
