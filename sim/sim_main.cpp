@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "arm_kinematics.h"
+#include "real_time.h"
 #include "sim_controller.h"
 
 namespace {
@@ -105,6 +106,13 @@ int main(int argc, char** argv) {
         return 1;
     }
     installStopHandlers();
+    // Threads inherit the scheduling of the thread that starts them: set
+    // before the controller starts any, it holds for all of them.
+    if (options.rt_priority > 0) {
+        kelm::RealTimeSetting real_time;
+        real_time.priority = options.rt_priority;
+        kelm::applyRealTime(pthread_self(), real_time, "kelm_sim");
+    }
     std::unique_ptr<kelm::sim::SimController> running;
     try {
         running = std::make_unique<kelm::sim::SimController>(options);

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "real_time.h"
+
 namespace kelm {
 namespace sim {
 namespace {
@@ -41,6 +43,7 @@ enum OptionId {
     kScene,
     kTaskScene,
     kSeed,
+    kRtPriority,
 };
 
 const option kLongOptions[] = {
@@ -72,6 +75,7 @@ const option kLongOptions[] = {
     {"scene", required_argument, nullptr, kScene},
     {"task-scene", required_argument, nullptr, kTaskScene},
     {"seed", required_argument, nullptr, kSeed},
+    {"rt-priority", required_argument, nullptr, kRtPriority},
     {"quiet", no_argument, nullptr, kQuiet},
     {"help", no_argument, nullptr, kHelp},
     {nullptr, 0, nullptr, 0},
@@ -196,6 +200,11 @@ bool applyOption(int id, const char* argument, SimOptions& options) {
             return true;
         case kStopStreaming: return readNumber(argument, 0.0, 1e6, options.stop_streaming_after);
         case kCloseAfter: return readNumber(argument, 0.0, 1e6, options.close_after);
+        case kRtPriority:
+            if (!readInteger(argument, RealTimeSetting::kLowestPriority, RealTimeSetting::kHighestPriority, integer))
+                return false;
+            options.rt_priority = static_cast<int>(integer);
+            return true;
         case kQuiet: options.quiet = true; return true;
         default: return false;
     }
@@ -255,6 +264,8 @@ std::string simUsage(const char* program) {
          << "  -r, --rate HZ               state frames per second (default 500)\n"
          << "      --model FILE.urdf       the arm's URDF model (default: the built-in arm)\n"
          << "      --reply-latency-us US   least time before a reply (default 10000)\n"
+         << "      --rt-priority N         run every thread at real-time priority N (1 to 99,\n"
+         << "                              SCHED_FIFO) with memory locked, as a controller does\n"
          << "Physics:\n"
          << "      --scene FILE.xml        simulate the arms as bodies in this MuJoCo scene (a\n"
          << "                              name alone is looked up among the installed scenes:\n"

@@ -36,6 +36,9 @@ struct SimOptions {
     OperatorSettings hand;
     WallSettings wall;
     bool quiet = false;  // no status line
+    // SCHED_FIFO priority of every thread of the simulator, with its memory
+    // locked, as a real controller runs; 0: normal scheduling.
+    int rt_priority = 0;
 
     // Faults from the start.
     std::vector<std::string> drop_replies;  // commands whose replies are dropped; "all" for any

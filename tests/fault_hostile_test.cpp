@@ -17,6 +17,7 @@
 #include "log_capture.h"
 #include "state_frame_builder.h"
 #include "test_peer.h"
+#include "websocket_client.h"
 
 namespace kelm {
 namespace test {
@@ -80,8 +81,10 @@ const HostileCase kCases[] = {
      [](TestPeer& p) {
          const auto id = p.server().connectionIds().at(0);
          const std::string chunk(64 * 1024, 'c');
+         const std::size_t past_the_limit = WebSocketClient::kMaxMessageBytes / chunk.size() + 8;
          p.server().sendFrame(id, chunk, Poco::Net::WebSocket::FRAME_OP_TEXT);
-         for (int i = 0; i < 40 && p.server().sendFrame(id, chunk, Poco::Net::WebSocket::FRAME_OP_CONT); ++i) {
+         for (std::size_t i = 0;
+              i < past_the_limit && p.server().sendFrame(id, chunk, Poco::Net::WebSocket::FRAME_OP_CONT); ++i) {
          }
      },
      Outcome::Dropped, "message too big"},

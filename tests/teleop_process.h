@@ -5,11 +5,15 @@
 // a reader thread of this object, so the child never blocks on a full pipe,
 // and a test can wait (with a time limit) for a line to appear. The destructor
 // kills and reaps a child that is still running, so no process is left behind
-// when a test fails half-way. All members are called from the test's thread.
+// when a test fails half-way. The child gets this process's environment plus
+// `extra_environment` ("NAME=VALUE" entries), and normal scheduling whatever
+// the thread that starts it runs at. All members are called from the test's
+// thread.
 #pragma once
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -29,7 +33,8 @@ extern char** environ;
 
 class TeleopProcess {
 public:
-    TeleopProcess(const std::string& program, const std::vector<std::string>& args) {
+    TeleopProcess(const std::string& program, const std::vector<std::string>& args,
+                  std::vector<std::string> extra_environment = {}) {
         int out_pipe[2];
         int err_pipe[2];
         if (pipe2(out_pipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
@@ -61,9 +66,18 @@ public:
         sigaddset(&sigint_only, SIGINT);
         posix_spawnattr_setsigmask(&attributes, &no_signals);
         posix_spawnattr_setsigdefault(&attributes, &sigint_only);
-        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+        const sched_param normal_priority{};
+        posix_spawnattr_setschedpolicy(&attributes, SCHED_OTHER);
+        posix_spawnattr_setschedparam(&attributes, &normal_priority);
+        posix_spawnattr_setflags(&attributes,
+                                 POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSCHEDULER);
 
-        const int spawn_error = posix_spawn(&pid_, program.c_str(), &actions, &attributes, argv.data(), environ);
+        std::vector<char*> environment;
+        for (char** entry = environ; *entry != nullptr; ++entry) environment.push_back(*entry);
+        for (auto& entry : extra_environment) environment.push_back(entry.data());
+        environment.push_back(nullptr);
+        const int spawn_error =
+            posix_spawn(&pid_, program.c_str(), &actions, &attributes, argv.data(), environment.data());
         posix_spawn_file_actions_destroy(&actions);
         posix_spawnattr_destroy(&attributes);
         close(out_pipe[1]);

@@ -11,7 +11,9 @@
 // never call cmd_server on its own connection (the reply would have to come
 // through the thread that waits), but may publish. A callback may destroy
 // its own manager (drop its last owner): the destruction happens there, and
-// the walk that called the callback ends with it.
+// the walk that called the callback ends with it. The receive thread, and so
+// every callback, runs at a real-time priority when asked for through
+// comm_client->setRealTime() or KELM_RT_PRIORITY (communication_client.h).
 //
 // The four callback maps are plain public maps. The register, release and
 // firing operations of this class are safe from any thread, also from a

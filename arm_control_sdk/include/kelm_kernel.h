@@ -222,7 +222,9 @@ public:
     // `mode` 0 to 4 (1 PV, 2 MIT, 3 drag, 4 force-position hybrid).
     int set_control_mode(int mode);
     // Published without waiting: `pos` clamped to 0..0.08, `tau` to 0..20.0;
-    // NaN is refused. 1 when the message went out.
+    // NaN is refused. 1 when the message went out; never dropped for a
+    // controller that reads slowly (it waits for room in the socket, as a
+    // request does).
     int set_end_effector(double pos, double tau);
     int set_collision_config(bool flag, int level);
     // `is_master`: 1 for a master arm, 2 for a slave arm.
@@ -258,8 +260,13 @@ public:
     // (x, y, z, quaternion x, y, z, w) gets its quaternion normalised.
     // `gripper` < 0 means no gripper data; it is clamped to 0.08. -1 for an
     // illegal value, a wrong length or a failed send; refusals are logged.
+    // While more than WebSocketClient::kStreamBacklogBytes sent to the
+    // controller stay unread, the target is dropped (-1) instead of queued:
+    // the next one supersedes it. The transport logs when that starts and
+    // when it ends, with the count.
     int tracking(const std::vector<double>& target, bool is_joint, const double& gripper);
-    // Publishes one torque per joint and the end-effector torque unchanged.
+    // Publishes one torque per joint and the end-effector torque unchanged;
+    // dropped like a tracking target while the controller does not read.
     int set_redundancy_tau(const std::vector<double>& redundancy_tau, const double& eeff_tau);
 
     // ---- task waiting and errors ----

@@ -39,6 +39,10 @@ namespace keys = frame_keys;
 constexpr size_t kMaxDepth = 64;
 // Room for a few frames; the parser grows for longer messages.
 constexpr size_t kInitialCapacity = 64 * 1024;
+// A frame is a few kilobytes per arm. A longer message (a kinematics batch
+// reply) is no frame: it goes to jsoncpp at once, and the thread's parser
+// never grows to its size and keeps that memory.
+constexpr size_t kLargestFrameBytes = 1024 * 1024;
 // Indexed objects per message: a frame of one arm has about a dozen.
 constexpr size_t kMostObjects = 128;
 
@@ -229,7 +233,7 @@ Lease::~Lease() {
 }
 
 Lease read(const std::string& text) {
-    if (!reader.usable || reader.leased) return Lease();
+    if (!reader.usable || reader.leased || text.size() > kLargestFrameBytes) return Lease();
     element root;
     if (reader.parser.parse(text.c_str(), std::strlen(text.c_str())).get(root) != simdjson::SUCCESS) return Lease();
     reader.check.restart();

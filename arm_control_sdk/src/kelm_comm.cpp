@@ -21,10 +21,15 @@ constexpr useconds_t kReconnectPauseUs = 1000000;
 constexpr useconds_t kAfterConnectPauseUs = 100000;
 constexpr useconds_t kReplyPollUs = 100;
 
-// Streaming requests go out at the frame rate and write no log line.
+// A tracking target and the redundancy torques are streams whose next
+// message supersedes the last: one may be dropped rather than queued.
+bool isSupersedingStream(const std::string& command, const std::string& task_id) {
+    return task_id == protocol::kTrackingTaskId || command == protocol::kRedundancyTauCommand;
+}
+
+// Streaming requests go out without a wait for a reply and write no log line.
 bool isStreamingRequest(const std::string& command, const std::string& task_id) {
-    return task_id == protocol::kTrackingTaskId || command == protocol::kRedundancyTauCommand ||
-           command == protocol::kEndEffectorCommand;
+    return isSupersedingStream(command, task_id) || command == protocol::kEndEffectorCommand;
 }
 
 // Runs cmd_recv's work on `message` under its handlers: an exception is
@@ -179,8 +184,9 @@ bool KelmCommManager::cmd_publish(const Json::Value& request, std::string& task_
         KELM_LOG(LOG_INFO, "task [%s]--- %s", message["command"].asCString(), message["task_key"].asCString());
     }
     // A streamed target is dropped rather than queued behind a controller
-    // that stops reading: the next one makes it stale.
-    if (isStreamingRequest(command, task_id)) return comm_client->sendLatest(message) == 1;
+    // that stops reading: the next one makes it stale. Every other message,
+    // a gripper setting included, waits for room in the socket.
+    if (isSupersedingStream(command, task_id)) return comm_client->sendLatest(message) == 1;
     return comm_client->sendRequest(message) == 1;
 }
 

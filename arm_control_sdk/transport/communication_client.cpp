@@ -18,6 +18,9 @@ namespace {
 // it cuts the connection.
 constexpr std::chrono::milliseconds kCloseHandshakeTimeout(500);
 
+// Room for state frames of several arms, kept from message to message.
+constexpr std::size_t kKeptMessageCapacity = 256 * 1024;
+
 // The client whose receive thread this is, if it is one. Unlike the member
 // receive_thread_, it stays right while another thread is joining this one.
 thread_local const CommunicationClient* receiving_for = nullptr;
@@ -162,8 +165,14 @@ private:
 
 thread_local CommunicationClient::Connection* CommunicationClient::serving_ = nullptr;
 
+std::string CommunicationClient::receiveThreadName(const Connection& connection) {
+    return "the delivery thread of " + connection.client->endpoint();
+}
+
 CommunicationClient::CommunicationClient()
-    : delivery_(std::make_shared<Delivery>()), writer_builder_(compactWriterBuilder()) {}
+    : delivery_(std::make_shared<Delivery>()),
+      real_time_(realTimeSettingFromEnvironment()),
+      writer_builder_(compactWriterBuilder()) {}
 
 // Inside a callback on its own receive thread the thread is left to unwind:
 // it touches only the shared Connection and Delivery until it ends. Any
@@ -186,6 +195,19 @@ void CommunicationClient::releaseListener(iRecieveListener* listener) { delivery
 void CommunicationClient::setClientHandle(std::shared_ptr<BasicClientInterface> client) {
     std::lock_guard<std::mutex> lock(state_mutex_);
     client_ = std::move(client);
+}
+
+void CommunicationClient::setRealTime(const RealTimeSetting& setting) {
+    std::lock_guard<std::mutex> lock(state_mutex_);
+    real_time_ = setting;
+    if (receive_thread_.joinable() && connection_ && setting.asksForAnything()) {
+        applyRealTime(receive_thread_.native_handle(), setting, receiveThreadName(*connection_));
+    }
+}
+
+RealTimeSetting CommunicationClient::realTime() {
+    std::lock_guard<std::mutex> lock(state_mutex_);
+    return real_time_;
 }
 
 void CommunicationClient::setSendRate(double rate) { send_rate_ = rate; }
@@ -248,7 +270,7 @@ int CommunicationClient::startReceiveThread(const std::shared_ptr<Connection>& c
                                             int port) {
     try {
         std::lock_guard<std::mutex> lock(state_mutex_);
-        std::thread thread(&CommunicationClient::receiveLoop, this, connection, delivery_);
+        std::thread thread(&CommunicationClient::receiveLoop, this, connection, delivery_, real_time_);
         connection_ = connection;
         receive_thread_ = std::move(thread);
     } catch (const std::system_error& e) {
@@ -381,9 +403,11 @@ void CommunicationClient::stopConnection(const std::shared_ptr<Connection>& conn
 
 // Serves the first connection and every connection that a callback opens in
 // its place, one after the other.
-void CommunicationClient::receiveLoop(std::shared_ptr<Connection> connection, std::shared_ptr<Delivery> delivery) {
+void CommunicationClient::receiveLoop(std::shared_ptr<Connection> connection, std::shared_ptr<Delivery> delivery,
+                                      RealTimeSetting real_time) {
     receiving_for = this;
     connection->receive_thread = std::this_thread::get_id();
+    if (real_time.asksForAnything()) applyRealTime(pthread_self(), real_time, receiveThreadName(*connection));
     while (connection) {
         serving_ = connection.get();
         if (!connection->upReported()) {
@@ -416,6 +440,9 @@ void CommunicationClient::receiveUntilEnded(Connection& connection, Delivery& de
         }
         if (!received || connection.stop_requested) return;
         delivery.deliver(message);
+        // The buffer is kept for the next message, unless a rare large one
+        // (a kinematics batch reply) made it grow.
+        if (message.capacity() > kKeptMessageCapacity) std::string().swap(message);
     }
 }
 

@@ -35,6 +35,12 @@
 //   connect(), or after disConnect() has returned on a thread that is no
 //   receive thread).
 //
+// Real-time scheduling (opt-in, see real_time.h): setRealTime() puts the
+// receive thread, and with it every callback and every send made from one,
+// at a SCHED_FIFO priority and optionally on one CPU. A client starts with
+// realTimeSettingFromEnvironment(), so that the tool and Python programs ask
+// for it through KELM_RT_PRIORITY and KELM_CPU; without them nothing changes.
+//
 // Rates: setSendRate() and setRecvRate() are stored and carried over from
 // one connection to the next, but they do not pace anything: every request
 // goes out when sendRequest() is called and every message is delivered as
@@ -53,6 +59,7 @@
 
 #include "basic_client_interface.h"
 #include "i_recieve_listener.h"
+#include "real_time.h"
 
 namespace kelm {
 
@@ -73,6 +80,11 @@ public:
     // Takes shared ownership of the socket client used by the next connect().
     // A connection that stands keeps the client it was opened with.
     void setClientHandle(std::shared_ptr<BasicClientInterface> client);
+    // Applies `setting` to the receive thread now running, if any, and to
+    // every one started later. A setting that asks for nothing leaves a
+    // running thread as it is.
+    void setRealTime(const RealTimeSetting& setting);
+    RealTimeSetting realTime();
     void setSendRate(double rate);
     void setRecvRate(double rate);
     // Ends any earlier connection, then opens the socket client's endpoint.
@@ -108,7 +120,8 @@ private:
     struct Connection;
     struct Delivery;
 
-    void receiveLoop(std::shared_ptr<Connection> connection, std::shared_ptr<Delivery> delivery);
+    void receiveLoop(std::shared_ptr<Connection> connection, std::shared_ptr<Delivery> delivery,
+                     RealTimeSetting real_time);
     void receiveUntilEnded(Connection& connection, Delivery& delivery);
     int adoptOnThisThread(const std::shared_ptr<Connection>& connection);
     int startReceiveThread(const std::shared_ptr<Connection>& connection, const std::string& ip, int port);
@@ -117,6 +130,7 @@ private:
     void stopWithoutWaiting();
     bool lockLifecycle(std::unique_lock<std::mutex>& lifecycle);
     bool onReceiveThread() const;  // on this client's receive thread
+    static std::string receiveThreadName(const Connection& connection);
     bool endCurrentConnection();
 
     // The connection that the receive thread running now is serving.
@@ -124,10 +138,11 @@ private:
 
     std::shared_ptr<Delivery> delivery_;
     std::mutex lifecycle_mutex_;  // serialises connect() and disConnect() between threads
-    std::mutex state_mutex_;      // guards the three members below, held briefly
+    std::mutex state_mutex_;      // guards the four members below, held briefly
     std::shared_ptr<BasicClientInterface> client_;
     std::shared_ptr<Connection> connection_;
     std::thread receive_thread_;
+    RealTimeSetting real_time_;
     std::atomic<double> send_rate_{0.0};
     std::atomic<double> recv_rate_{0.0};
     const Json::StreamWriterBuilder writer_builder_;

@@ -70,11 +70,12 @@ bool WebSocketClient::open(double timeout_seconds) {
         socket->setSendTimeout(kSendTimeout);
         socket->setMaxPayloadSize(static_cast<int>(kMaxMessageBytes));
 
-        std::lock_guard<std::mutex> lock(send_mutex_);
+        std::lock_guard<PriorityInheritanceMutex> lock(send_mutex_);
         socket_ = std::move(socket);
         close_sent_ = false;
         ended_locally_ = false;
         last_heard_ = std::chrono::steady_clock::now();
+        may_hold_handshake_bytes_ = true;
         open_ = true;
         return true;
     } catch (const Poco::Exception& e) {
@@ -88,7 +89,7 @@ bool WebSocketClient::open(double timeout_seconds) {
 bool WebSocketClient::receiveMessage(std::string& message) {
     std::shared_ptr<WebSocket> socket;
     {
-        std::lock_guard<std::mutex> lock(send_mutex_);
+        std::lock_guard<PriorityInheritanceMutex> lock(send_mutex_);
         socket = socket_;
     }
     if (!socket || !open_) return false;
@@ -112,9 +113,15 @@ bool WebSocketClient::receiveMessage(std::string& message) {
 
 // Waits until the peer has sent something, pinging it once when it has been
 // quiet for kQuietBeforePing; false when the connection ended or the
-// silence reached kSilenceLimit.
+// silence reached kSilenceLimit. Bytes the socket object holds already
+// (those that came with the handshake's answer) count as well as those in
+// the kernel, which alone poll() sees.
 bool WebSocketClient::waitForData(WebSocket& socket) {
     constexpr auto kPollStep = std::chrono::milliseconds(250);
+    if (may_hold_handshake_bytes_) {
+        if (socket.available() > 0) return true;
+        may_hold_handshake_bytes_ = false;
+    }
     bool pinged = false;
     for (;;) {
         if (socket.poll(toTimespan(kPollStep), Poco::Net::Socket::SELECT_READ | Poco::Net::Socket::SELECT_ERROR)) {
@@ -152,7 +159,7 @@ bool WebSocketClient::sendText(const std::string& text) {
 }
 
 bool WebSocketClient::sendFrame(const void* data, std::size_t length, int flags) {
-    std::lock_guard<std::mutex> lock(send_mutex_);
+    std::lock_guard<PriorityInheritanceMutex> lock(send_mutex_);
     if (!socket_ || !open_ || close_sent_) return false;
     try {
         const int sent = socket_->sendFrame(data, static_cast<int>(length), flags);
@@ -168,7 +175,7 @@ bool WebSocketClient::sendFrame(const void* data, std::size_t length, int flags)
 }
 
 bool WebSocketClient::sendLatestText(const std::string& text) {
-    std::lock_guard<std::mutex> lock(send_mutex_);
+    std::lock_guard<PriorityInheritanceMutex> lock(send_mutex_);
     if (!socket_ || !open_ || close_sent_) return false;
     if (!peerKeepsUpLocked()) return false;
     try {
@@ -227,7 +234,7 @@ void WebSocketClient::shutdownLocked() {
 
 void WebSocketClient::answerClose(const std::string& close_payload) {
     const bool we_started = close_sent_.exchange(true);
-    std::lock_guard<std::mutex> lock(send_mutex_);
+    std::lock_guard<PriorityInheritanceMutex> lock(send_mutex_);
     if (socket_ && !we_started) {
         KELM_LOG(LOG_ERROR, "WebSocket %s: connection closed by peer (status %u)", endpoint().c_str(),
                  closeStatusOf(close_payload));
@@ -252,7 +259,7 @@ void WebSocketClient::close() {
 }
 
 void WebSocketClient::sendClose(unsigned status) {
-    std::lock_guard<std::mutex> lock(send_mutex_);
+    std::lock_guard<PriorityInheritanceMutex> lock(send_mutex_);
     if (!socket_ || !open_ || close_sent_.exchange(true)) return;
     try {
         socket_->shutdown(static_cast<Poco::UInt16>(status));
@@ -262,7 +269,7 @@ void WebSocketClient::sendClose(unsigned status) {
 }
 
 void WebSocketClient::abort() {
-    std::lock_guard<std::mutex> lock(send_mutex_);
+    std::lock_guard<PriorityInheritanceMutex> lock(send_mutex_);
     ended_locally_ = true;
     shutdownLocked();
 }

@@ -2,6 +2,8 @@
 
 #include <Poco/Buffer.h>
 
+#include <algorithm>
+
 namespace kelm {
 
 namespace {
@@ -17,6 +19,13 @@ ReadOutcome protocolError(std::string error, unsigned status = WebSocket::WS_PRO
     outcome.error = std::move(error);
     outcome.close_status = status;
     return outcome;
+}
+
+// Grows `message` geometrically, as append would, but never beyond `limit`:
+// a message at the limit is held once, not in a buffer of twice its size.
+void reserveWithin(std::string& message, std::size_t needed, std::size_t limit) {
+    if (message.capacity() >= needed) return;
+    message.reserve(std::min(limit, std::max(needed, 2 * message.capacity())));
 }
 
 }  // namespace
@@ -55,6 +64,7 @@ ReadOutcome readMessage(WebSocket& socket, std::string& message, std::size_t max
                 if (message.size() + size > max_message_bytes) {
                     return protocolError("message too big", WebSocket::WS_PAYLOAD_TOO_BIG);
                 }
+                reserveWithin(message, message.size() + size, max_message_bytes);
                 message.append(frame.begin(), size);
                 if (isFinal(flags)) return ReadOutcome{ReadOutcome::MESSAGE, {}, {}, 0};
                 break;

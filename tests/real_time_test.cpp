@@ -1,0 +1,116 @@
+// Real-time scheduling of a connection's delivery thread: applied where the
+// process may use it; refused with one log line, the delivery going on at
+// normal priority, where it may not (a process without CAP_SYS_NICE and
+// with an RLIMIT_RTPRIO of 0, made in a child process).
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "client_endpoint.h"
+#include "log_capture.h"
+
+namespace kelm {
+namespace {
+
+using test::ClientEndpoint;
+using test::LogCapture;
+using test::Recorder;
+using test::TestPeer;
+
+constexpr int kPriority = 10;
+
+struct Scheduling {
+    int policy = -1;
+    int priority = -1;
+    int cpus = 0;  // CPUs the thread may run on
+    bool operator==(const Scheduling& other) const {
+        return policy == other.policy && priority == other.priority && cpus == other.cpus;
+    }
+};
+
+Scheduling schedulingOfThisThread() {
+    Scheduling scheduling;
+    sched_param parameters{};
+    pthread_getschedparam(pthread_self(), &scheduling.policy, &parameters);
+    scheduling.priority = parameters.sched_priority;
+    cpu_set_t cpus;
+    pthread_getaffinity_np(pthread_self(), sizeof cpus, &cpus);
+    scheduling.cpus = CPU_COUNT(&cpus);
+    return scheduling;
+}
+
+// Whether this process may run a thread at SCHED_FIFO kPriority, tried on a thread of its own.
+bool mayUseRealTime() {
+    bool allowed = false;
+    std::thread([&] {
+        sched_param parameters{};
+        parameters.sched_priority = kPriority;
+        allowed = pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters) == 0;
+    }).join();
+    return allowed;
+}
+
+// Connects, has the peer send one message and returns the scheduling of the
+// thread that delivered it.
+Scheduling deliveryScheduling(ClientEndpoint& endpoint, TestPeer& peer) {
+    Recorder<Scheduling> seen;
+    endpoint.hook = [&](const std::string&) { seen.add(schedulingOfThisThread()); };
+    if (endpoint.connect() != 1 || !peer.waitForConnections(1) || !peer.sendText("probe") || !seen.waitForCount(1))
+        return Scheduling{};
+    endpoint.client.disConnect();
+    return seen.values().at(0);
+}
+
+// Drops CAP_SYS_NICE, which overrides the limit, and limits real-time priorities to 0.
+void forbidRealTime() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct capabilities[_LINUX_CAPABILITY_U32S_3] = {};
+    syscall(SYS_capget, &header, capabilities);
+    const unsigned nice_bit = 1u << (CAP_SYS_NICE % 32);
+    capabilities[CAP_SYS_NICE / 32].effective &= ~nice_bit;
+    capabilities[CAP_SYS_NICE / 32].permitted &= ~nice_bit;
+    syscall(SYS_capset, &header, capabilities);
+    const rlimit none{0, 0};
+    setrlimit(RLIMIT_RTPRIO, &none);
+}
+
+TEST(RealTime, TheDeliveryThreadRunsAtTheAskedPriorityOnTheAskedCpu) {
+    if (!mayUseRealTime()) GTEST_SKIP() << "this process may not use real-time scheduling";
+    LogCapture log;
+    TestPeer peer;
+    ClientEndpoint endpoint(peer);
+    RealTimeSetting setting;
+    setting.priority = kPriority;
+    setting.cpu = 0;
+    endpoint.client.setRealTime(setting);
+    EXPECT_EQ(deliveryScheduling(endpoint, peer), (Scheduling{SCHED_FIFO, kPriority, 1}));
+    EXPECT_TRUE(log.contains("runs at real-time priority 10 (SCHED_FIFO)"));
+}
+
+TEST(RealTimeDeathTest, ARefusedPriorityIsOneLogLineAndDeliveryGoesOnAtNormalPriority) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            forbidRealTime();
+            setenv(RealTimeSetting::kPriorityVariable, std::to_string(kPriority).c_str(), 1);
+            LogCapture log;
+            TestPeer peer;
+            ClientEndpoint endpoint(peer);
+            const Scheduling seen = deliveryScheduling(endpoint, peer);
+            const std::size_t refusals = log.count("real-time priority 10 refused", LOG_ERROR);
+            std::fprintf(stderr, "policy %d, priority %d, refusal lines %zu\n", seen.policy, seen.priority, refusals);
+            std::_Exit(seen.policy == SCHED_OTHER && refusals == 1 ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "policy 0, priority 0, refusal lines 1");
+}
+
+}  // namespace
+}  // namespace kelm
