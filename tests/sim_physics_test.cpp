@@ -84,20 +84,25 @@ TEST(PhysicsGripper, HoldsTheCubeThroughAFastLiftAndFeelsItsWeight) {
     arm.kinematics.jacobian(joints, jacobian);
     const KDL::Vector r = held - arm.kinematics.flange(joints).p, weight(0.0, 0.0, -kCubeMass * 9.81);
     std::vector<double> expected(6), measured(6, 0.0);
-    double largest = 0.0;
     for (int j = 0; j < 6; ++j) {
         const KDL::Vector v(jacobian[j], jacobian[6 + j], jacobian[12 + j]);
         const KDL::Vector w(jacobian[18 + j], jacobian[24 + j], jacobian[30 + j]);
         expected[j] = KDL::dot(weight, v + w * r);
-        largest = std::max(largest, std::fabs(expected[j]));
     }
-    constexpr int kSamples = 20;
+    // Averaged over a second: a cube held by friction sways a little after the lift.
+    constexpr int kSamples = 50;
     for (int s = 0; s < kSamples; ++s) {
         const std::vector<double> tau = arm.kernel->get_joint_external_tau();
         for (int j = 0; j < 6; ++j) measured[j] += tau.at(j) / kSamples;
-        std::this_thread::sleep_for(10ms);
+        std::this_thread::sleep_for(20ms);
     }
-    for (int j = 0; j < 6; ++j) EXPECT_NEAR(measured[j], expected[j], 0.02 * largest) << "joint " << j + 1;
+    double error = 0.0, size = 0.0;
+    for (int j = 0; j < 6; ++j) {
+        error += (measured[j] - expected[j]) * (measured[j] - expected[j]);
+        size += expected[j] * expected[j];
+    }
+    std::printf("held cube: |measured - Jᵀ·m·g| = %.4f Nm of |Jᵀ·m·g| = %.4f Nm\n", std::sqrt(error), std::sqrt(size));
+    EXPECT_LT(std::sqrt(error), 0.02 * std::sqrt(size));
 }
 
 TEST(PhysicsContact, PressingOnTheTablePushesTheFlangeUp) {
