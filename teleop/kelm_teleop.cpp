@@ -123,7 +123,7 @@ constexpr double kGripperAfterHoming = 0.06;
 
 constexpr double kJointGripperDivisor = 0.6;
 constexpr double kPoseGripperDivisor = 0.8;
-constexpr double kGripperUpper = 0.08;
+constexpr double kGripperUpper = kelm::kGripperMaxPos;
 constexpr double kGripperLower = 0.0;
 constexpr size_t kMirroredJointCount = 6;
 
@@ -155,7 +155,7 @@ void mirrorJoints(std::vector<double>& joints) {
 // warning ends the teleoperation just like an error.
 void onKelmError(int code, std::string msg) {
     error_flag = true;
-    if (code == 3001) {
+    if (code == kelm::WARN_MESSAGE) {
         std::printf("收到警告, msg = %s\n", msg.c_str());
     } else {
         std::printf("收到错误, code = %d, msg = %s\n", code, msg.c_str());
@@ -278,8 +278,9 @@ namespace {
 // Master into drag mode, slave into MIT mode; both calls are made whatever the
 // first returns.
 bool enterDragAndMitModes() {
-    const int master_result = kelm1_->set_control_mode(3);
-    const int slave_result = kelm2_->set_control_mode(2);
+    // Control modes share their numbers with the modes the frames report.
+    const int master_result = kelm1_->set_control_mode(kelm::CURRENT);  // drag
+    const int slave_result = kelm2_->set_control_mode(kelm::MIT);
     if (master_result != 1 || slave_result != 1) {
         std::cout << "初始化失败！！！请检查机器是否连接或者有错误." << std::endl;
         return false;
@@ -402,8 +403,8 @@ void runLoop() {
 void restorePositionMode() {
     std::cout << "退出遥操，臂恢复为位置模式." << std::endl;
     try {
-        kelm1_->set_control_mode(1);
-        kelm2_->set_control_mode(1);
+        kelm1_->set_control_mode(kelm::POSITION);
+        kelm2_->set_control_mode(kelm::POSITION);
     } catch (const std::exception& e) {
         std::cout << "设置位置模式时出错: " << e.what() << std::endl;
     }

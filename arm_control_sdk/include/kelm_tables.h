@@ -20,6 +20,10 @@
 
 namespace kelm {
 
+// The widest gripper opening the controller takes [m]; gripper settings and
+// streamed gripper targets are clamped to 0 .. this.
+constexpr double kGripperMaxPos = 0.08;
+
 // The controller's finite-state mode, as reported in the state frames.
 enum FsmMode : int {
     ERROR = -1,

@@ -6,6 +6,8 @@
 // with it by construction.
 #pragma once
 
+#include "kelm_tables.h"
+
 namespace kelm {
 namespace protocol {
 
@@ -23,7 +25,7 @@ constexpr char kEndEffectorCommand[] = "setEffectorCtr";
 constexpr char kTaskReceived[] = "Task_Recieve";  // `recv` of a request the controller took
 
 // ---- limits that settings and streamed targets are clamped to ----
-constexpr double kGripperMaxPos = 0.08;  // gripper opening [m]; the lower limit is 0
+using kelm::kGripperMaxPos;              // gripper opening [m]; the lower limit is 0
 constexpr double kGripperMaxTau = 20.0;  // gripper torque; the lower limit is 0
 constexpr double kSpeedLevelMax = 10.0;  // speed level; the lower limit is 0
 constexpr int kResponseLevelMin = 1;
