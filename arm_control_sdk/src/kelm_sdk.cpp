@@ -5,6 +5,7 @@
 #include "callback_registry.h"
 #include "kelm_kernel.h"
 #include "log_manager.h"
+#include "motion_checks.h"
 #include "protocol.h"
 #include "status_field.h"
 
@@ -98,9 +99,9 @@ int KelmKernelImpl::read_reply(const char* operation, const Json::Value& reply) 
         }
         return -1;
     }
-    const Json::Value& recv = reply["recv"];
-    if (recv.isString() && recv.asString() == protocol::kTaskReceived) return 1;
-    const Json::Value& err_msg = reply["err_msg"];
+    if (motion_checks::isTaskReceived(reply)) return 1;
+    const Json::Value& recv = reply[protocol::key::kRecv];
+    const Json::Value& err_msg = reply[protocol::key::kErrMsg];
     std::string reason = err_msg.isString() ? err_msg.asString() : std::string();
     if (reason.empty()) reason = "the controller answered recv " + recv.toStyledString();
     while (!reason.empty() && reason.back() == '\n') reason.pop_back();

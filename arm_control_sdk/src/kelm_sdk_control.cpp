@@ -10,6 +10,7 @@
 
 #include "kelm_kernel.h"
 #include "log_manager.h"
+#include "motion_checks.h"
 #include "protocol.h"
 #include "status_field.h"
 
@@ -25,21 +26,20 @@ constexpr int kMostJoints = 64;
 
 Json::Value commandBody(const char* command) {
     Json::Value body(Json::objectValue);
-    body["command"] = command;
+    body[protocol::key::kCommand] = command;
     return body;
 }
 
 // 0 below the range, otherwise the smaller of `value` and `upper`.
 double clampFromZero(double value, double upper) { return value < 0.0 ? 0.0 : std::min(value, upper); }
 
-void logIllegalSetting() { KELM_LOG(LOG_ERROR, "error: 输入含有非法值，请检查输入！！！"); }
 
 }  // namespace
 
 int KelmKernelImpl::set_servo_enable(bool enable) {
-    Json::Value body = commandBody("setServoEnable");
-    body["arm_index"] = status_field::load(status.arm_index);
-    body["enable"] = enable;
+    Json::Value body = commandBody(protocol::command::kSetServoEnable);
+    body[protocol::key::kArmIndex] = status_field::load(status.arm_index);
+    body[protocol::key::kEnable] = enable;
     return sendCommand(__func__, body);
 }
 
@@ -50,124 +50,124 @@ int KelmKernelImpl::set_control_mode(int mode) {
         KELM_LOG(LOG_ERROR, "请输入： 1 PV模式，2 MIT模式，3拖动模式，4力位混合模式");
         return refuse_input(__func__);
     }
-    Json::Value body = commandBody("setControlMode");
-    body["arm_index"] = status_field::load(status.arm_index);
-    body["mode"] = mode;
+    Json::Value body = commandBody(protocol::command::kSetControlMode);
+    body[protocol::key::kArmIndex] = status_field::load(status.arm_index);
+    body[protocol::key::kMode] = mode;
     return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::set_end_effector(double pos, double tau) {
     if (std::isnan(pos) || std::isnan(tau)) {
-        logIllegalSetting();
+        motion_checks::logIllegalValue();
         return refuse_input(__func__);
     }
     Json::Value body = commandBody(protocol::kEndEffectorCommand);
-    body["arm_index"] = status_field::load(status.arm_index);
-    body["pos"] = clampFromZero(pos, protocol::kGripperMaxPos);
-    body["tau"] = clampFromZero(tau, protocol::kGripperMaxTau);
+    body[protocol::key::kArmIndex] = status_field::load(status.arm_index);
+    body[protocol::key::kPos] = clampFromZero(pos, protocol::kGripperMaxPos);
+    body[protocol::key::kTau] = clampFromZero(tau, protocol::kGripperMaxTau);
     return publishStream(body);
 }
 
 int KelmKernelImpl::set_collision_config(bool flag, int level) {
-    Json::Value body = commandBody("setCollisionConfig");
-    body["arm_index"] = status_field::load(status.arm_index);
-    body["flag"] = flag;
-    body["level"] = level;
+    Json::Value body = commandBody(protocol::command::kSetCollisionConfig);
+    body[protocol::key::kArmIndex] = status_field::load(status.arm_index);
+    body[protocol::key::kFlag] = flag;
+    body[protocol::key::kLevel] = level;
     return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::set_teleoperation_mode(int is_master) {
-    Json::Value body = commandBody("setTeleoperationMode");
-    body["arm_index"] = status_field::load(status.arm_index);
-    body["is_master"] = is_master;
+    Json::Value body = commandBody(protocol::command::kSetTeleoperationMode);
+    body[protocol::key::kArmIndex] = status_field::load(status.arm_index);
+    body[protocol::key::kIsMaster] = is_master;
     return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::disable_stop() {
     // Addressed to the whole controller: no arm_index.
-    Json::Value body = commandBody("stopSignals");
-    body["stop_id"] = "SIG_ARM_DISABLE";
+    Json::Value body = commandBody(protocol::command::kStopSignals);
+    body[protocol::key::kStopId] = protocol::stop_id::kArmDisable;
     return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::emergency_stop() {
     // Addressed to the whole controller: no arm_index.
-    Json::Value body = commandBody("stopSignals");
-    body["stop_id"] = "SIG_EMERGENCY_STOP";
+    Json::Value body = commandBody(protocol::command::kStopSignals);
+    body[protocol::key::kStopId] = protocol::stop_id::kEmergencyStop;
     return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::task_stop(bool stop_at_once) {
-    Json::Value body = commandBody("stopSignals");
-    body["arm_index"] = status_field::load(status.arm_index);
-    body["stop_id"] = "SIG_TASK_STOP";
-    body["stop_at_once"] = stop_at_once;
+    Json::Value body = commandBody(protocol::command::kStopSignals);
+    body[protocol::key::kArmIndex] = status_field::load(status.arm_index);
+    body[protocol::key::kStopId] = protocol::stop_id::kTaskStop;
+    body[protocol::key::kStopAtOnce] = stop_at_once;
     return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::stop() {
-    Json::Value body = commandBody("stopSignals");
-    body["arm_index"] = status_field::load(status.arm_index);
-    body["stop_id"] = "SIG_ARM_STOP";
-    body["step_cnt"] = kStopStepCount;
+    Json::Value body = commandBody(protocol::command::kStopSignals);
+    body[protocol::key::kArmIndex] = status_field::load(status.arm_index);
+    body[protocol::key::kStopId] = protocol::stop_id::kArmStop;
+    body[protocol::key::kStepCnt] = kStopStepCount;
     return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::pause() {
-    Json::Value body = commandBody("stopSignals");
-    body["arm_index"] = status_field::load(status.arm_index);
-    body["stop_id"] = "SIG_ARM_PAUSE";
-    body["step_cnt"] = kStopStepCount;
+    Json::Value body = commandBody(protocol::command::kStopSignals);
+    body[protocol::key::kArmIndex] = status_field::load(status.arm_index);
+    body[protocol::key::kStopId] = protocol::stop_id::kArmPause;
+    body[protocol::key::kStepCnt] = kStopStepCount;
     return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::recover() {
-    Json::Value body = commandBody("stopSignals");
-    body["arm_index"] = status_field::load(status.arm_index);
-    body["stop_id"] = "SIG_ARM_RECOVER";
-    body["step_cnt"] = kStopStepCount;
+    Json::Value body = commandBody(protocol::command::kStopSignals);
+    body[protocol::key::kArmIndex] = status_field::load(status.arm_index);
+    body[protocol::key::kStopId] = protocol::stop_id::kArmRecover;
+    body[protocol::key::kStepCnt] = kStopStepCount;
     return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::clean_kelm_error() {
     getLogInstance()->reset();
-    Json::Value body = commandBody("setControllerErrorReset");
-    body["arm_index"] = status_field::load(status.arm_index);
+    Json::Value body = commandBody(protocol::command::kSetControllerErrorReset);
+    body[protocol::key::kArmIndex] = status_field::load(status.arm_index);
     return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::set_speed_level(double level, int response_level) {
     if (std::isnan(level)) {
-        logIllegalSetting();
+        motion_checks::logIllegalValue();
         return refuse_input(__func__);
     }
     const int clamped_response = std::min(response_level, protocol::kResponseLevelMax);
-    Json::Value body = commandBody("setSpeedLevel");
-    body["arm_index"] = status_field::load(status.arm_index);
-    body["level"] = clampFromZero(level, protocol::kSpeedLevelMax);
-    body["response_level"] = clamped_response <= 0 ? protocol::kResponseLevelMin : clamped_response;
+    Json::Value body = commandBody(protocol::command::kSetSpeedLevel);
+    body[protocol::key::kArmIndex] = status_field::load(status.arm_index);
+    body[protocol::key::kLevel] = clampFromZero(level, protocol::kSpeedLevelMax);
+    body[protocol::key::kResponseLevel] = clamped_response <= 0 ? protocol::kResponseLevelMin : clamped_response;
     return sendCommand(__func__, body);
 }
 
 int KelmKernelImpl::set_debug(bool trigger) {
     // Addressed to the whole controller: no arm_index.
-    Json::Value body = commandBody("setDebugMode");
-    body["trigger"] = trigger;
+    Json::Value body = commandBody(protocol::command::kSetDebugMode);
+    body[protocol::key::kTrigger] = trigger;
     return sendCommand(__func__, body);
 }
 
 ArmConfig KelmKernelImpl::get_config() {
-    Json::Value body = commandBody("getJointParams");
-    body["arm_index"] = status_field::load(status.arm_index);
+    Json::Value body = commandBody(protocol::command::kGetJointParams);
+    body[protocol::key::kArmIndex] = status_field::load(status.arm_index);
     std::string task_key;
     const Json::Value reply = cmd_server(body, task_key, protocol::kReplyTimeoutMs);
     if (reply == Json::Value()) {
         KELM_LOG(LOG_ERROR, "get config result null");
         return ArmConfig();
     }
-    const Json::Value& params = reply["params"];
+    const Json::Value& params = reply[protocol::key::kParams];
     ArmConfig result;
-    const int dof = params["dof"].asInt();
+    const int dof = params[protocol::key::kDof].asInt();
     if (dof < 0) {
         KELM_LOG(LOG_ERROR, "get config: negative dof %d, taken as 0", dof);
         return result;
@@ -178,8 +178,8 @@ ArmConfig KelmKernelImpl::get_config() {
     }
     result.dof = dof;
     const std::pair<const char*, std::vector<double>*> columns[] = {
-        {"limit_upper", &result.limit_upper}, {"limit_lower", &result.limit_lower}, {"joint_vel", &result.joint_vel},
-        {"joint_acc", &result.joint_acc},     {"joint_dec", &result.joint_dec},     {"joint_jerk", &result.joint_jerk},
+        {protocol::key::kLimitUpper, &result.limit_upper}, {protocol::key::kLimitLower, &result.limit_lower}, {protocol::key::kJointVel, &result.joint_vel},
+        {protocol::key::kJointAcc, &result.joint_acc},     {protocol::key::kJointDec, &result.joint_dec},     {protocol::key::kJointJerk, &result.joint_jerk},
     };
     for (const auto& column : columns) column.second->assign(static_cast<size_t>(dof), 0.0);
     // Joint by joint; an array shorter than dof reads 0 for the joints it lacks.
@@ -193,13 +193,13 @@ ArmConfig KelmKernelImpl::get_config() {
 }
 
 std::string KelmKernelImpl::get_version() {
-    Json::Value body = commandBody("getArmIntrinsicProperties");
-    body["type"] = "version";
-    body["arm_index"] = status_field::load(status.arm_index);
+    Json::Value body = commandBody(protocol::command::kGetArmIntrinsicProperties);
+    body[protocol::key::kType] = protocol::key::kVersion;
+    body[protocol::key::kArmIndex] = status_field::load(status.arm_index);
     std::string task_key;
     const Json::Value reply = cmd_server(body, task_key, protocol::kReplyTimeoutMs);
     if (reply == Json::Value()) return std::string();
-    return reply["version"].asString();
+    return reply[protocol::key::kVersion].asString();
 }
 
 }  // namespace kelm

@@ -23,9 +23,9 @@ constexpr std::size_t kCoordSize = 6;
 
 Json::Value coordinateRequest(const char* command, const char* key, const char* value, int index) {
     Json::Value request;
-    request["command"] = command;
+    request[protocol::key::kCommand] = command;
     request[key] = value;
-    request["index"] = index;
+    request[protocol::key::kIndex] = index;
     return request;
 }
 
@@ -41,17 +41,17 @@ Json::Value firstSixReals(const std::vector<double>& values) {
 
 int writeCoordinate(KelmKernelImpl& kernel, const char* operation, const char* command, int index,
                     const std::vector<double>& coord) {
-    Json::Value request = coordinateRequest(command, "operation", "update", index);
-    request["data"]["coord"] = firstSixReals(coord);
+    Json::Value request = coordinateRequest(command, protocol::key::kOperation, protocol::value::kUpdate, index);
+    request[protocol::key::kData][protocol::key::kCoord] = firstSixReals(coord);
     return submitTask(kernel, operation, request);
 }
 
 // Calibration replies are judged by `result`: "ok" 1, another result -1, no
 // reply or no result -2.
 int calibrationResult(const Json::Value& reply) {
-    if (!reply.isObject() || !reply.isMember("result")) return -2;
-    const Json::Value& result = reply["result"];
-    return result.isString() && result.asString() == "ok" ? 1 : -1;
+    if (!reply.isObject() || !reply.isMember(protocol::key::kResult)) return -2;
+    const Json::Value& result = reply[protocol::key::kResult];
+    return result.isString() && result.asString() == protocol::value::kOk ? 1 : -1;
 }
 
 }  // namespace
@@ -68,14 +68,14 @@ int KelmKernelImpl::get_user_index() {
 
 std::array<double, 7> KelmKernelImpl::get_tool_coordinate(int index) {
     Pose coordinate{};
-    Json::Value body = coordinateRequest("getCoordinate", "type", "tool", index);
+    Json::Value body = coordinateRequest(protocol::command::kGetCoordinate, protocol::key::kType, protocol::key::kTool, index);
     const Json::Value reply = askController(*this, body);
     if (!reply.isObject()) return coordinate;
-    if (reply.isMember("err_msg")) {
+    if (reply.isMember(protocol::key::kErrMsg)) {
         KELM_LOG(LOG_ERROR, "获取工具坐标系失败");
         return coordinate;
     }
-    const Json::Value& values = reply["coordinate"];
+    const Json::Value& values = reply[protocol::key::kCoordinate];
     if (!values.isArray()) return coordinate;
     if (values.size() != kPoseSize) {
         KELM_LOG(LOG_ERROR, "获取工具坐标系失败, 获取位姿维度错误");
@@ -87,10 +87,10 @@ std::array<double, 7> KelmKernelImpl::get_tool_coordinate(int index) {
 
 std::vector<double> KelmKernelImpl::get_user_coordinate(int index) {
     std::vector<double> coordinate;
-    Json::Value body = coordinateRequest("getCoordinate", "type", "user", index);
+    Json::Value body = coordinateRequest(protocol::command::kGetCoordinate, protocol::key::kType, protocol::key::kUser, index);
     const Json::Value reply = askController(*this, body);
-    if (!reply.isObject() || reply.isMember("err_msg")) return coordinate;
-    const Json::Value& values = reply["coordinate"];
+    if (!reply.isObject() || reply.isMember(protocol::key::kErrMsg)) return coordinate;
+    const Json::Value& values = reply[protocol::key::kCoordinate];
     if (!values.isArray()) return coordinate;
     for (const Json::Value& value : values) coordinate.push_back(value.asDouble());
     return coordinate;
@@ -102,40 +102,40 @@ int KelmKernelImpl::set_tool_index(int index) {
         note_refusal(__func__, RefusalKind::invalid_input, "tool index " + std::to_string(index) + " is negative");
         return -1;
     }
-    Json::Value body = coordinateRequest("setToolData", "operation", "change", index);
+    Json::Value body = coordinateRequest(protocol::command::kSetToolData, protocol::key::kOperation, protocol::value::kChange, index);
     return submitTask(*this, __func__, body);
 }
 
 // A negative user index is passed on: the controller decides about it.
 int KelmKernelImpl::set_user_index(int index) {
-    Json::Value body = coordinateRequest("setUserData", "operation", "change", index);
+    Json::Value body = coordinateRequest(protocol::command::kSetUserData, protocol::key::kOperation, protocol::value::kChange, index);
     return submitTask(*this, __func__, body);
 }
 
 int KelmKernelImpl::set_tool_coordinate(int index, std::vector<double> coord) {
-    return writeCoordinate(*this, __func__, "setToolData", index, coord);
+    return writeCoordinate(*this, __func__, protocol::command::kSetToolData, index, coord);
 }
 
 int KelmKernelImpl::set_user_coordinate(int index, std::vector<double> coord) {
-    return writeCoordinate(*this, __func__, "setUserData", index, coord);
+    return writeCoordinate(*this, __func__, protocol::command::kSetUserData, index, coord);
 }
 
 // The controller calibrates a user system from points it has taught itself;
 // `points` is accepted for symmetry with tool_calibtate and not sent.
 int KelmKernelImpl::user_calibrate(int user, const std::vector<std::vector<double>>& /*points*/) {
     Json::Value body;
-    body["command"] = "userCalibration";
-    body["operation"] = "calibrate";
-    body["user"] = user;
+    body[protocol::key::kCommand] = protocol::command::kUserCalibration;
+    body[protocol::key::kOperation] = protocol::key::kCalibrate;
+    body[protocol::key::kUser] = user;
     return calibrationResult(askController(*this, body));
 }
 
 int KelmKernelImpl::tool_calibtate(int tool, const std::vector<std::vector<double>>& points) {
     Json::Value body;
-    body["command"] = "toolCalibrate";
-    Json::Value& data = body["data"];
-    data["tool_index"] = tool;
-    for (const std::vector<double>& point : points) data["pos"].append(firstSixReals(point));
+    body[protocol::key::kCommand] = protocol::command::kToolCalibrate;
+    Json::Value& data = body[protocol::key::kData];
+    data[protocol::key::kToolIndex] = tool;
+    for (const std::vector<double>& point : points) data[protocol::key::kPos].append(firstSixReals(point));
     return calibrationResult(askController(*this, body));
 }
 

@@ -29,12 +29,12 @@ std::string pointKey(const char* word, std::size_t number) {
 
 Json::Value kinematicsRequest(const char* direction, int tool, int user, std::size_t point_count) {
     Json::Value request;
-    request["command"] = "getKinematics";
-    request["task_id"] = direction;
-    Json::Value& data = request["data"];
-    data["user"] = user;
-    data["tool"] = tool;
-    data["point_cnt"] = static_cast<int>(point_count);
+    request[protocol::key::kCommand] = protocol::command::kGetKinematics;
+    request[protocol::key::kTaskId] = direction;
+    Json::Value& data = request[protocol::key::kData];
+    data[protocol::key::kUser] = user;
+    data[protocol::key::kTool] = tool;
+    data[protocol::key::kPointCnt] = static_cast<int>(point_count);
     return request;
 }
 
@@ -47,7 +47,7 @@ int refuseReplyContent(KelmKernelImpl& kernel, const char* operation) {
 
 // The `data` object of a reply, or null when the reply has none.
 const Json::Value& replyData(const Json::Value& reply) {
-    const Json::Value& data = reply["data"];
+    const Json::Value& data = reply[protocol::key::kData];
     return data.isObject() ? data : Json::Value::nullSingleton();
 }
 
@@ -60,7 +60,7 @@ int acceptedPointCount(KelmKernelImpl& kernel, const Json::Value& reply, const c
         KELM_LOG(LOG_INFO, "%s error", operation);
         return kernel.read_reply(operation, reply);
     }
-    const Json::Value& count = replyData(reply)["point_cnt"];
+    const Json::Value& count = replyData(reply)[protocol::key::kPointCnt];
     if (!count.isConvertibleTo(Json::intValue) || count.asInt() < 0) {
         KELM_LOG(LOG_ERROR, "%s error, unusable point_cnt in the reply", operation);
         return refuseReplyContent(kernel, operation);
@@ -79,13 +79,13 @@ void logIllegalQuaternion(std::size_t index, double norm_squared, const Pose& po
 int KelmKernelImpl::forwardKine(int tool, int user, const std::vector<std::vector<double>>& jnt_values,
                                 std::vector<Pose>& out_poses) {
     KELM_LOG(LOG_INFO, "forwardKine");
-    Json::Value request = kinematicsRequest("forward", tool, user, jnt_values.size());
+    Json::Value request = kinematicsRequest(protocol::value::kForward, tool, user, jnt_values.size());
     if (jnt_values.empty()) {
         KELM_LOG(LOG_ERROR, "error: jnt_values empty");
         return refuse_input(__func__);
     }
     const int dof = status_field::load(status.dof);
-    Json::Value& data = request["data"];
+    Json::Value& data = request[protocol::key::kData];
     for (std::size_t i = 0; i < jnt_values.size(); ++i) {
         const std::vector<double>& joints = jnt_values[i];
         if (!acceptLegalValues(joints)) return refuse_input(__func__);
@@ -94,7 +94,7 @@ int KelmKernelImpl::forwardKine(int tool, int user, const std::vector<std::vecto
                      static_cast<int>(joints.size()), dof);
             return refuse_input(__func__);
         }
-        writeReals(joints, data[pointKey("joint", i + 1)]);
+        writeReals(joints, data[pointKey(protocol::key::kJoint, i + 1)]);
     }
     const Json::Value reply = askController(*this, request, protocol::kLongReplyTimeoutMs);
 
@@ -103,7 +103,7 @@ int KelmKernelImpl::forwardKine(int tool, int user, const std::vector<std::vecto
     out_poses.assign(static_cast<std::size_t>(count), Pose{});
     const Json::Value& reply_data = replyData(reply);
     for (int k = 1; k <= count; ++k) {
-        const Json::Value& pose = reply_data[pointKey("point", k)];
+        const Json::Value& pose = reply_data[pointKey(protocol::key::kPoint, k)];
         if (!pose.isArray() || pose.size() != kPoseSize) {
             KELM_LOG(LOG_ERROR, "forwardKine error, 返回位姿维度不为7");
             return refuseReplyContent(*this, __func__);
@@ -129,7 +129,7 @@ int KelmKernelImpl::inverseKine(int tool, int user, const std::vector<Pose>& qua
                                 const std::vector<std::vector<double>>& ref_joints,
                                 std::vector<std::vector<double>>& out_joints) {
     KELM_LOG(LOG_INFO, "inverseKine");
-    Json::Value request = kinematicsRequest("inverse", tool, user, quat_poses.size());
+    Json::Value request = kinematicsRequest(protocol::value::kInverse, tool, user, quat_poses.size());
     if (ref_joints.size() != quat_poses.size()) {
         KELM_LOG(LOG_ERROR, "error: quat_poses size != ref_joints size");
         return refuse_input(__func__);
@@ -145,7 +145,7 @@ int KelmKernelImpl::inverseKine(int tool, int user, const std::vector<Pose>& qua
         }
     }
     const int dof = status_field::load(status.dof);
-    Json::Value& data = request["data"];
+    Json::Value& data = request[protocol::key::kData];
     for (std::size_t i = 0; i < quat_poses.size(); ++i) {
         const std::vector<double>& reference = ref_joints[i];
         if (static_cast<long long>(reference.size()) != dof) {
@@ -158,8 +158,8 @@ int KelmKernelImpl::inverseKine(int tool, int user, const std::vector<Pose>& qua
             logIllegalQuaternion(i, norm_squared, quat_poses[i]);
             return refuse_input(__func__);
         }
-        writeReals(quat_poses[i], data[pointKey("point", i + 1)]);
-        writeReals(reference, data[pointKey("refer", i + 1)]);
+        writeReals(quat_poses[i], data[pointKey(protocol::key::kPoint, i + 1)]);
+        writeReals(reference, data[pointKey(protocol::key::kRefer, i + 1)]);
     }
     const Json::Value reply = askController(*this, request, protocol::kLongReplyTimeoutMs);
 
@@ -169,7 +169,7 @@ int KelmKernelImpl::inverseKine(int tool, int user, const std::vector<Pose>& qua
     const Json::Value& reply_data = replyData(reply);
     int unsolved = 0;  // the first pose without a solution, counted from 1
     for (int k = 1; k <= count; ++k) {
-        const Json::Value& joints = reply_data[pointKey("joint", k)];
+        const Json::Value& joints = reply_data[pointKey(protocol::key::kJoint, k)];
         std::vector<double>& solution = out_joints[k - 1];
         if (joints.isArray()) {
             for (const Json::Value& value : joints) solution.push_back(value.asDouble());

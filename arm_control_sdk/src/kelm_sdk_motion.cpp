@@ -20,9 +20,9 @@ namespace {
 
 Json::Value jogRequest(const char* task_id, int index, int dir, double speed) {
     Json::Value request = motionRequest(task_id, kWithoutLevel);
-    request["index"] = index;
-    request["dir"] = dir;
-    request["data"]["speed"] = speed;
+    request[protocol::key::kIndex] = index;
+    request[protocol::key::kDir] = dir;
+    request[protocol::key::kData][protocol::key::kSpeed] = speed;
     return request;
 }
 
@@ -35,8 +35,8 @@ struct SingleTargetMove {
     bool sends_acc;
 };
 
-constexpr SingleTargetMove kMoveJoint{"move_joint", "TASK_MOVJ", "target_pos", false};
-constexpr SingleTargetMove kMoveLine{"move_line", "TASK_MOVL", "point", true};
+constexpr SingleTargetMove kMoveJoint{"move_joint", protocol::task_id::kMovj, protocol::key::kTargetPos, false};
+constexpr SingleTargetMove kMoveLine{"move_line", protocol::task_id::kMovl, protocol::key::kPoint, true};
 
 // The two arc operations differ in their arc type and their name.
 struct ArcMove {
@@ -74,33 +74,33 @@ void logPose(const char* title, const Pose& pose) {
 int sendSingleTargetMove(KelmKernelImpl& kernel, const SingleTargetMove& move, const std::vector<double>& target,
                          std::string& task_key, double speed, int tool, int user, bool is_joint) {
     Json::Value request = motionRequest(move.task_id, kWithLevel);
-    Json::Value& data = request["data"];
-    data["speed"] = speed;
-    if (move.sends_acc) data["acc"] = speed;
-    data["user"] = user;
-    data["tool"] = tool;
+    Json::Value& data = request[protocol::key::kData];
+    data[protocol::key::kSpeed] = speed;
+    if (move.sends_acc) data[protocol::key::kAcc] = speed;
+    data[protocol::key::kUser] = user;
+    data[protocol::key::kTool] = tool;
     if (!acceptLegalValues(target) ||
         !acceptTarget(move.operation, target, is_joint, jointBoundsOf(kernel), data[move.target_key])) {
         return kernel.refuse_input(move.operation);
     }
-    request["point_type"]["space"] = is_joint ? 0 : 1;
+    request[protocol::key::kPointType][protocol::key::kSpace] = is_joint ? 0 : 1;
     return submitTask(kernel, move.operation, request, task_key);
 }
 
 int sendArcMove(KelmKernelImpl& kernel, const ArcMove& arc, const std::array<std::vector<double>, 3>& points,
                 std::string& task_key, double speed, bool dir, double radian, int tool, int user, bool is_joint) {
-    Json::Value request = motionRequest("TASK_MOVC", kWithoutLevel);
-    request["point_type"]["space"] = is_joint ? 0 : 1;
-    Json::Value& data = request["data"];
-    data["speed"] = speed;
-    data["acc"] = speed;
-    data["type"] = arc.type;
-    data["dir"] = dir ? 0 : 1;
-    if (radian > 0.0) data["radian"] = radian;
-    data["user"] = user;
-    data["tool"] = tool;
+    Json::Value request = motionRequest(protocol::task_id::kMovc, kWithoutLevel);
+    request[protocol::key::kPointType][protocol::key::kSpace] = is_joint ? 0 : 1;
+    Json::Value& data = request[protocol::key::kData];
+    data[protocol::key::kSpeed] = speed;
+    data[protocol::key::kAcc] = speed;
+    data[protocol::key::kType] = arc.type;
+    data[protocol::key::kDir] = dir ? 0 : 1;
+    if (radian > 0.0) data[protocol::key::kRadian] = radian;
+    data[protocol::key::kUser] = user;
+    data[protocol::key::kTool] = tool;
     const JointBounds bounds = jointBoundsOf(kernel);
-    Json::Value& sent_points = data["points"];
+    Json::Value& sent_points = data[protocol::key::kPoints];
     sent_points = Json::Value(Json::arrayValue);
     for (Json::ArrayIndex k = 0; k < points.size(); ++k) {
         if (!acceptLegalValues(points[k]) ||
@@ -114,16 +114,16 @@ int sendArcMove(KelmKernelImpl& kernel, const ArcMove& arc, const std::array<std
 }  // namespace
 
 int KelmKernelImpl::move_joint_jog(int index, int dir, double speed) {
-    Json::Value request = jogRequest("TASK_MOVJ_JOG", index, dir, speed);
+    Json::Value request = jogRequest(protocol::task_id::kMovjJog, index, dir, speed);
     return submitTask(*this, __func__, request);
 }
 
 int KelmKernelImpl::move_line_jog(int index, int dir, double speed, int tool, int user) {
-    Json::Value request = jogRequest("TASK_MOVL_JOG", index, dir, speed);
-    Json::Value& data = request["data"];
-    data["acc"] = speed;
-    data["user"] = user;
-    data["tool"] = tool;
+    Json::Value request = jogRequest(protocol::task_id::kMovlJog, index, dir, speed);
+    Json::Value& data = request[protocol::key::kData];
+    data[protocol::key::kAcc] = speed;
+    data[protocol::key::kUser] = user;
+    data[protocol::key::kTool] = tool;
     return submitTask(*this, __func__, request);
 }
 
@@ -139,23 +139,23 @@ int KelmKernelImpl::move_line(std::vector<double> target, std::string& task_key,
 
 int KelmKernelImpl::move_directly(const std::vector<std::vector<double>>& targets, std::string& task_key,
                                   const std::vector<double>& gripper) {
-    Json::Value request = motionRequest("TASK_MOVD", kWithLevel);
+    Json::Value request = motionRequest(protocol::task_id::kMovd, kWithLevel);
     if (!targets.empty()) {
-        Json::Value& target_points = request["target_points"];
+        Json::Value& target_points = request[protocol::key::kTargetPoints];
         target_points = Json::Value(Json::arrayValue);
         for (const std::vector<double>& point : targets) writeReals(point, target_points.append(Json::Value()));
     }
-    Json::Value& gripper_part = request["gripper"];
+    Json::Value& gripper_part = request[protocol::key::kGripper];
     if (gripper.empty()) {
-        gripper_part["gripper_linkage"] = 0;
+        gripper_part[protocol::key::kGripperLinkage] = 0;
     } else if (gripper.size() != targets.size()) {
         KELM_LOG(LOG_ERROR, "点位与夹爪维度不一致,请检查数据.");
         return refuse_input(__func__);
     } else if (end_effector.connected) {
-        gripper_part["gripper_linkage"] = 1;
-        gripper_part["eeffe_point"] = directGripperPoints(gripper);
+        gripper_part[protocol::key::kGripperLinkage] = 1;
+        gripper_part[protocol::key::kEeffePoint] = directGripperPoints(gripper);
     } else {
-        gripper_part["gripper_linkage"] = 0;
+        gripper_part[protocol::key::kGripperLinkage] = 0;
         KELM_LOG(LOG_ERROR, "夹抓未连接，无法联动控制夹抓");
     }
     return submitTask(*this, __func__, request, task_key);
@@ -198,8 +198,8 @@ int KelmKernelImpl::move_jump(std::array<double, 7> target, std::array<double, 3
 // The controller's timer task has no level: a delay is always queued like any
 // other task, so `override_level` does not reach the request.
 int KelmKernelImpl::move_delay(double time, int /*override_level*/) {
-    Json::Value request = motionRequest("TASK_TIMER", kWithoutLevel);
-    request["data"]["time"] = time;
+    Json::Value request = motionRequest(protocol::task_id::kTimer, kWithoutLevel);
+    request[protocol::key::kData][protocol::key::kTime] = time;
     return submitTask(*this, __func__, request);
 }
 

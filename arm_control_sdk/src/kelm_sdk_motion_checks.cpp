@@ -66,26 +66,26 @@ bool acceptTarget(const char* operation, const std::vector<double>& target, bool
 
 bool isTaskReceived(const Json::Value& reply) {
     if (!reply.isObject()) return false;
-    const Json::Value& recv = reply["recv"];
+    const Json::Value& recv = reply[protocol::key::kRecv];
     return recv.isString() && recv.asString() == protocol::kTaskReceived;
 }
 
 Json::Value motionRequest(const char* task_id, bool with_level) {
     Json::Value request;
-    request["command"] = protocol::kTaskCommand;
-    request["task_id"] = task_id;
-    if (with_level) request["task_level"] = "Task_General";
+    request[protocol::key::kCommand] = protocol::kTaskCommand;
+    request[protocol::key::kTaskId] = task_id;
+    if (with_level) request[protocol::key::kTaskLevel] = protocol::value::kTaskGeneral;
     return request;
 }
 
 Json::Value askController(KelmKernelImpl& kernel, Json::Value& request, int timeout_ms) {
-    request["arm_index"] = status_field::load(kernel.status.arm_index);
+    request[protocol::key::kArmIndex] = status_field::load(kernel.status.arm_index);
     std::string dropped_key;
     return kernel.cmd_server(request, dropped_key, timeout_ms);
 }
 
 int submitTask(KelmKernelImpl& kernel, const char* operation, Json::Value& request, std::string& task_key) {
-    request["arm_index"] = status_field::load(kernel.status.arm_index);
+    request[protocol::key::kArmIndex] = status_field::load(kernel.status.arm_index);
     const int result = kernel.read_reply(operation, kernel.cmd_server(request, task_key, protocol::kReplyTimeoutMs));
     if (result == 1) kernel.note_task_key(task_key);
     return result;

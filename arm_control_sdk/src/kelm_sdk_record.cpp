@@ -23,9 +23,9 @@ constexpr int kTeachList = 3;
 
 Json::Value teachRequest(int sub_command, const std::string& name) {
     Json::Value request;
-    request["command"] = "teachRecorder";
-    request["task_id"] = sub_command;
-    request["name"] = name;
+    request[protocol::key::kCommand] = protocol::command::kTeachRecorder;
+    request[protocol::key::kTaskId] = sub_command;
+    request[protocol::key::kName] = name;
     return request;
 }
 
@@ -33,13 +33,13 @@ Json::Value teachRequest(int sub_command, const std::string& name) {
 // reply or a refused request.
 int controllerResult(const Json::Value& reply) {
     if (!isTaskReceived(reply)) return -1;
-    return reply.isMember("ret") ? reply["ret"].asInt() : 0;
+    return reply.isMember(protocol::key::kRet) ? reply[protocol::key::kRet].asInt() : 0;
 }
 
 Json::Value dynamicsCalibrationRequest(const char* operation) {
     Json::Value request;
-    request["command"] = "dynamicsCalibration";
-    request["operation"] = operation;
+    request[protocol::key::kCommand] = protocol::command::kDynamicsCalibration;
+    request[protocol::key::kOperation] = operation;
     return request;
 }
 
@@ -47,8 +47,8 @@ Json::Value dynamicsCalibrationRequest(const char* operation) {
 
 int KelmKernelImpl::set_traj_recorder(int to_record) {
     Json::Value request;
-    request["command"] = "setTrajRecorder";
-    request["toRecord"] = to_record;
+    request[protocol::key::kCommand] = protocol::command::kSetTrajRecorder;
+    request[protocol::key::kToRecord] = to_record;
     return submitTask(*this, __func__, request);
 }
 
@@ -66,10 +66,10 @@ int KelmKernelImpl::check_teach(std::vector<std::string>& teach_list) {
     Json::Value request = teachRequest(kTeachList, "");
     const Json::Value reply = askController(*this, request, protocol::kLongReplyTimeoutMs);
     // The list is judged by its count alone; `recv` is not looked at.
-    if (!reply.isObject() || !reply.isMember("count")) return -1;
-    const int count = reply["count"].asInt();
+    if (!reply.isObject() || !reply.isMember(protocol::key::kCount)) return -1;
+    const int count = reply[protocol::key::kCount].asInt();
     if (count < 0) return -1;
-    const Json::Value& names = reply["teach_list"];
+    const Json::Value& names = reply[protocol::key::kTeachList];
     teach_list.resize(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i) {
         // Names the array lacks read as the empty string.
@@ -81,22 +81,22 @@ int KelmKernelImpl::check_teach(std::vector<std::string>& teach_list) {
 
 int KelmKernelImpl::set_zero_position(int axis_id) {
     Json::Value request;
-    request["command"] = "setZeroPosition";
-    request["axis_id"] = axis_id;
+    request[protocol::key::kCommand] = protocol::command::kSetZeroPosition;
+    request[protocol::key::kAxisId] = axis_id;
     return controllerResult(askController(*this, request));
 }
 
 // Recording for the dynamics calibration concerns the controller as a whole,
 // so this request names no arm.
 int KelmKernelImpl::set_dynamics_cali_record_flag() {
-    const Json::Value request = dynamicsCalibrationRequest("record");
+    const Json::Value request = dynamicsCalibrationRequest(protocol::value::kRecord);
     std::string dropped_key;
     return controllerResult(cmd_server(request, dropped_key, protocol::kReplyTimeoutMs));
 }
 
 int KelmKernelImpl::set_dynamics_cali_calcu(bool payload) {
-    Json::Value request = dynamicsCalibrationRequest("calibrate");
-    request["type"] = payload ? "payload" : "arm";
+    Json::Value request = dynamicsCalibrationRequest(protocol::key::kCalibrate);
+    request[protocol::key::kType] = payload ? protocol::key::kPayload : protocol::key::kArm;
     return controllerResult(askController(*this, request));
 }
 

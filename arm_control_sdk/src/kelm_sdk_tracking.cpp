@@ -24,19 +24,6 @@ constexpr double kMinQuaternionNorm = 1e-6;
 constexpr int kJointSpace = 0;
 constexpr int kCartesianSpace = 1;
 
-constexpr char kCommandKey[] = "command";
-constexpr char kTaskIdKey[] = "task_id";
-constexpr char kTaskKeyKey[] = "task_key";
-constexpr char kDataKey[] = "data";
-constexpr char kWayPointKey[] = "way_point";
-constexpr char kGripperPointKey[] = "grp_point";
-constexpr char kPointTypeKey[] = "point_type";
-constexpr char kSpaceKey[] = "space";
-constexpr char kArmIndexKey[] = "arm_index";
-constexpr char kIsMasterKey[] = "is_master";
-constexpr char kRedundancyTauKey[] = "redundancy_tau";
-constexpr char kEndEffectorTauKey[] = "eeff_tau";
-
 // The receive thread's body under construction, reused message by message.
 JsonText& streamBody() {
     thread_local JsonText body;
@@ -49,7 +36,7 @@ JsonText& streamBody() {
 // 1 if it went out.
 int publishStreamText(KelmCommManager& connection, JsonText& body) {
     if (!connection.comm_client) return -1;
-    body.member(kTaskKeyKey).string(log_time::getTimeStamp(0));
+    body.member(protocol::key::kTaskKey).string(log_time::getTimeStamp(0));
     body.endObject();
     return connection.comm_client->sendLatestText(body.text()) == 1 ? 1 : -1;
 }
@@ -105,24 +92,24 @@ int KelmKernelImpl::tracking(const std::vector<double>& target, bool is_joint, c
 
     JsonText& body = streamBody();
     body.beginRoot();
-    body.member(kArmIndexKey).integer(status_field::load(status.arm_index));
-    body.member(kCommandKey).string(protocol::kTrackingCommand);
-    body.member(kDataKey).beginObject();
+    body.member(protocol::key::kArmIndex).integer(status_field::load(status.arm_index));
+    body.member(protocol::key::kCommand).string(protocol::kTrackingCommand);
+    body.member(protocol::key::kData).beginObject();
     // A negative (or NaN) gripper position means the frame has none.
-    if (gripper >= 0.0) body.member(kGripperPointKey).real(std::min(gripper, protocol::kGripperMaxPos));
-    body.member(kWayPointKey).beginArray();
+    if (gripper >= 0.0) body.member(protocol::key::kGrpPoint).real(std::min(gripper, protocol::kGripperMaxPos));
+    body.member(protocol::key::kWayPoint).beginArray();
     if (is_joint) {
         appendClampedJoints(target, config, body);
     } else {
         appendNormalisedPose(target, body);
     }
     body.endArray().endObject();
-    body.member(kPointTypeKey)
+    body.member(protocol::key::kPointType)
         .beginObject()
-        .member(kSpaceKey)
+        .member(protocol::key::kSpace)
         .integer(is_joint ? kJointSpace : kCartesianSpace)
         .endObject();
-    body.member(kTaskIdKey).string(protocol::kTrackingTaskId);
+    body.member(protocol::key::kTaskId).string(protocol::kTrackingTaskId);
     return publishStreamText(*this, body);
 }
 
@@ -142,11 +129,11 @@ int KelmKernelImpl::set_redundancy_tau(const std::vector<double>& redundancy_tau
     }
     JsonText& body = streamBody();
     body.beginRoot();
-    body.member(kArmIndexKey).integer(status_field::load(status.arm_index));
-    body.member(kCommandKey).string(protocol::kRedundancyTauCommand);
-    body.member(kEndEffectorTauKey).real(eeff_tau);
-    body.member(kIsMasterKey).boolean(true);
-    body.member(kRedundancyTauKey).beginArray();
+    body.member(protocol::key::kArmIndex).integer(status_field::load(status.arm_index));
+    body.member(protocol::key::kCommand).string(protocol::kRedundancyTauCommand);
+    body.member(protocol::key::kEeffTau).real(eeff_tau);
+    body.member(protocol::key::kIsMaster).boolean(true);
+    body.member(protocol::key::kRedundancyTau).beginArray();
     for (double torque : redundancy_tau) body.real(torque);
     body.endArray();
     return publishStreamText(*this, body);

@@ -109,50 +109,50 @@ bool acceptPvtPosePoint(std::size_t number, const std::vector<double>& point, Js
 
 int KelmKernelImpl::move_toppra(const std::vector<std::vector<double>>& targets, std::string& task_key, double speed,
                                 int tool, int user, bool is_joint) {
-    Json::Value request = motionRequest("TASK_MOVT", kWithLevel);
-    Json::Value& data = request["data"];
-    data["point_num"] = static_cast<int>(targets.size());
+    Json::Value request = motionRequest(protocol::task_id::kMovt, kWithLevel);
+    Json::Value& data = request[protocol::key::kData];
+    data[protocol::key::kPointNum] = static_cast<int>(targets.size());
     for (const std::vector<double>& point : targets) {
         if (!acceptLegalValues(point)) return refuse_input(__func__);
     }
     const JointBounds bounds = jointBoundsOf(*this);
     for (std::size_t i = 0; i < targets.size(); ++i) {
-        Json::Value& way_point = data["way_point" + std::to_string(i + 1)];
+        Json::Value& way_point = data[protocol::key::kWayPoint + std::to_string(i + 1)];
         if (!acceptTarget("move_toppra", targets[i], is_joint, bounds, way_point)) return refuse_input(__func__);
     }
-    data["speed"] = speed;
-    data["acc"] = speed;
-    data["user"] = user;
-    data["tool"] = tool;
-    request["point_type"]["space"] = is_joint ? 0 : 1;
+    data[protocol::key::kSpeed] = speed;
+    data[protocol::key::kAcc] = speed;
+    data[protocol::key::kUser] = user;
+    data[protocol::key::kTool] = tool;
+    request[protocol::key::kPointType][protocol::key::kSpace] = is_joint ? 0 : 1;
     return submitTask(*this, __func__, request, task_key);
 }
 
 int KelmKernelImpl::move_pvt(const std::vector<std::vector<double>>& targets, const std::vector<double>& gripper,
                              const std::vector<double>& times, std::string& task_key, bool is_joint) {
     const std::size_t points = targets.size();
-    Json::Value request = motionRequest("TASK_PVT", kWithLevel);
-    request["point_type"]["space"] = is_joint ? 0 : 1;
+    Json::Value request = motionRequest(protocol::task_id::kPvt, kWithLevel);
+    request[protocol::key::kPointType][protocol::key::kSpace] = is_joint ? 0 : 1;
     if (!acceptPvtListLengths(points, gripper, times)) return refuse_input(__func__);
 
-    Json::Value& gripper_part = request["gripper"];
+    Json::Value& gripper_part = request[protocol::key::kGripper];
     if (gripper.empty()) {
-        gripper_part["gripper_linkage"] = 0;
+        gripper_part[protocol::key::kGripperLinkage] = 0;
     } else {
         if (!acceptLegalValues(gripper)) return refuse_input(__func__);
         if (end_effector.connected) {
-            gripper_part["gripper_linkage"] = 1;
-            Json::Value& eeffe_point = gripper_part["eeffe_point"];
+            gripper_part[protocol::key::kGripperLinkage] = 1;
+            Json::Value& eeffe_point = gripper_part[protocol::key::kEeffePoint];
             eeffe_point = Json::Value(Json::arrayValue);
             for (double value : gripper) eeffe_point.append(std::clamp(value, 0.0, protocol::kGripperMaxPos));
         } else {
-            gripper_part["gripper_linkage"] = 0;
+            gripper_part[protocol::key::kGripperLinkage] = 0;
             KELM_LOG(LOG_ERROR, "夹抓未连接，无法联动控制夹抓");
         }
     }
 
     if (!acceptLegalValues(times)) return refuse_input(__func__);
-    Json::Value& data = request["data"];
+    Json::Value& data = request[protocol::key::kData];
     if (!acceptTimeStamps(points, times, data["time"])) return refuse_input(__func__);
     for (const std::vector<double>& point : targets) {
         if (!acceptLegalValues(point)) return refuse_input(__func__);
@@ -168,7 +168,7 @@ int KelmKernelImpl::move_pvt(const std::vector<std::vector<double>>& targets, co
     // a lock, is looked at only in that case.
     const bool starts_at_once = times[0] == 0.0;
     const JointBounds bounds = jointBoundsOf(*this);
-    Json::Value& pos = data["pos"];
+    Json::Value& pos = data[protocol::key::kPos];
     pos = Json::Value(Json::arrayValue);
     if (is_joint) {
         const std::size_t joints = bounds.dof > 0 ? static_cast<std::size_t>(bounds.dof) : 0;
