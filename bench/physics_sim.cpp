@@ -85,8 +85,8 @@ sim::SimOptions controllerOptions(const Settings& settings, bool master, bool ph
 void measureTeleoperation(const Settings& settings) {
     std::printf("\n== Teleoperation through kelm_teleop, %.0f frames/s, %.0f s per run\n", settings.rate,
                 settings.seconds);
-    std::printf("%-10s %-6s %12s %12s %8s %14s %14s %10s\n", "backend", "mode", "master sent", "slave took",
-                "missing", "RTF master", "RTF slave", "CPU [%]");
+    std::printf("%-10s %-6s %12s %12s %8s %14s %14s %10s\n", "backend", "mode", "master sent", "slave took", "missing",
+                "RTF master", "RTF slave", "CPU [%]");
     for (const bool physics : {false, true}) {
         for (const char* mode : {"0", "2"}) {
             sim::SimController master(controllerOptions(settings, true, physics));
@@ -127,8 +127,9 @@ void measureTeleoperation(const Settings& settings) {
             slave.stop();
         }
     }
-    std::printf("missing: master frames sent in the window that reached the slave as no target (the window's edges\n"
-                "can move a frame or two either way); CPU: both controllers, this process, share of one core\n");
+    std::printf(
+        "missing: master frames sent in the window that reached the slave as no target (the window's edges\n"
+        "can move a frame or two either way); CPU: both controllers, this process, share of one core\n");
 }
 
 void measureSuccess(const Settings& settings) {
@@ -168,11 +169,16 @@ int main(int argc, char** argv) {
     settings.tool = (std::filesystem::canonical("/proc/self/exe").parent_path() / "../teleop/kelm_teleop").string();
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string name = argv[i], value = argv[i + 1];
-        if (name == "--step-seconds") settings.step_seconds = std::atof(value.c_str());
-        else if (name == "--seconds") settings.seconds = std::atof(value.c_str());
-        else if (name == "--rate") settings.rate = std::atof(value.c_str());
-        else if (name == "--seeds") settings.seeds = std::atoi(value.c_str());
-        else if (name == "--tool") settings.tool = value;
+        if (name == "--step-seconds")
+            settings.step_seconds = std::atof(value.c_str());
+        else if (name == "--seconds")
+            settings.seconds = std::atof(value.c_str());
+        else if (name == "--rate")
+            settings.rate = std::atof(value.c_str());
+        else if (name == "--seeds")
+            settings.seeds = std::atoi(value.c_str());
+        else if (name == "--tool")
+            settings.tool = value;
         else {
             std::fprintf(stderr, "physics_sim: unknown option %s\n", name.c_str());
             return 1;

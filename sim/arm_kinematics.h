@@ -60,6 +60,9 @@ struct ArmModel {
     std::vector<double> effort;    // [Nm] per joint: the most its motor gives
 };
 
+// The text of the arm model file `path`; throws std::runtime_error when it
+// cannot be read.
+std::string readArmModelFile(const std::string& path);
 // Reads `urdf_path`; throws std::runtime_error saying what is wrong.
 // Acceleration and jerk limits are attributes `acceleration` and `jerk` of a
 // joint's <limit> (deceleration equals acceleration).

@@ -33,14 +33,6 @@ struct DynamicLimits {
     double jerk = std::numeric_limits<double>::quiet_NaN();
 };
 
-std::string readFile(const std::string& path) {
-    std::ifstream file(path);
-    if (!file) throw std::runtime_error("arm model " + path + ": cannot be read");
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
 std::map<std::string, DynamicLimits> readDynamicLimits(const std::string& xml) {
     std::map<std::string, DynamicLimits> limits;
     tinyxml2::XMLDocument document;
@@ -86,8 +78,16 @@ std::shared_ptr<const ArmModel> model_in_use;
 
 }  // namespace
 
+std::string readArmModelFile(const std::string& path) {
+    std::ifstream file(path);
+    if (!file) throw std::runtime_error("arm model " + path + ": cannot be read");
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
 std::shared_ptr<const ArmModel> loadArmModel(const std::string& urdf_path) {
-    const std::string xml = readFile(urdf_path);
+    const std::string xml = readArmModelFile(urdf_path);
     const urdf::ModelInterfaceSharedPtr urdf_model = urdf::parseURDF(xml);
     if (!urdf_model) throw std::runtime_error("arm model " + urdf_path + ": not a valid URDF");
     KDL::Tree tree;

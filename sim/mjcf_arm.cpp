@@ -2,6 +2,8 @@
 // written link by link from the root, each body placed where its joint is.
 #include "mjcf_arm.h"
 
+#include "arm_kinematics.h"
+
 #include <urdf_parser/urdf_parser.h>
 
 #include <cmath>
@@ -26,14 +28,6 @@ constexpr const char* kArmContact = "contype=\"1\" conaffinity=\"2\"";
 // Rubber-like pads: sliding, torsional and rolling friction.
 constexpr const char* kArmFriction = "condim=\"4\" friction=\"1.5 0.02 0.0001\"";
 constexpr const char* kGraspOffset = "0 0 0.06";  // [m] in tool0: between the fingertips, 2 cm short of them
-
-std::string readFile(const std::string& path) {
-    std::ifstream file(path);
-    if (!file) throw std::runtime_error("arm model " + path + ": cannot be read");
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 std::string placement(const urdf::Pose& pose) {
     std::ostringstream out;
@@ -78,8 +72,8 @@ public:
             throw std::runtime_error("arm model " + path_ + ": " + std::to_string(revolute_seen_) +
                                      " revolute joints, fewer than the " + std::to_string(dof_) + " asked for");
         if (fingers_seen_ != 2)
-            throw std::runtime_error("arm model " + path_ + ": no gripper (prismatic joints " + kLeftFinger +
-                                     " and " + kRightFinger + " under " + kToolLink + ")");
+            throw std::runtime_error("arm model " + path_ + ": no gripper (prismatic joints " + kLeftFinger + " and " +
+                                     kRightFinger + " under " + kToolLink + ")");
         return out_.str();
     }
 
@@ -123,9 +117,9 @@ private:
             throw std::runtime_error("arm model " + path_ + ": link " + link.name +
                                      " has its inertia in a turned frame, which the physics scene does not read");
         const urdf::Vector3& at = in.origin.position;
-        out_ << indent << "<inertial pos=\"" << at.x << ' ' << at.y << ' ' << at.z << "\" mass=\"" << in.mass << "\" fullinertia=\""
-             << in.ixx << ' ' << in.iyy << ' ' << in.izz << ' ' << in.ixy << ' ' << in.ixz << ' ' << in.iyz
-             << "\"/>\n";
+        out_ << indent << "<inertial pos=\"" << at.x << ' ' << at.y << ' ' << at.z << "\" mass=\"" << in.mass
+             << "\" fullinertia=\"" << in.ixx << ' ' << in.iyy << ' ' << in.izz << ' ' << in.ixy << ' ' << in.ixz << ' '
+             << in.iyz << "\"/>\n";
     }
 
     void writeVisual(const urdf::Visual& visual, const std::string& link, const std::string& indent) {
@@ -188,7 +182,7 @@ std::string armPrefix(int arm) { return "arm" + std::to_string(arm) + "_"; }
 std::string armIncludeFile(int arm) { return "arm" + std::to_string(arm) + ".xml"; }
 
 std::string armMjcf(const std::string& urdf_path, int dof, const std::string& prefix) {
-    const urdf::ModelInterfaceSharedPtr model = urdf::parseURDF(readFile(urdf_path));
+    const urdf::ModelInterfaceSharedPtr model = urdf::parseURDF(readArmModelFile(urdf_path));
     if (!model) throw std::runtime_error("arm model " + urdf_path + ": not a valid URDF");
     return ArmWriter(*model, urdf_path, dof, prefix).write();
 }

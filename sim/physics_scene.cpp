@@ -16,9 +16,9 @@ namespace kelm {
 namespace sim {
 namespace {
 
-constexpr double kCubeShift = 0.03;     // [m] largest seeded shift of a cube on the table, per axis
-constexpr double kCubeTurn = 0.5;       // [rad] largest seeded turn of a cube about the vertical
-constexpr double kRestingSpeed = 0.02;  // [m/s] below which a cube is at rest
+constexpr double kCubeShift = 0.03;      // [m] largest seeded shift of a cube on the table, per axis
+constexpr double kCubeTurn = 0.5;        // [rad] largest seeded turn of a cube about the vertical
+constexpr double kRestingSpeed = 0.02;   // [m/s] below which a cube is at rest
 constexpr double kRestingHeight = 0.01;  // [m] a resting cube's centre is at most this above cube_half over the area
 constexpr double kRangeTolerance = 1e-6;
 
@@ -135,8 +135,8 @@ void PhysicsScene::findArm(int index, int dof) {
         arm.dof.push_back(model_->jnt_dofadr[j]);
     }
     if (static_cast<int>(arm.qpos.size()) != dof)
-        throw problem("arm " + std::to_string(index) + " has " + std::to_string(arm.qpos.size()) +
-                      " joints, not the " + std::to_string(dof) + " of --dof");
+        throw problem("arm " + std::to_string(index) + " has " + std::to_string(arm.qpos.size()) + " joints, not the " +
+                      std::to_string(dof) + " of --dof");
     for (int side = 0; side < 2; ++side) {
         const int joint = findId(*model_, mjOBJ_JOINT, prefix + (side == 0 ? kLeftFinger : kRightFinger));
         if (joint < 0) throw problem("arm " + std::to_string(index) + " has no gripper");
@@ -241,8 +241,8 @@ TaskOutcome PhysicsScene::outcome(int arm) const {
     outcome.in_area = std::fabs(in_area.x()) <= half[0] && std::fabs(in_area.y()) <= half[1] &&
                       in_area.z() <= task.cube_half + kRestingHeight;
     const mjtNum* velocity = data_->qvel + task.cube_dof;
-    outcome.resting = std::sqrt(velocity[0] * velocity[0] + velocity[1] * velocity[1] + velocity[2] * velocity[2]) <
-                      kRestingSpeed;
+    outcome.resting =
+        std::sqrt(velocity[0] * velocity[0] + velocity[1] * velocity[1] + velocity[2] * velocity[2]) < kRestingSpeed;
     return outcome;
 }
 

@@ -49,9 +49,9 @@ struct TaskOutcome {
 
 // Forces of the scene on one arm.
 struct ContactLoads {
-    std::vector<double> joint_tau;                // [Nm] per hinge joint, Jᵀ·F summed over the contacts
-    std::array<double, 6> flange_wrench{};        // fx, fy, fz [N], tx, ty, tz [Nm] about the flange, base frame
-    double largest_normal = 0.0;                  // [N] of any one contact on the arm
+    std::vector<double> joint_tau;          // [Nm] per hinge joint, Jᵀ·F summed over the contacts
+    std::array<double, 6> flange_wrench{};  // fx, fy, fz [N], tx, ty, tz [Nm] about the flange, base frame
+    double largest_normal = 0.0;            // [N] of any one contact on the arm
 };
 
 // `name` itself when it names a file; else the installed scene of that

@@ -20,11 +20,11 @@ constexpr double kServoDampingPerEffort = 0.1;     // [s/rad]
 // gain below one, so a contact fed back settles instead of chattering.
 constexpr double kCompliantStiffnessPerEffort = 4.0;  // [1/rad]
 constexpr double kCompliantDampingPerEffort = 0.05;   // [s/rad]
-constexpr double kHandStiffness = 1000.0;          // [Nm/rad] of the operator's hold on each joint
-constexpr double kHandDamping = 40.0;              // [Nm s/rad]
-constexpr double kFingerStiffness = 2000.0;        // [N/m]
-constexpr double kFingerDamping = 40.0;            // [N s/m]
-constexpr double kLeastFingerForce = 1.0;          // [N] so that a gripper set to no force still moves
+constexpr double kHandStiffness = 1000.0;             // [Nm/rad] of the operator's hold on each joint
+constexpr double kHandDamping = 40.0;                 // [Nm s/rad]
+constexpr double kFingerStiffness = 2000.0;           // [N/m]
+constexpr double kFingerDamping = 40.0;               // [N s/m]
+constexpr double kLeastFingerForce = 1.0;             // [N] so that a gripper set to no force still moves
 constexpr std::size_t kStepSamples = 10000;
 
 double percentile(std::vector<double> values, double share) {
@@ -167,8 +167,8 @@ void PhysicsWorld::control(int index, const BodyCommand& command) {
     double grip = 0.0;
     for (int side = 0; side < 2; ++side) {
         const int dof = arm.finger_dof[side];
-        const double push = kFingerStiffness * (finger_target - data.qpos[arm.finger_qpos[side]]) -
-                            kFingerDamping * data.qvel[dof];
+        const double push =
+            kFingerStiffness * (finger_target - data.qpos[arm.finger_qpos[side]]) - kFingerDamping * data.qvel[dof];
         const double force = std::clamp(push, -force_limit, force_limit);
         data.qfrc_applied[dof] = force + data.qfrc_bias[dof];
         grip -= force / 2.0;  // a finger pushing inwards (towards 0) grips

@@ -38,13 +38,13 @@ namespace sim {
 
 // What the controller asks of one arm's body.
 struct BodyCommand {
-    bool hand_held = false;              // the operator's hand pulls the arm towards `reference`
-    bool compliant = false;              // impedance servo (MIT mode, teleoperation slave): softer gains
-    std::vector<double> reference;       // [rad] servo target, or where the hand wants the arm
-    std::vector<double> reference_vel;   // [rad/s]
-    std::vector<double> feedback_tau;    // [Nm] added to the motors' torque (redundancy torque)
-    double gripper_opening = 0.0;        // [m] between the fingers
-    double gripper_force = 10.0;         // [N] most each finger pushes with
+    bool hand_held = false;             // the operator's hand pulls the arm towards `reference`
+    bool compliant = false;             // impedance servo (MIT mode, teleoperation slave): softer gains
+    std::vector<double> reference;      // [rad] servo target, or where the hand wants the arm
+    std::vector<double> reference_vel;  // [rad/s]
+    std::vector<double> feedback_tau;   // [Nm] added to the motors' torque (redundancy torque)
+    double gripper_opening = 0.0;       // [m] between the fingers
+    double gripper_force = 10.0;        // [N] most each finger pushes with
 };
 
 // What one arm's sensors read after the latest tick.

@@ -10,11 +10,11 @@ namespace sim {
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
-constexpr double kApproachHeight = 0.10;   // [m] above the cube before going down
+constexpr double kApproachHeight = 0.10;     // [m] above the cube before going down
 constexpr double kGraspAboveCentre = 0.012;  // [m] keeps the fingertips off the table
-constexpr double kPlaceClearance = 0.003;  // [m] above the area when the cube is let go
-constexpr double kLiftHeight = 0.15;       // [m]
-constexpr double kRetreatHeight = 0.12;    // [m]
+constexpr double kPlaceClearance = 0.003;    // [m] above the area when the cube is let go
+constexpr double kLiftHeight = 0.15;         // [m]
+constexpr double kRetreatHeight = 0.12;      // [m]
 
 // Each step of the task: where the holding point goes and for how long.
 struct Step {
@@ -74,8 +74,7 @@ HandPath planPickPlace(const TaskLayout& layout, const std::vector<double>& anch
     const KDL::Rotation grip = KDL::Rotation::RotZ(graspYaw(layout.cube)) * KDL::Rotation::RotX(kPi);
     const KDL::Vector up(0.0, 0.0, 1.0);
     const KDL::Vector grasp = layout.cube.p + kGraspAboveCentre * up;
-    const KDL::Vector place =
-        layout.target.p + (layout.cube_half + kGraspAboveCentre + kPlaceClearance) * up;
+    const KDL::Vector place = layout.target.p + (layout.cube_half + kGraspAboveCentre + kPlaceClearance) * up;
     const Step steps[] = {
         {"over the cube", grasp + kApproachHeight * up, kHandGripperOpen, 2.0},
         {"at the cube", grasp, kHandGripperOpen, 1.5},

@@ -18,15 +18,15 @@ namespace sim {
 
 // The master's gripper readings the hand holds: open maps onto the slave's
 // widest opening through the tool's gripper scaling, closed onto zero.
-constexpr double kHandGripperOpen = 0.06;    // [m]
-constexpr double kHandGripperClosed = 0.0;   // [m]
+constexpr double kHandGripperOpen = 0.06;   // [m]
+constexpr double kHandGripperClosed = 0.0;  // [m]
 
 // Reach `joints` and `gripper` in `duration` seconds, from where the
 // previous waypoint left the hand.
 struct HandWaypoint {
-    double duration = 0.0;        // [s]
-    std::vector<double> joints;   // [rad]
-    double gripper = 0.0;         // [m]
+    double duration = 0.0;       // [s]
+    std::vector<double> joints;  // [rad]
+    double gripper = 0.0;        // [m]
 };
 
 class HandPath {

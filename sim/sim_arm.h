@@ -218,9 +218,9 @@ private:
     std::vector<double> jacobian_scratch_;
 
     TaskLayout hand_task_;
-    HandPath hand_path_;              // the operator's way through hand_task_
+    HandPath hand_path_;               // the operator's way through hand_task_
     std::vector<double> hand_target_;  // where the hand pulls a body held in drag
-    BodySensed body_;                 // valid in a physics scene
+    BodySensed body_;                  // valid in a physics scene
 };
 
 }  // namespace sim

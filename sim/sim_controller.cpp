@@ -36,8 +36,8 @@ bool parseObject(const std::string& text, Json::Value& value) {
 
 std::unique_ptr<PhysicsWorld> loadPhysics(const SimOptions& options) {
     if (options.scene.empty()) return nullptr;
-    return std::make_unique<PhysicsWorld>(resolveScenePath(options.scene), armModel().path, options.arms,
-                                          options.dof, options.seed);
+    return std::make_unique<PhysicsWorld>(resolveScenePath(options.scene), armModel().path, options.arms, options.dof,
+                                          options.seed);
 }
 
 double unixNow() {

@@ -71,10 +71,11 @@ void printPhysicsSummary(kelm::sim::SimController& controller) {
     kelm::sim::PhysicsWorld* physics = controller.physics();
     if (!physics) return;
     const kelm::sim::PhysicsStats stats = physics->stats();
-    std::printf("kelm_sim: physics stepped %llu ms in %.1f s (real-time factor %.3f), step median %.1f us, p99 %.1f us\n",
-                static_cast<unsigned long long>(stats.ticks), stats.wall_seconds,
-                stats.wall_seconds > 0.0 ? stats.simulated_seconds / stats.wall_seconds : 0.0, stats.step_median_us,
-                stats.step_p99_us);
+    std::printf(
+        "kelm_sim: physics stepped %llu ms in %.1f s (real-time factor %.3f), step median %.1f us, p99 %.1f us\n",
+        static_cast<unsigned long long>(stats.ticks), stats.wall_seconds,
+        stats.wall_seconds > 0.0 ? stats.simulated_seconds / stats.wall_seconds : 0.0, stats.step_median_us,
+        stats.step_p99_us);
     for (int i = 0; i < controller.model().armCount(); ++i) {
         if (!physics->taskLayout(i).present) continue;
         std::printf("kelm_sim: arm%d task %s, seed %u\n", i, physics->taskSucceeded(i) ? "succeeded" : "not done",

@@ -9,12 +9,12 @@ namespace sim {
 
 // All frames in the arm's base frame.
 struct TaskLayout {
-    bool present = false;          // the scene has a cube and a target area for this arm
-    KDL::Frame cube;               // the cube's centre and orientation
-    double cube_half = 0.02;       // [m] half the cube's edge
-    KDL::Frame target;             // the target area's centre, on the table
-    KDL::Vector target_half;       // [m] the area's half extents
-    KDL::Frame grasp_in_flange;    // the gripper's holding point seen from the flange
+    bool present = false;        // the scene has a cube and a target area for this arm
+    KDL::Frame cube;             // the cube's centre and orientation
+    double cube_half = 0.02;     // [m] half the cube's edge
+    KDL::Frame target;           // the target area's centre, on the table
+    KDL::Vector target_half;     // [m] the area's half extents
+    KDL::Frame grasp_in_flange;  // the gripper's holding point seen from the flange
 };
 
 }  // namespace sim

@@ -28,10 +28,10 @@ using namespace std::chrono_literals;
 
 using sim::test_relay::kHome;
 using sim::test_relay::PhysicsArm;
-using sim::test_relay::Teleoperation;
 using sim::test_relay::physicsOptions;
 using sim::test_relay::pickPlaceMaster;
 using sim::test_relay::pickPlaceSlave;
+using sim::test_relay::Teleoperation;
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kCubeMass = 0.1;  // [kg] as the scenes give it
 constexpr int kTaskWaitMs = 30000;
@@ -50,7 +50,8 @@ TEST(PhysicsScene, FlangeSiteAgreesWithKdlAtRandomJoints) {
             for (int j = 0; j < dof; ++j) scene.data().qpos[arm.qpos[j]] = joints[j];
             mj_kinematics(&scene.model(), &scene.data());
             const KDL::Frame physics = scene.siteFrame(arm.flange_site), kdl = kinematics.flange(joints);
-            for (int k = 0; k < 3; ++k) ASSERT_NEAR(physics.p[k], kdl.p[k], 1e-6) << "dof " << dof << " sample " << sample;
+            for (int k = 0; k < 3; ++k)
+                ASSERT_NEAR(physics.p[k], kdl.p[k], 1e-6) << "dof " << dof << " sample " << sample;
             for (int r = 0; r < 3; ++r)
                 for (int c = 0; c < 3; ++c) ASSERT_NEAR(physics.M(r, c), kdl.M(r, c), 1e-6) << "dof " << dof;
         }
@@ -126,7 +127,8 @@ TEST(PhysicsTask, PickAndPlaceSucceedsForNineOfTenSeeds) {
     constexpr int kRuns = 10;
     std::vector<std::unique_ptr<Teleoperation>> runs;
     for (std::uint32_t seed = 1; seed <= kRuns; ++seed) {
-        runs.push_back(std::make_unique<Teleoperation>(pickPlaceMaster("table_cube", seed), pickPlaceSlave(seed), false));
+        runs.push_back(
+            std::make_unique<Teleoperation>(pickPlaceMaster("table_cube", seed), pickPlaceSlave(seed), false));
     }
     std::vector<std::future<bool>> started;
     for (auto& run : runs) started.push_back(std::async(std::launch::async, [&run] { return run->start(); }));
@@ -183,7 +185,8 @@ struct Outcome {
 };
 
 Outcome runSimulator(const std::string& arguments) {
-    const std::string command = std::string("timeout 20 ") + KELM_SIM_PROGRAM + " --port 0 --quiet " + arguments + " 2>&1";
+    const std::string command =
+        std::string("timeout 20 ") + KELM_SIM_PROGRAM + " --port 0 --quiet " + arguments + " 2>&1";
     Outcome outcome;
     FILE* pipe = popen(command.c_str(), "r");
     char buffer[512];
@@ -206,7 +209,8 @@ TEST(PhysicsBadInput, EachBadSceneExitsOneNamingTheProblem) {
     std::string no_gripper = urdf.str();
     no_gripper.erase(no_gripper.find("<joint name=\"finger_left\""));
     no_gripper += "</robot>\n";
-    const std::string extra_joint = writeFile("extra_joint.xml",
+    const std::string extra_joint = writeFile(
+        "extra_joint.xml",
         "<mujoco><compiler angle=\"radian\"/><worldbody><body name=\"arm0_mount\"><include file=\"arm0.xml\"/></body>"
         "<body name=\"stand\"><joint name=\"arm0_extra\" type=\"hinge\"/><geom size=\"0.1\" mass=\"1\"/></body>"
         "</worldbody></mujoco>");

@@ -64,7 +64,8 @@ struct PhysicsArm {
     KDL::Vector body(const std::string& name) {
         const Json::Value state = simulator.physics()->sceneState();
         for (const auto& body : state["bodies"])
-            if (body["name"] == name) return KDL::Vector(body["pos"][0].asDouble(), body["pos"][1].asDouble(), body["pos"][2].asDouble());
+            if (body["name"] == name)
+                return KDL::Vector(body["pos"][0].asDouble(), body["pos"][1].asDouble(), body["pos"][2].asDouble());
         return KDL::Vector(NAN, NAN, NAN);
     }
 
@@ -89,16 +90,19 @@ public:
         std::this_thread::sleep_for(500ms);
         KelmKernelImpl& master = *master_.kernel;
         KelmKernelImpl& slave = *slave_.kernel;
-        const bool modes = force_feedback_ ? master.set_teleoperation_mode(1) == 1 && slave.set_teleoperation_mode(2) == 1
-                                           : master.set_control_mode(3) == 1 && slave.set_control_mode(2) == 1;
+        const bool modes = force_feedback_
+                               ? master.set_teleoperation_mode(1) == 1 && slave.set_teleoperation_mode(2) == 1
+                               : master.set_control_mode(3) == 1 && slave.set_control_mode(2) == 1;
         if (!modes) return false;
-        master.register_get_tele_master_data_callback("relay", [&slave](double, std::vector<double> joints, double gripper) {
-            slave.tracking(joints, true, std::clamp(gripper / 0.6, 0.0, 0.08));
-        });
-        if (force_feedback_) {
-            slave.register_get_tele_slave_data_callback("feedback", [&master](double, std::vector<double> tau, double gripper_tau) {
-                master.set_redundancy_tau(tau, gripper_tau);
+        master.register_get_tele_master_data_callback(
+            "relay", [&slave](double, std::vector<double> joints, double gripper) {
+                slave.tracking(joints, true, std::clamp(gripper / 0.6, 0.0, 0.08));
             });
+        if (force_feedback_) {
+            slave.register_get_tele_slave_data_callback("feedback",
+                                                        [&master](double, std::vector<double> tau, double gripper_tau) {
+                                                            master.set_redundancy_tau(tau, gripper_tau);
+                                                        });
         }
         return true;
     }

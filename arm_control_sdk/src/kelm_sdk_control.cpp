@@ -33,7 +33,6 @@ Json::Value commandBody(const char* command) {
 // 0 below the range, otherwise the smaller of `value` and `upper`.
 double clampFromZero(double value, double upper) { return value < 0.0 ? 0.0 : std::min(value, upper); }
 
-
 }  // namespace
 
 int KelmKernelImpl::set_servo_enable(bool enable) {
@@ -178,8 +177,9 @@ ArmConfig KelmKernelImpl::get_config() {
     }
     result.dof = dof;
     const std::pair<const char*, std::vector<double>*> columns[] = {
-        {protocol::key::kLimitUpper, &result.limit_upper}, {protocol::key::kLimitLower, &result.limit_lower}, {protocol::key::kJointVel, &result.joint_vel},
-        {protocol::key::kJointAcc, &result.joint_acc},     {protocol::key::kJointDec, &result.joint_dec},     {protocol::key::kJointJerk, &result.joint_jerk},
+        {protocol::key::kLimitUpper, &result.limit_upper}, {protocol::key::kLimitLower, &result.limit_lower},
+        {protocol::key::kJointVel, &result.joint_vel},     {protocol::key::kJointAcc, &result.joint_acc},
+        {protocol::key::kJointDec, &result.joint_dec},     {protocol::key::kJointJerk, &result.joint_jerk},
     };
     for (const auto& column : columns) column.second->assign(static_cast<size_t>(dof), 0.0);
     // Joint by joint; an array shorter than dof reads 0 for the joints it lacks.

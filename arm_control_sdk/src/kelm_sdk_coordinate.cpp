@@ -68,7 +68,8 @@ int KelmKernelImpl::get_user_index() {
 
 std::array<double, 7> KelmKernelImpl::get_tool_coordinate(int index) {
     Pose coordinate{};
-    Json::Value body = coordinateRequest(protocol::command::kGetCoordinate, protocol::key::kType, protocol::key::kTool, index);
+    Json::Value body =
+        coordinateRequest(protocol::command::kGetCoordinate, protocol::key::kType, protocol::key::kTool, index);
     const Json::Value reply = askController(*this, body);
     if (!reply.isObject()) return coordinate;
     if (reply.isMember(protocol::key::kErrMsg)) {
@@ -87,7 +88,8 @@ std::array<double, 7> KelmKernelImpl::get_tool_coordinate(int index) {
 
 std::vector<double> KelmKernelImpl::get_user_coordinate(int index) {
     std::vector<double> coordinate;
-    Json::Value body = coordinateRequest(protocol::command::kGetCoordinate, protocol::key::kType, protocol::key::kUser, index);
+    Json::Value body =
+        coordinateRequest(protocol::command::kGetCoordinate, protocol::key::kType, protocol::key::kUser, index);
     const Json::Value reply = askController(*this, body);
     if (!reply.isObject() || reply.isMember(protocol::key::kErrMsg)) return coordinate;
     const Json::Value& values = reply[protocol::key::kCoordinate];
@@ -102,13 +104,15 @@ int KelmKernelImpl::set_tool_index(int index) {
         note_refusal(__func__, RefusalKind::invalid_input, "tool index " + std::to_string(index) + " is negative");
         return -1;
     }
-    Json::Value body = coordinateRequest(protocol::command::kSetToolData, protocol::key::kOperation, protocol::value::kChange, index);
+    Json::Value body =
+        coordinateRequest(protocol::command::kSetToolData, protocol::key::kOperation, protocol::value::kChange, index);
     return submitTask(*this, __func__, body);
 }
 
 // A negative user index is passed on: the controller decides about it.
 int KelmKernelImpl::set_user_index(int index) {
-    Json::Value body = coordinateRequest(protocol::command::kSetUserData, protocol::key::kOperation, protocol::value::kChange, index);
+    Json::Value body =
+        coordinateRequest(protocol::command::kSetUserData, protocol::key::kOperation, protocol::value::kChange, index);
     return submitTask(*this, __func__, body);
 }
 
