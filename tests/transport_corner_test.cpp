@@ -82,22 +82,7 @@ TEST(TransportCorner, StreamToAPeerThatStopsReadingIsBoundedAndNeverBlocks) {
     ASSERT_TRUE(peer.waitForConnections(1));
     const auto connection = peer.server().connectionIds().at(0);
     peer.server().stallReading(connection, milliseconds(60000));  // until the streams below are dropped
-    // Like a controller, the peer goes on talking while it does not read, so
-    // however long the test takes, the client never meets 3 s of silence.
-    struct Talker {
-        std::atomic<bool> talking{true};
-        std::thread thread;
-        ~Talker() {
-            talking = false;
-            thread.join();
-        }
-    } talker;
-    talker.thread = std::thread([&] {
-        for (int i = 0; i < 1200 && talker.talking; ++i) {
-            peer.sendText("{}");
-            std::this_thread::sleep_for(milliseconds(50));
-        }
-    });
+    test::Chatter chatter(peer, "{}");
     ASSERT_EQ(endpoint.client.sendRequest(test::jsonObject({{"command", "last read"}})), 1);
     ASSERT_TRUE(peer.waitForCount(1));
     const Json::Value target = test::jsonObject({{"command", "target"}, {"pad", std::string(1000, 't')}});

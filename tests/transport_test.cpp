@@ -1,11 +1,9 @@
 // CommunicationClient, WebSocketClient and WebSocketServer over real loopback
 // WebSockets against the test peer.
-#include <Poco/Base64Encoder.h>
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/Net/WebSocket.h>
-#include <Poco/SHA1Engine.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -14,7 +12,6 @@
 #include <functional>
 #include <future>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -35,87 +32,65 @@ using test::TestPeer;
 using test::waitUntil;
 
 // A controller on a bare TCP socket that writes the handshake's answer and
-// its first messages in one write, as one that streams from the first
-// instant does. Then it stays quiet for `quiet`, answering pings only, and
-// closes once release() is called.
+// `first_frames` in one write, as one streaming from its first instant does,
+// then only answers pings for `quiet`; it closes when destroyed.
 class EagerPeer {
 public:
-    EagerPeer(std::vector<std::string> first_messages, milliseconds quiet)
-        : listener_(Poco::Net::SocketAddress("127.0.0.1", 0)),
-          thread_([this, first_messages, quiet] { serve(first_messages, quiet); }) {}
+    EagerPeer(std::string first_frames, milliseconds quiet)
+        : thread_([this, first_frames, quiet] { serve(first_frames, quiet); }) {}
     ~EagerPeer() {
-        release();
+        done_.set_value();
         thread_.join();
     }
-
     unsigned short port() const { return listener_.address().port(); }
-    void release() {
-        if (!released_.exchange(true)) release_.set_value();
-    }
 
     std::atomic<int> pings{0};
     std::atomic<bool> quiet_over{false};
 
 private:
-    static constexpr std::size_t kMostRequestBytes = 8192;
+    struct Handshake : WebSocket {
+        using WebSocket::computeAccept;
+    };
 
-    static std::string acceptKey(const std::string& key) {
-        Poco::SHA1Engine sha1;
-        sha1.update(key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11");
-        std::ostringstream text;
-        Poco::Base64Encoder base64(text);
-        const Poco::DigestEngine::Digest& digest = sha1.digest();
-        base64.write(reinterpret_cast<const char*>(digest.data()), static_cast<std::streamsize>(digest.size()));
-        base64.close();
-        return text.str();
-    }
-
-    void serve(const std::vector<std::string>& first_messages, milliseconds quiet) {
+    void serve(const std::string& first_frames, milliseconds quiet) {
         if (!listener_.poll(Poco::Timespan(5, 0), Poco::Net::Socket::SELECT_READ)) return;
         Poco::Net::StreamSocket socket = listener_.acceptConnection();
         socket.setReceiveTimeout(Poco::Timespan(5, 0));
-        std::string request;
-        char chunk[512];
-        while (request.find("\r\n\r\n") == std::string::npos && request.size() < kMostRequestBytes) {
-            const int n = socket.receiveBytes(chunk, sizeof chunk);
+        std::string request(4096, '\0');
+        std::size_t length = 0;
+        while (request.find("\r\n\r\n") == std::string::npos && length < request.size()) {
+            const int n = socket.receiveBytes(&request[length], static_cast<int>(request.size() - length));
             if (n <= 0) return;
-            request.append(chunk, static_cast<std::size_t>(n));
+            length += static_cast<std::size_t>(n);
         }
-        const std::string key_header = "Sec-WebSocket-Key: ";
-        const std::size_t key_at = request.find(key_header) + key_header.size();
-        const std::string key = request.substr(key_at, request.find("\r\n", key_at) - key_at);
-        std::string answer =
+        const std::size_t key_at = request.find("Sec-WebSocket-Key: ") + 19;
+        const std::string answer =
             "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
             "Sec-WebSocket-Accept: " +
-            acceptKey(key) + "\r\n\r\n";
-        for (const std::string& message : first_messages)
-            answer += std::string{'\x81', static_cast<char>(message.size())} + message;  // short text frames
+            Handshake::computeAccept(request.substr(key_at, request.find('\r', key_at) - key_at)) + "\r\n\r\n" +
+            first_frames;
         socket.sendBytes(answer.data(), static_cast<int>(answer.size()));
-        answerPings(socket, quiet);
+        answerPings(socket, std::chrono::steady_clock::now() + quiet);
         quiet_over = true;
-        release_.get_future().wait_for(std::chrono::seconds(10));
+        done_.get_future().wait_for(std::chrono::seconds(10));
     }
 
-    // Reads the client's frames (masked, short) and answers each ping.
-    void answerPings(Poco::Net::StreamSocket& socket, milliseconds quiet) {
-        const auto end = std::chrono::steady_clock::now() + quiet;
-        for (auto now = std::chrono::steady_clock::now(); now < end; now = std::chrono::steady_clock::now()) {
-            const auto left = std::chrono::duration_cast<std::chrono::microseconds>(end - now).count();
-            if (!socket.poll(Poco::Timespan(left), Poco::Net::Socket::SELECT_READ)) continue;
-            unsigned char header[6];
+    // Reads the client's frames (short, masked: 6 bytes of header) and answers each ping.
+    void answerPings(Poco::Net::StreamSocket& socket, std::chrono::steady_clock::time_point end) {
+        unsigned char header[6];
+        while (std::chrono::steady_clock::now() < end) {
+            if (!socket.poll(Poco::Timespan(10000), Poco::Net::Socket::SELECT_READ)) continue;
             if (socket.receiveBytes(header, sizeof header) != sizeof header) return;
             std::string payload(header[1] & 0x7f, '\0');
-            if (!payload.empty()) socket.receiveBytes(payload.data(), static_cast<int>(payload.size()));
-            if ((header[0] & 0x0f) != Poco::Net::WebSocket::FRAME_OP_PING) continue;
+            if (!payload.empty()) socket.receiveBytes(&payload[0], static_cast<int>(payload.size()));
+            if ((header[0] & 0x0f) != WebSocket::FRAME_OP_PING) continue;
             ++pings;
-            const char pong[] = {'\x8a', '\0'};
-            socket.sendBytes(pong, sizeof pong);
+            socket.sendBytes("\x8a\x00", 2);  // an empty pong
         }
     }
 
-    Poco::Net::ServerSocket listener_;
-    std::promise<void> release_;
-    std::atomic<bool> released_{false};
+    Poco::Net::ServerSocket listener_{Poco::Net::SocketAddress("127.0.0.1", 0)};
+    std::promise<void> done_;
     std::thread thread_;
 };
 
@@ -179,7 +154,11 @@ TEST_F(TransportTest, ConnectFailsWithoutReportOnBadInputOrUnreachablePeer) {
 }
 
 TEST_F(TransportTest, MessagesInTheHandshakeAnswersWriteArriveAtOnceAndAQuietPeerThatAnswersPingsStays) {
-    EagerPeer eager({"first", "second"}, milliseconds(2000));
+    EagerPeer eager(std::string("\x81\x05"
+                                "first"
+                                "\x81\x06"
+                                "second"),
+                    milliseconds(2000));  // two text frames
     Recorder<int> pings_before_delivery;
     endpoint.hook = [&](const std::string&) { pings_before_delivery.add(eager.pings.load()); };
     client.setClientHandle(std::make_shared<WebSocketClient>("127.0.0.1", eager.port()));
@@ -197,7 +176,6 @@ TEST_F(TransportTest, MessagesInTheHandshakeAnswersWriteArriveAtOnceAndAQuietPee
     EXPECT_GE(eager.pings.load(), 1);
     EXPECT_TRUE(client.isConnected());
     EXPECT_EQ(events.values(), std::vector<bool>{true});
-    eager.release();
 }
 
 // A stopping peer drops its connections, as the TCP shutdown does.

@@ -205,11 +205,6 @@ void CommunicationClient::setRealTime(const RealTimeSetting& setting) {
     }
 }
 
-RealTimeSetting CommunicationClient::realTime() {
-    std::lock_guard<std::mutex> lock(state_mutex_);
-    return real_time_;
-}
-
 void CommunicationClient::setSendRate(double rate) { send_rate_ = rate; }
 
 void CommunicationClient::setRecvRate(double rate) { recv_rate_ = rate; }

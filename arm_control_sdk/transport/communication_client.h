@@ -84,7 +84,6 @@ public:
     // every one started later. A setting that asks for nothing leaves a
     // running thread as it is.
     void setRealTime(const RealTimeSetting& setting);
-    RealTimeSetting realTime();
     void setSendRate(double rate);
     void setRecvRate(double rate);
     // Ends any earlier connection, then opens the socket client's endpoint.

@@ -213,5 +213,19 @@ std::optional<TestPeer::Rule> TestPeer::ruleFor(const std::string& command) cons
     return rule;
 }
 
+Chatter::Chatter(TestPeer& peer, std::string text)
+    : thread_([this, &peer, text = std::move(text)] {
+          constexpr int kMostMessages = 1200;  // one minute
+          for (int i = 0; i < kMostMessages && talking_; ++i) {
+              peer.sendText(text);
+              std::this_thread::sleep_for(std::chrono::milliseconds(50));
+          }
+      }) {}
+
+Chatter::~Chatter() {
+    talking_ = false;
+    thread_.join();
+}
+
 }  // namespace test
 }  // namespace kelm

@@ -31,6 +31,7 @@
 
 #include <json/json.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -156,6 +157,21 @@ private:
     std::condition_variable reply_due_;
     bool stopping_ = false;
     std::thread sender_;
+};
+
+// Sends `text` to every client of `peer` every 50 ms while it lives, as a
+// controller streams state, so that a client never meets its silence limit,
+// also while the peer does not read.
+class Chatter {
+public:
+    Chatter(TestPeer& peer, std::string text);
+    ~Chatter();
+    Chatter(const Chatter&) = delete;
+    Chatter& operator=(const Chatter&) = delete;
+
+private:
+    std::atomic<bool> talking_{true};
+    std::thread thread_;
 };
 
 }  // namespace test
