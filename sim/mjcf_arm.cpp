@@ -26,7 +26,7 @@ constexpr double kFingerDamping = 5.0;     // [N s/m]
 // geometry (type and affinity 1 by default) but never its own.
 constexpr const char* kArmContact = "contype=\"1\" conaffinity=\"2\"";
 // Rubber-like pads: sliding, torsional and rolling friction.
-constexpr const char* kArmFriction = "condim=\"4\" friction=\"1.5 0.02 0.0001\"";
+constexpr const char* kArmFriction = "condim=\"4\" friction=\"1.5 0.05 0.0001\"";
 constexpr const char* kGraspOffset = "0 0 0.06";  // [m] in tool0: between the fingertips, 2 cm short of them
 
 std::string placement(const urdf::Pose& pose) {
