@@ -298,6 +298,8 @@ class EpisodeRecorder:
             # period later, and may still be on its way: wait for one more.
             period = float(np.median(np.diff(self.slave_stamps[-100:]))) if len(self.slave_stamps) > 1 else 0.0
             ready = int(np.searchsorted(pending["stamp"], self.slave_stamps[-1] - period, side="right"))
+        if until is None and not final and self.tracks:
+            until = min(track.times[-1] for track in self.tracks)  # rows wait for their images
         if until is not None:
             ready = min(ready, int(np.searchsorted(pending["received"], until, side="right")))
         return ready

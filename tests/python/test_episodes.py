@@ -34,8 +34,8 @@ def test_observations_follow_one_slave_frame_each_despite_jitter():
 
     random = np.random.default_rng(7)
     for phase in (0.0, 0.0005, 0.00099):   # at 1 kHz, lags on both sides of a frame and half a period
-        slave = 100.0 + np.arange(2000) * 0.001 + random.normal(0, 0.0001, 2000)
-        master = 100.0 + phase + np.arange(50, 1950) * 0.001 + random.normal(0, 0.0001, 1900)
+        slave = 100.0 + np.arange(2000) * 0.001 + random.uniform(-0.0002, 0.0002, 2000)
+        master = 100.0 + phase + np.arange(50, 1950) * 0.001 + random.uniform(-0.0002, 0.0002, 1900)
         index = match_frames(master, slave)
         assert np.all(np.diff(index) == 1), phase
         assert np.all(np.abs(master - slave[index]) < 0.001), phase
@@ -74,13 +74,16 @@ def test_every_master_frame_gets_the_next_slave_frame(start_sim, python, tmp_pat
     with h5py.File(path, "r") as episode:
         index = episode["observations/slave_index"][:]
         master_stamps, slave_stamps = episode["timestamps"][:, 0], episode["slave/stamp"][:]
-    # Where both controllers sent their frames on time, each row has its own
-    # slave frame, within one slave period of the master frame.
-    regular = (np.abs(np.diff(master_stamps) - 0.002) < 0.0005) & \
-              (np.abs(np.diff(slave_stamps[index]) - 0.002) < 0.0005)
-    assert regular.mean() > 0.5
-    assert np.all(np.diff(index)[regular] == 1)
-    assert np.all(np.abs(master_stamps - slave_stamps[index])[1:][regular] < 0.002)
+    # Where both controllers sent their frames on time (a quarter period at
+    # most off), each row has its own slave frame, within one slave period.
+    period = 0.002
+    on_time = lambda steps: np.abs(steps - period) < period / 4
+    slave_steps = np.diff(slave_stamps)
+    around = np.clip(index[:-1], 1, len(slave_steps) - 1)
+    regular = on_time(np.diff(master_stamps)) & on_time(slave_steps[around - 1]) & on_time(slave_steps[around])
+    assert regular.mean() > 0.2
+    assert np.all(np.diff(index)[regular] > 0)
+    assert np.all(np.abs(master_stamps - slave_stamps[index])[:-1][regular] < period)
 
 
 def test_camera_that_stops_keeps_the_episode(start_sim, python, mjpeg_server, tmp_path):
@@ -93,7 +96,8 @@ def test_camera_that_stops_keeps_the_episode(start_sim, python, mjpeg_server, tm
         rows = len(episode["action"])
         assert rows > 20 and len(episode["observations/images/front"]) == rows
         assert "front" in episode.attrs["camera_failure"]
-        assert episode["timestamps"][-1, 1] <= episode["observations/image_times/front"][-1] + 0.001
+        # No rows after the camera's last image (a row at 50 Hz may follow the image of 15 Hz it shows).
+        assert episode["timestamps"][-1, 1] - episode["observations/image_times/front"][-1] < 1 / 15 + 1 / 50
 
 
 def test_replay_brings_the_slave_through_the_recorded_trajectory(start_sim, python, tmp_path):
@@ -147,7 +151,7 @@ def test_preview_writes_a_video(start_sim, python, mjpeg_server, tmp_path):
     (["kelm.replay", "{empty}", "--slave", "127.0.0.1"], "not a kelm.record episode"),
     (["kelm.preview", "{text}"], "not an HDF5 file"),
     (["kelm.preview", "{missing}"], "no such file"),
-    (["kelm.replay", "{episode}", "--slave", "127.0.0.1:1"], "ConnectionError"),
+    (["kelm.replay", "{episode}", "--slave", "127.0.0.1:1"], "no connection to 127.0.0.1:1"),
 ])
 def test_bad_input_is_a_clear_error(python, tmp_path, command, message):
     files = {"text": tmp_path / "notes.hdf5", "empty": tmp_path / "empty.hdf5", "missing": tmp_path / "none.hdf5",
