@@ -100,10 +100,8 @@ void CameraHttpServer::start() {
     params->setTimeout(kRequestTimeout);
     stopping_ = false;
     pool_ = std::make_unique<Poco::ThreadPool>(1, kMaxClients + 1);
-    auto factory = new HandlerFactory(
-        [this](Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response) {
-            serve(request, response);
-        });
+    auto factory = new HandlerFactory([this](Poco::Net::HTTPServerRequest& request,
+                                             Poco::Net::HTTPServerResponse& response) { serve(request, response); });
     server_ = std::make_unique<Poco::Net::HTTPServer>(factory, *pool_, socket, params);
     server_->start();
 }
@@ -128,7 +126,8 @@ void CameraHttpServer::serve(Poco::Net::HTTPServerRequest& request, Poco::Net::H
         std::vector<std::string> path;
         Poco::URI(request.getURI()).getPathSegments(path);
         if (path.size() == 1 && path[0] == "cameras") return serveList(response);
-        const std::shared_ptr<CameraChannel> channel = path.size() == 3 && path[0] == "camera" ? find(path[1]) : nullptr;
+        const std::shared_ptr<CameraChannel> channel =
+            path.size() == 3 && path[0] == "camera" ? find(path[1]) : nullptr;
         if (channel && path[2] == "stream") return serveStream(*channel, response);
         if (channel && path[2] == "snapshot") return serveSnapshot(*channel, response);
         sendText(response, Poco::Net::HTTPResponse::HTTP_NOT_FOUND,

@@ -67,8 +67,7 @@ void CameraRenderer::render(int camera_id, int width, int height, const SceneSna
     bottom_up_.resize(row * height);
     mjr_readPixels(bottom_up_.data(), nullptr, viewport, &context_);
     rgb.resize(bottom_up_.size());
-    for (int y = 0; y < height; ++y)
-        std::memcpy(rgb.data() + y * row, bottom_up_.data() + (height - 1 - y) * row, row);
+    for (int y = 0; y < height; ++y) std::memcpy(rgb.data() + y * row, bottom_up_.data() + (height - 1 - y) * row, row);
 }
 
 }  // namespace sim

@@ -26,7 +26,8 @@ constexpr int kRenderNice = 10;
 
 std::string cameraNames(const mjModel& model) {
     std::string names;
-    for (int id = 0; id < model.ncam; ++id) names += (names.empty() ? "" : ", ") + std::string(mj_id2name(&model, mjOBJ_CAMERA, id));
+    for (int id = 0; id < model.ncam; ++id)
+        names += (names.empty() ? "" : ", ") + std::string(mj_id2name(&model, mjOBJ_CAMERA, id));
     return names.empty() ? "none" : names;
 }
 
@@ -70,7 +71,8 @@ std::shared_ptr<const CameraFrame> CameraChannel::latest() const {
 std::shared_ptr<const CameraFrame> CameraChannel::waitNewer(std::uint64_t after,
                                                             std::chrono::milliseconds timeout) const {
     std::unique_lock<std::mutex> lock(mutex_);
-    const bool newer = published_.wait_for(lock, timeout, [&] { return closed_ || (latest_ && latest_->number > after); });
+    const bool newer =
+        published_.wait_for(lock, timeout, [&] { return closed_ || (latest_ && latest_->number > after); });
     return newer && !closed_ ? latest_ : nullptr;
 }
 

@@ -1,8 +1,8 @@
 #include "jpeg_encoder.h"
 
 #include <cstdlib>
-#include <string>
 #include <stdexcept>
+#include <string>
 
 namespace kelm {
 namespace sim {
