@@ -128,8 +128,10 @@ class Collection:
             raise
 
     def camera_sources(self):
+        """NAME=URL of the slave's camera streams, for open_cameras."""
         base = self.children[1].camera_base
-        return [f"{spec.split(':')[0]}={base}camera/{spec.split(':')[0]}/stream" for spec in self.camera_specs]
+        names = [re.split(r"[:@]", spec)[0] for spec in self.camera_specs]
+        return [f"{name}={base}camera/{name}/stream" for name in names]
 
     def reset(self, seed):
         for kernel in (self.slave, self.master):

@@ -572,7 +572,8 @@ def main(argv=None):
         if slave != ("127.0.0.1", 8090) or master[1] != 8090:
             print("kelm.record: kelm_teleop drives MASTER:8090 and the slave at 127.0.0.1:8090; recording "
                   f"{args.master} and {args.slave} all the same", file=sys.stderr)
-        teleop = TeleopChild(find_program("kelm_teleop", args.teleop_path), args.teleop, master[0], sys.stderr, args.mirror)
+        teleop_path = find_program("kelm_teleop", args.teleop_path)
+        teleop = TeleopChild(teleop_path, args.teleop, master[0], sys.stderr, args.mirror)
         if not teleop.wait_running(90):
             code = teleop.stop()
             print(f"kelm.record: kelm_teleop did not start (exit {code})", file=sys.stderr)

@@ -288,7 +288,8 @@ def parse_arguments(argv=None):
                         help="draw the virtual wall at height Z [m], as kelm_sim --wall takes it (K is not used)")
     parser.add_argument("--mirror", type=int, choices=(0, 1), default=0, help="1: the teleoperation mirrors the master")
     parser.add_argument("--camera", action="append", default=[], type=camera_stream, metavar="NAME=URL",
-                        help="show an MJPEG stream beside the arms, e.g. front=http://127.0.0.1:8091/camera/front/stream")
+                        help="show an MJPEG stream beside the arms, "
+                             "e.g. front=http://127.0.0.1:8091/camera/front/stream; repeatable")
     return parser.parse_args(argv)
 
 
