@@ -164,14 +164,13 @@ def run_episode(collection, path, seed, args, stop):
         recorder.file.attrs["task_success"] = bool(outcome.get("success", False))
         recorder.file.attrs["task_seed"] = seed
         recorder.file.attrs["task_outcome"] = json.dumps(outcome)
-        rows = recorder.top.rows
     finally:
         recorder.close()
     if not args.quiet:
         sys.stderr.write("\n")
     if ended:
         print(f"kelm.collect: {ended}", file=sys.stderr)
-    return {"episode": os.path.basename(path), "success": bool(outcome.get("success", False)), "rows": rows,
+    return {"episode": os.path.basename(path), "success": bool(outcome.get("success", False)), "rows": recorder.top.rows,
             "duration": time.time() - recorder.started, "size": os.path.getsize(path)}
 
 
