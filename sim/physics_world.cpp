@@ -302,5 +302,15 @@ PhysicsStats PhysicsWorld::stats() const {
     return stats;
 }
 
+void PhysicsWorld::snapshot(SceneSnapshot& into) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const mjModel& model = scene_->model();
+    const mjData& data = scene_->data();
+    into.time = data.time;
+    into.qpos.assign(data.qpos, data.qpos + model.nq);
+    into.mocap_pos.assign(data.mocap_pos, data.mocap_pos + 3 * model.nmocap);
+    into.mocap_quat.assign(data.mocap_quat, data.mocap_quat + 4 * model.nmocap);
+}
+
 }  // namespace sim
 }  // namespace kelm

@@ -61,6 +61,13 @@ struct BodySensed {
     std::uint64_t resets = 0;           // times the physics went unstable and was reset
 };
 
+// The state the scene's bodies stand in, copied between two ticks: enough
+// for a renderer to place every body (mj_kinematics) without the live state.
+struct SceneSnapshot {
+    double time = 0.0;  // [s] simulated
+    std::vector<mjtNum> qpos, mocap_pos, mocap_quat;
+};
+
 // Step timing since start().
 struct PhysicsStats {
     std::uint64_t ticks = 0;
@@ -95,6 +102,11 @@ public:
     TaskLayout taskLayout(int arm) const;
     bool taskSucceeded(int arm) const;
     PhysicsStats stats() const;
+    // The scene's model, which never changes after loading.
+    const mjModel& model() const { return scene_->model(); }
+    const std::string& scenePath() const { return scene_->path(); }
+    // Copies the current state into `into` (reusing its storage).
+    void snapshot(SceneSnapshot& into) const;
 
 private:
     void run();

@@ -40,6 +40,12 @@ std::unique_ptr<PhysicsWorld> loadPhysics(const SimOptions& options) {
                                           options.seed);
 }
 
+std::unique_ptr<CameraRig> loadCameras(const SimOptions& options, const PhysicsWorld* physics) {
+    if (options.cameras.empty()) return nullptr;
+    if (!physics) throw std::runtime_error("cameras need a physics scene");
+    return std::make_unique<CameraRig>(*physics, options.cameras);
+}
+
 double unixNow() {
     const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
     return std::chrono::duration<double>(since_epoch).count();
@@ -50,6 +56,7 @@ double unixNow() {
 SimController::SimController(SimOptions options)
     : options_(std::move(options)),
       physics_(loadPhysics(options_)),
+      cameras_(loadCameras(options_, physics_.get())),
       model_(options_.arms, options_.dof, options_.hand, options_.wall),
       server_(options_.ip, options_.port,
               WebSocketServer::Handlers{
@@ -88,6 +95,11 @@ void SimController::start() {
     }
     reply_thread_ = std::thread([this] { senderLoop(); });
     if (physics_) physics_->start();
+    if (cameras_) {
+        cameras_->start();
+        camera_server_ = std::make_unique<CameraHttpServer>(options_.ip, options_.camera_port, cameras_->channels());
+        camera_server_->start();
+    }
     running_ = true;
     frame_thread_ = std::thread([this] { frameLoop(); });
 }
@@ -95,6 +107,8 @@ void SimController::start() {
 void SimController::stop() {
     running_ = false;
     if (frame_thread_.joinable()) frame_thread_.join();
+    if (camera_server_) camera_server_->stop();
+    if (cameras_) cameras_->stop();
     if (physics_) physics_->stop();
     server_.stop();
     {

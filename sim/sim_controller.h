@@ -35,6 +35,8 @@
 #include <thread>
 #include <vector>
 
+#include "camera_http_server.h"
+#include "camera_rig.h"
 #include "physics_world.h"
 #include "sim_faults.h"
 #include "sim_model.h"
@@ -69,14 +71,20 @@ public:
     SimController& operator=(const SimController&) = delete;
 
     // Loads the physics scene if the options name one; throws
-    // std::runtime_error naming the file and the problem.
-    // Binds, then starts the physics and the frame loop. Throws
-    // std::runtime_error when the address cannot be bound.
+    // std::runtime_error naming the file and the problem, or a camera that
+    // the scene does not have.
+    // Binds, then starts the physics, the cameras and the frame loop. Throws
+    // std::runtime_error when an address cannot be bound or the cameras
+    // cannot render.
     void start();
     // Stops the frame loop and the server; harmless when stopped.
     void stop();
 
     unsigned short port() const { return server_.port(); }
+    // Of the cameras' HTTP server once started; 0 without cameras.
+    unsigned short cameraPort() const { return camera_server_ ? camera_server_->port() : 0; }
+    // The cameras' images, or null without cameras.
+    const CameraRig* cameras() const { return cameras_.get(); }
     const SimOptions& options() const { return options_; }
     SimModel& model() { return model_; }
     // The physics world, or null for kinematic arms.
@@ -119,6 +127,8 @@ private:
 
     SimOptions options_;
     std::unique_ptr<PhysicsWorld> physics_;
+    std::unique_ptr<CameraRig> cameras_;
+    std::unique_ptr<CameraHttpServer> camera_server_;
     SimModel model_;
     FaultInjector faults_;
     WebSocketServer server_;

@@ -125,6 +125,12 @@ int main(int argc, char** argv) {
     kelm::sim::SimController& controller = *running;
     std::printf("kelm_sim: listening on ws://%s:%u, %d arm(s) of %d joints, state frames at %.0f Hz\n",
                 options.ip.c_str(), static_cast<unsigned>(controller.port()), options.arms, options.dof, options.rate);
+    if (!options.cameras.empty()) {
+        std::string names;
+        for (const auto& camera : options.cameras) names += (names.empty() ? "" : ", ") + camera.name;
+        std::printf("kelm_sim: cameras on http://%s:%u/ (%s)\n", options.ip.c_str(),
+                    static_cast<unsigned>(controller.cameraPort()), names.c_str());
+    }
     std::fflush(stdout);
 
     using Clock = std::chrono::steady_clock;

@@ -2,6 +2,7 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <sstream>
@@ -44,6 +45,8 @@ enum OptionId {
     kTaskScene,
     kSeed,
     kRtPriority,
+    kCamera,
+    kCameraPort,
 };
 
 const option kLongOptions[] = {
@@ -76,6 +79,8 @@ const option kLongOptions[] = {
     {"task-scene", required_argument, nullptr, kTaskScene},
     {"seed", required_argument, nullptr, kSeed},
     {"rt-priority", required_argument, nullptr, kRtPriority},
+    {"camera", required_argument, nullptr, kCamera},
+    {"camera-port", required_argument, nullptr, kCameraPort},
     {"quiet", no_argument, nullptr, kQuiet},
     {"help", no_argument, nullptr, kHelp},
     {nullptr, 0, nullptr, 0},
@@ -122,6 +127,25 @@ bool readInjectedError(const std::string& text, InjectedError& error) {
     error.arm = static_cast<int>(arm);
     error.code = static_cast<int>(code);
     error.message = second == std::string::npos ? "injected fault " + code_text : text.substr(second + 1);
+    return true;
+}
+
+// NAME[:WIDTHxHEIGHT][@FPS]
+bool readCamera(const std::string& text, CameraSpec& camera) {
+    const size_t at = text.find('@');
+    const size_t colon = std::min(text.find(':'), at);
+    camera.name = text.substr(0, colon);
+    if (camera.name.empty()) return false;
+    if (at != std::string::npos && !readNumber(text.substr(at + 1).c_str(), 0.1, 120.0, camera.fps)) return false;
+    if (colon == at) return true;
+    const std::string size = text.substr(colon + 1, at == std::string::npos ? std::string::npos : at - colon - 1);
+    const size_t x = size.find('x');
+    long width = 0, height = 0;
+    if (x == std::string::npos || !readInteger(size.substr(0, x).c_str(), 16, 4096, width) ||
+        !readInteger(size.substr(x + 1).c_str(), 16, 4096, height))
+        return false;
+    camera.width = static_cast<int>(width);
+    camera.height = static_cast<int>(height);
     return true;
 }
 
@@ -205,6 +229,16 @@ bool applyOption(int id, const char* argument, SimOptions& options) {
                 return false;
             options.rt_priority = static_cast<int>(integer);
             return true;
+        case kCamera: {
+            CameraSpec camera;
+            if (!readCamera(argument, camera)) return false;
+            options.cameras.push_back(camera);
+            return true;
+        }
+        case kCameraPort:
+            if (!readInteger(argument, 0, 65535, integer)) return false;
+            options.camera_port = static_cast<unsigned short>(integer);
+            return true;
         case kQuiet: options.quiet = true; return true;
         default: return false;
     }
@@ -243,6 +277,10 @@ ParseResult parseSimOptions(int argc, char** argv, SimOptions& options, std::str
         error = "--wall is for the kinematic arm; in a --scene, the scene's bodies are what the arm meets";
         return ParseResult::Error;
     }
+    if (!options.cameras.empty() && options.scene.empty()) {
+        error = "--camera renders the cameras of a physics scene: give --scene";
+        return ParseResult::Error;
+    }
     for (const auto& injected : options.errors) {
         if (injected.arm >= options.arms) {
             error = "--error names arm " + std::to_string(injected.arm) + " of " + std::to_string(options.arms);
@@ -273,6 +311,11 @@ std::string simUsage(const char* program) {
          << "      --task-scene FILE.xml   where the operator's pick-and-place task lies\n"
          << "                              (default: the --scene)\n"
          << "      --seed N                places the task's objects (default 1)\n"
+         << "      --camera NAME[:WxH][@FPS]  render the scene's camera NAME offscreen and serve it\n"
+         << "                              as MJPEG over HTTP (default 640x480@15); repeatable\n"
+         << "      --camera-port PORT      port of the cameras' HTTP server on the --ip address,\n"
+         << "                              0 for any free one (default 8091): GET\n"
+         << "                              /camera/NAME/stream, /camera/NAME/snapshot, /cameras\n"
          << "Operator and environment:\n"
          << "      --operator on|off|pick-place  the simulated hand moves arms in drag mode and\n"
          << "                              as teleoperation master (default on); pick-place:\n"

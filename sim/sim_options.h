@@ -18,6 +18,14 @@ struct InjectedError {
     std::string message;
 };
 
+// A scene camera to render and serve: --camera NAME[:WIDTHxHEIGHT][@FPS].
+struct CameraSpec {
+    std::string name;  // as the scene names it
+    int width = 640;   // [px]
+    int height = 480;  // [px]
+    double fps = 15.0;
+};
+
 struct SimOptions {
     std::string ip = "127.0.0.1";
     unsigned short port = 8090;  // 0 picks a free port
@@ -28,6 +36,11 @@ struct SimOptions {
     std::string scene;           // MuJoCo scene of the arms' bodies; empty: kinematic arms
     std::string task_scene;      // where the operator's task lies; empty: `scene`
     std::uint32_t seed = 1;      // places the task's objects
+
+    // Rendered offscreen and served over HTTP; needs a scene.
+    std::vector<CameraSpec> cameras;
+    unsigned short camera_port = 8091;  // of the cameras' HTTP server; 0 picks a free port
+
     // Least time between a request and its reply. A real controller takes
     // milliseconds; a client that files its request only after sending it
     // loses a reply that comes back sooner, which a loaded machine with a

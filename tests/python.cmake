@@ -16,6 +16,7 @@ if(TARGET kelm_python_module AND TARGET kelm_sim)
   endfunction()
   kelm_add_pytest(python_kelm
     ${CMAKE_CURRENT_LIST_DIR}/python/test_bindings.py ${CMAKE_CURRENT_LIST_DIR}/python/test_record_and_examples.py)
+  kelm_add_pytest(python_kelm_episodes ${CMAKE_CURRENT_LIST_DIR}/python/test_episodes.py)
   kelm_add_pytest(python_kelm_pythonic ${CMAKE_CURRENT_LIST_DIR}/python/test_pythonic.py)
   # Builds the library again, in Release, for the wheel: minutes on a loaded machine.
   kelm_add_pytest(python_kelm_wheel ${CMAKE_CURRENT_LIST_DIR}/python/test_wheel.py)
@@ -23,4 +24,7 @@ if(TARGET kelm_python_module AND TARGET kelm_sim)
   # kelm.record --teleop starts kelm_teleop, whose controllers are on port 8090.
   kelm_add_pytest(python_kelm_record_teleop ${CMAKE_CURRENT_LIST_DIR}/python/test_record_teleop.py)
   set_tests_properties(python_kelm_record_teleop PROPERTIES RESOURCE_LOCK port8090)
+  # kelm.collect starts both controllers on port 8090 and kelm_teleop between them.
+  kelm_add_pytest(python_kelm_collect ${CMAKE_CURRENT_LIST_DIR}/python/test_collect.py)
+  set_tests_properties(python_kelm_collect PROPERTIES RESOURCE_LOCK port8090 TIMEOUT 300)
 endif()

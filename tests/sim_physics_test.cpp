@@ -227,6 +227,11 @@ TEST(PhysicsBadInput, EachBadSceneExitsOneNamingTheProblem) {
         {"--scene " + extra_joint, "not the 6 of --dof"},
         {"--scene bimanual", "beyond the 1 arm(s) of --arms"},
         {"--operator pick-place", "needs the task's scene"},
+        {"--scene table_cube --camera wrist", "its cameras: front, top"},
+        {"--scene table_cube --camera front --camera front", "asked for twice"},
+        {"--camera front", "give --scene"},
+        {"--scene table_cube --camera front:10x10", "bad value 'front:10x10'"},
+        {"--scene table_cube --camera front@0", "bad value 'front@0'"},
     };
     for (const auto& entry : cases) {
         const Outcome outcome = runSimulator(entry.arguments);

@@ -1,12 +1,14 @@
 """Live view of a teleoperation: both arms in 3-D and the stream's health in a browser.
 
     python3 -m kelm.view --master IP[:PORT] --slave IP[:PORT] [--port 8000] [--bind 127.0.0.1]
+                         [--camera NAME=URL ...]
 
 Connects to both controllers as two more clients (it only listens: no request
 that changes an arm is sent) and serves one page with a WebSocket on one port.
 The page asks for the state once per animation frame and gets the newest
 state of both arms; nothing queues up, so the page's frame rate decimates the
-controllers' rate.
+controllers' rate. Cameras given with --camera (MJPEG streams, such as the
+simulator's) are shown beside the arms; the browser reads them directly.
 
 Threads: each controller connection delivers frames on its own receive thread
 into an ArmFeed (frames in, newest state out); a poller thread reads the
@@ -267,6 +269,14 @@ def wall_height(text):
     return float(text.split(",", 1)[0])
 
 
+def camera_stream(text):
+    """'NAME=URL' of an MJPEG stream -> {"name", "url"}."""
+    name, _, url = text.partition("=")
+    if not name or not url.startswith(("http://", "https://")):
+        raise argparse.ArgumentTypeError(f"'{text}': give NAME=URL of an MJPEG stream (http://...)")
+    return {"name": name, "url": url}
+
+
 def parse_arguments(argv=None):
     parser = argparse.ArgumentParser(prog="python3 -m kelm.view", description=__doc__.split("\n")[0])
     parser.add_argument("--master", required=True, help="master controller, IP or IP:PORT (port 8090 by default)")
@@ -277,6 +287,9 @@ def parse_arguments(argv=None):
     parser.add_argument("--wall", type=wall_height, metavar="Z[,K]",
                         help="draw the virtual wall at height Z [m], as kelm_sim --wall takes it (K is not used)")
     parser.add_argument("--mirror", type=int, choices=(0, 1), default=0, help="1: the teleoperation mirrors the master")
+    parser.add_argument("--camera", action="append", default=[], type=camera_stream, metavar="NAME=URL",
+                        help="show an MJPEG stream beside the arms, "
+                             "e.g. front=http://127.0.0.1:8091/camera/front/stream; repeatable")
     return parser.parse_args(argv)
 
 
@@ -299,7 +312,7 @@ def main(argv=None):
     links = [ControllerLink(kelm, role, address, feeds[role])
              for role, address in (("master", arguments.master), ("slave", arguments.slave))]
     config = {"master": arguments.master, "slave": arguments.slave, "mirror": bool(arguments.mirror),
-              "wall": arguments.wall, "model": os.path.basename(str(model))}
+              "wall": arguments.wall, "model": os.path.basename(str(model)), "cameras": arguments.camera}
     stop = threading.Event()
     poller = threading.Thread(target=poll_status_forever, args=(links, stop), daemon=True)
     poller.start()

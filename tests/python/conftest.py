@@ -103,3 +103,70 @@ def python():
     def run(args, timeout=60):
         return subprocess.run([sys.executable, *args], capture_output=True, text=True, timeout=timeout)
     return run
+
+
+class MjpegServer:
+    """A camera stand-in: an MJPEG stream (multipart/x-mixed-replace) on 127.0.0.1, port 0, at `fps`,
+    whose images change from one to the next; after `frames` images it closes the stream (None: never)."""
+
+    def __init__(self, fps=15.0, size=(320, 240), frames=None):
+        import http.server
+        import socketserver
+
+        self.fps, self.size, self.frames = fps, size, frames
+        server = self
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def do_GET(self):
+                server.stream(self)
+
+            def log_message(self, *_args):
+                pass
+
+        self.httpd = socketserver.ThreadingTCPServer(("127.0.0.1", 0), Handler)
+        self.httpd.daemon_threads = True
+        self.url = f"http://127.0.0.1:{self.httpd.server_address[1]}/stream"
+        threading.Thread(target=self.httpd.serve_forever, daemon=True).start()
+
+    def image(self, number):
+        import cv2
+        import numpy as np
+
+        width, height = self.size
+        image = np.full((height, width, 3), 60, dtype=np.uint8)
+        x = (number * 7) % (width - 40)
+        cv2.rectangle(image, (x, height // 3), (x + 40, height // 3 + 40), (0, 200, 255), -1)
+        return cv2.imencode(".jpg", image)[1].tobytes()
+
+    def stream(self, handler):
+        handler.send_response(200)
+        handler.send_header("Content-Type", "multipart/x-mixed-replace; boundary=frame")
+        handler.end_headers()
+        number, started = 0, time.monotonic()
+        try:
+            while self.frames is None or number < self.frames:
+                jpeg = self.image(number)
+                handler.wfile.write(b"--frame\r\nContent-Type: image/jpeg\r\nContent-Length: %d\r\n\r\n" % len(jpeg)
+                                    + jpeg + b"\r\n")
+                number += 1
+                time.sleep(max(0.0, started + number / self.fps - time.monotonic()))
+        except (BrokenPipeError, ConnectionResetError):
+            pass
+
+    def close(self):
+        self.httpd.shutdown()
+        self.httpd.server_close()
+
+
+@pytest.fixture
+def mjpeg_server():
+    """mjpeg_server(fps=15, size=(320, 240), frames=None) -> MjpegServer; all are closed afterwards."""
+    servers = []
+
+    def start(**options):
+        servers.append(MjpegServer(**options))
+        return servers[-1]
+
+    yield start
+    for server in servers:
+        server.close()

@@ -115,3 +115,19 @@ def test_lag_is_read_from_the_two_traces(mirror):
     if mirror:
         slave = mirrored(slave)
     assert estimate_lag((times, master), (times + 0.0003, slave), mirror) == pytest.approx(0.0403, abs=0.0015)
+
+
+def test_page_shows_the_cameras_beside_the_arms(start_sim, mjpeg_server, browser, tmp_path):
+    camera = mjpeg_server(fps=10)
+    master, slave = start_sim(), start_sim()
+    view = ViewProcess(master, slave, "--camera", f"front={camera.url}")
+    try:
+        browser.get(view.url)
+        assert wait_for(lambda: browser.execute_script(
+            "const image = document.querySelector('#cameras img'); return image && image.naturalWidth"), WAIT_S)
+        assert browser.execute_script("return document.querySelector('#cameras figcaption').textContent") == "front"
+        scene, cameras = (browser.find_element("id", name).rect for name in ("scene", "cameras"))
+        assert cameras["x"] >= scene["x"] + scene["width"] - 1 and cameras["width"] > 100
+        browser.save_screenshot(str(tmp_path / "cameras.png"))
+    finally:
+        view.stop()

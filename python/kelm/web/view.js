@@ -122,9 +122,26 @@ function connect(page) {
   requestAnimationFrame(frame);
 }
 
+// The cameras' MJPEG streams, each in an <img> that the browser keeps updating.
+function showCameras(cameras) {
+  const section = document.getElementById('cameras');
+  for (const camera of cameras) {
+    const figure = document.createElement('figure');
+    const image = document.createElement('img');
+    image.src = camera.url;
+    image.alt = camera.name;
+    const caption = document.createElement('figcaption');
+    caption.textContent = camera.name;
+    figure.append(image, caption);
+    section.append(figure);
+  }
+  section.hidden = cameras.length === 0;
+}
+
 async function start() {
   const config = await (await fetch('/config.json')).json();
   document.title = `Kelm live view: ${config.master} → ${config.slave}`;
+  showCameras(config.cameras || []);
   const scene = new Scene(document.getElementById('scene'));
   await scene.loadArms('/model.urdf', config.wall);
   const page = new Page(config, scene);
