@@ -152,6 +152,24 @@ TEST(SimCameras, StreamDeliversWholeJpegsAtTheAskedRate) {
     simulator.stop();
 }
 
+// 1280x720 at 120 images/s is beyond this machine: the images it cannot
+// draw in time are dropped and counted, and those it draws are not late
+// ones drawn in a burst (drawn and dropped together follow the clock).
+TEST(SimCameras, ARateBeyondTheRendererDropsAndCountsImages) {
+    constexpr double kFps = 120.0;
+    sim::SimController simulator(cameraOptions({"front", 1280, 720, kFps}));
+    simulator.start();
+    const Clock::time_point started = Clock::now();
+    std::this_thread::sleep_for(2s);
+    const sim::CameraCounters counters = simulator.cameras()->channels().front()->counters();
+    const double due = kFps * std::chrono::duration<double>(Clock::now() - started).count();
+    simulator.stop();
+    EXPECT_GT(counters.dropped, 0u);
+    EXPECT_LE(counters.rendered + counters.dropped, 1.05 * due + 1.0);
+    EXPECT_GE(counters.rendered + counters.dropped, 0.5 * due);
+    EXPECT_GT(simulator.physics()->stats().simulated_seconds, 1.0);
+}
+
 TEST(SimCameras, TheImageFollowsTheArm) {
     PhysicsArm arm(cameraOptions({"front", 320, 240, 10.0}));
     ASSERT_TRUE(arm.ready());
