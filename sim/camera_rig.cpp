@@ -26,9 +26,11 @@ constexpr int kRenderNice = 10;
 
 std::string cameraNames(const mjModel& model) {
     std::string names;
-    for (int id = 0; id < model.ncam; ++id)
-        names += (names.empty() ? "" : ", ") + std::string(mj_id2name(&model, mjOBJ_CAMERA, id));
-    return names.empty() ? "none" : names;
+    for (int id = 0; id < model.ncam; ++id) {
+        const char* name = mj_id2name(&model, mjOBJ_CAMERA, id);
+        if (name) names += (names.empty() ? "" : ", ") + std::string(name);
+    }
+    return names.empty() ? "none named" : names;
 }
 
 // Normal scheduling at a lower priority, also when the simulator's threads
@@ -111,7 +113,7 @@ void CameraRig::start() {
     }
     std::promise<void> ready;
     std::future<void> started = ready.get_future();
-    thread_ = std::thread([this, &ready] { run(ready); });
+    thread_ = std::thread([this, ready = std::move(ready)]() mutable { run(ready); });
     try {
         started.get();
     } catch (...) {

@@ -83,7 +83,7 @@ public:
 
     // Starts the render thread and returns once it can render; throws
     // std::runtime_error (and starts nothing) when no OpenGL context or
-    // renderer can be made.
+    // renderer can be made. Once only: stop() closes the channels for good.
     void start();
     void stop();
 

@@ -19,6 +19,13 @@
 
 #include "sim_teleoperation.h"
 
+// Mesa's software renderer, which is not instrumented, synchronises its own
+// threads in ways ThreadSanitizer cannot see; its reports are not about
+// this code.
+#if defined(__SANITIZE_THREAD__)
+extern "C" const char* __tsan_default_suppressions() { return "called_from_lib:swrast_dri.so\n"; }
+#endif
+
 namespace kelm {
 namespace test {
 namespace {
@@ -91,7 +98,8 @@ Reply get(unsigned short port, const std::string& path) {
 
 // A snapshot whose image shows a simulated time after `after` [s].
 Image snapshotAfter(unsigned short port, double after) {
-    for (int attempt = 0; attempt < 100; ++attempt) {
+    const Clock::time_point deadline = Clock::now() + 30s;  // a busy machine renders slowly
+    while (Clock::now() < deadline) {
         const Reply reply = get(port, "/camera/front/snapshot");
         if (reply.status == 200 && std::stod(reply.sim_time) > after) return decode(reply.body);
         std::this_thread::sleep_for(50ms);
@@ -123,11 +131,17 @@ bool readPart(std::istream& stream, Part& part) {
     return stream.good() && boundary == "--kelmframe\r" && length > 0;
 }
 
+// On a busy machine the renderer drops images (counted) rather than fall
+// behind: the images offered, drawn or dropped, follow the asked rate. Each
+// part's place in that schedule (its number plus the drops before it) over
+// its arrival time, fitted by least squares, is the rate; a late image
+// moves one point, not the whole measure.
 TEST(SimCameras, StreamDeliversWholeJpegsAtTheAskedRate) {
     constexpr double kFps = 5.0;
-    constexpr int kParts = 21;  // 4 s
+    constexpr double kSeconds = 6.0;
     sim::SimController simulator(cameraOptions({"front", 160, 120, kFps}));
     simulator.start();
+    const sim::CameraChannel& channel = *simulator.cameras()->channels().front();
     Poco::Net::HTTPClientSession session("127.0.0.1", simulator.cameraPort());
     session.setTimeout(Poco::Timespan(10, 0));
     Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_GET, "/camera/front/stream",
@@ -137,8 +151,14 @@ TEST(SimCameras, StreamDeliversWholeJpegsAtTheAskedRate) {
     std::istream& stream = session.receiveResponse(response);
     ASSERT_EQ(response.getContentType(), "multipart/x-mixed-replace; boundary=kelmframe");
     std::vector<Part> parts;
-    for (Part part; parts.size() < kParts && readPart(stream, part); part = Part()) parts.push_back(part);
-    ASSERT_EQ(parts.size(), static_cast<std::size_t>(kParts));
+    std::vector<double> slot, seconds;
+    for (Part part; parts.size() < 100 && readPart(stream, part); part = Part()) {
+        parts.push_back(part);
+        slot.push_back(static_cast<double>(part.frame + channel.counters().dropped));
+        seconds.push_back(std::chrono::duration<double>(part.arrived - parts.front().arrived).count());
+        if (seconds.back() >= kSeconds) break;
+    }
+    ASSERT_GE(parts.size(), 3u);
     for (std::size_t i = 0; i < parts.size(); ++i) {
         const Image image = decode(parts[i].jpeg);
         EXPECT_EQ(image.width, 160) << "part " << i;
@@ -147,9 +167,33 @@ TEST(SimCameras, StreamDeliversWholeJpegsAtTheAskedRate) {
         EXPECT_GT(parts[i].frame, parts[i - 1].frame);
         EXPECT_GT(parts[i].sim_time, parts[i - 1].sim_time);
     }
-    const double seconds = std::chrono::duration<double>(parts.back().arrived - parts.front().arrived).count();
-    EXPECT_NEAR((kParts - 1) / seconds, kFps, 0.1 * kFps);
+    const double n = static_cast<double>(parts.size());
+    double mean_t = 0.0, mean_slot = 0.0, covariance = 0.0, variance = 0.0;
+    for (std::size_t i = 0; i < parts.size(); ++i) mean_t += seconds[i] / n, mean_slot += slot[i] / n;
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        covariance += (seconds[i] - mean_t) * (slot[i] - mean_slot);
+        variance += (seconds[i] - mean_t) * (seconds[i] - mean_t);
+    }
+    EXPECT_NEAR(covariance / variance, kFps, 0.1 * kFps) << parts.size() << " parts";
     simulator.stop();
+}
+
+// 1280x720 at 120 images/s is beyond this machine: the images it cannot
+// draw in time are dropped and counted, and those it draws are not late
+// ones drawn in a burst (drawn and dropped together follow the clock).
+TEST(SimCameras, ARateBeyondTheRendererDropsAndCountsImages) {
+    constexpr double kFps = 120.0;
+    sim::SimController simulator(cameraOptions({"front", 1280, 720, kFps}));
+    simulator.start();
+    const Clock::time_point started = Clock::now();
+    std::this_thread::sleep_for(2s);
+    const sim::CameraCounters counters = simulator.cameras()->channels().front()->counters();
+    const double due = kFps * std::chrono::duration<double>(Clock::now() - started).count();
+    simulator.stop();
+    EXPECT_GT(counters.dropped, 0u);
+    EXPECT_LE(counters.rendered + counters.dropped, 1.05 * due + 1.0);
+    EXPECT_GE(counters.rendered + counters.dropped, 0.5 * due);
+    EXPECT_GT(simulator.physics()->stats().simulated_seconds, 1.0);
 }
 
 TEST(SimCameras, TheImageFollowsTheArm) {
@@ -168,6 +212,7 @@ TEST(SimCameras, TheImageFollowsTheArm) {
 TEST(SimCameras, ServesTheSnapshotAndTheListAndRefusesOtherPaths) {
     sim::SimController simulator(cameraOptions({"front", 320, 240, 10.0}));
     simulator.start();
+    ASSERT_FALSE(snapshotAfter(simulator.cameraPort(), 0.0).rgb.empty());
     const struct {
         std::string path;
         int status;
