@@ -311,6 +311,8 @@ struct ModeCase {
     std::string force_text;     // clamping force as the tool prints it
     double force;
 };
+// GoogleTest prints a case by its name (in test lists and CTest names), not its bytes.
+void PrintTo(const ModeCase& c, std::ostream* out) { *out << c.name; }
 
 class TeleopModes : public TeleopEndToEnd, public ::testing::WithParamInterface<ModeCase> {};
 
@@ -371,6 +373,8 @@ struct EventCase {
     const char* message;
     const char* expected_line;
 };
+// GoogleTest prints a case by its name (in test lists and CTest names), not its bytes.
+void PrintTo(const EventCase& c, std::ostream* out) { *out << c.name; }
 
 class TeleopEvents : public TeleopEndToEnd, public ::testing::WithParamInterface<EventCase> {};
 
@@ -575,6 +579,8 @@ struct CommandLineCase {
     std::string expected_stdout;
     int exit_code;
 };
+// GoogleTest prints a case by its name (in test lists and CTest names), not its bytes.
+void PrintTo(const CommandLineCase& c, std::ostream* out) { *out << c.name; }
 
 class TeleopCommandLine : public TeleopEndToEnd, public ::testing::WithParamInterface<CommandLineCase> {};
 
