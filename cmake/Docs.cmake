@@ -3,8 +3,8 @@
 # without a comment are listed without a warning; broken references and
 # markup are warnings, and a warning fails the target.
 find_package(Doxygen)
-if(NOT DOXYGEN_FOUND OR NOT EXISTS /usr/bin/python3)
-  message(STATUS "docs target: skipped (needs doxygen and /usr/bin/python3; scripts/install-deps installs them)")
+if(NOT DOXYGEN_FOUND OR NOT EXISTS ${KELM_PYTHON_INTERPRETER})
+  message(STATUS "docs target: skipped (needs doxygen and ${KELM_PYTHON_INTERPRETER}; scripts/install-deps installs them)")
   return()
 endif()
 
@@ -15,7 +15,7 @@ set(DOXYGEN_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/docs)
 set(DOXYGEN_STRIP_FROM_PATH ${CMAKE_CURRENT_SOURCE_DIR})
 # The headers document themselves in plain // comments; the filter hands
 # them to Doxygen as documentation comments, line for line.
-set(DOXYGEN_INPUT_FILTER "/usr/bin/python3 ${PROJECT_SOURCE_DIR}/docs/doxygen_comment_filter.py")
+set(DOXYGEN_INPUT_FILTER "${KELM_PYTHON_INTERPRETER} ${PROJECT_SOURCE_DIR}/docs/doxygen_comment_filter.py")
 set(DOXYGEN_JAVADOC_AUTOBRIEF YES)
 set(DOXYGEN_BUILTIN_STL_SUPPORT YES)
 set(DOXYGEN_EXTRACT_ALL YES)

@@ -41,7 +41,7 @@ int fail(const char* what) {
 
 int main(int argc, char** argv) {
     const std::string ip = argc > 1 ? argv[1] : "127.0.0.1";
-    const int port = argc > 2 ? std::atoi(argv[2]) : 8090;
+    const int port = argc > 2 ? std::atoi(argv[2]) : kelm::kControllerPort;
 
     // Connects while it is constructed, waiting up to 1 s.
     kelm::KelmSingleCol arm(ip, port, 1.0);

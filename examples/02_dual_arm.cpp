@@ -35,7 +35,7 @@ int fail(const char* what) {
 
 int main(int argc, char** argv) {
     const std::string ip = argc > 1 ? argv[1] : "127.0.0.1";
-    const int port = argc > 2 ? std::atoi(argv[2]) : 8090;
+    const int port = argc > 2 ? std::atoi(argv[2]) : kelm::kControllerPort;
     const int left_index = argc > 3 ? std::atoi(argv[3]) : 0;
     const int right_index = argc > 4 ? std::atoi(argv[4]) : 1;
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "kelm_comm.h"
 #include "sim_environment.h"
 
 namespace kelm {
@@ -28,14 +29,14 @@ struct CameraSpec {
 
 struct SimOptions {
     std::string ip = "127.0.0.1";
-    unsigned short port = 8090;  // 0 picks a free port
-    int arms = 1;                // 1 or 2
-    int dof = 6;                 // 1 to 7
-    double rate = 500.0;         // state frames per second
-    std::string model;           // URDF file of the arm; empty: the default model
-    std::string scene;           // MuJoCo scene of the arms' bodies; empty: kinematic arms
-    std::string task_scene;      // where the operator's task lies; empty: `scene`
-    std::uint32_t seed = 1;      // places the task's objects
+    unsigned short port = kControllerPort;  // 0 picks a free port
+    int arms = 1;                           // 1 or 2
+    int dof = 6;                            // 1 to 7
+    double rate = 500.0;                    // state frames per second
+    std::string model;                      // URDF file of the arm; empty: the default model
+    std::string scene;                      // MuJoCo scene of the arms' bodies; empty: kinematic arms
+    std::string task_scene;                 // where the operator's task lies; empty: `scene`
+    std::uint32_t seed = 1;                 // places the task's objects
 
     // Rendered offscreen and served over HTTP; needs a scene.
     std::vector<CameraSpec> cameras;

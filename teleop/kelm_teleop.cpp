@@ -113,7 +113,6 @@ std::atomic<int> ctrl_c_flag{0};  // a record that Ctrl+C came; nothing reads it
 
 namespace {
 
-constexpr int kControllerPort = 8090;
 constexpr double kConnectTimeout = 1.0;
 constexpr int kArmIndex = 0;  // each controller has its own connection and arm 0
 constexpr double kReadyTimeoutMs = 3000.0;
@@ -177,8 +176,8 @@ bool initializeArms() {
     std::cout << (mirror_control ? "遥操方向为镜向。" : "遥操方向为同向。") << std::endl;
 
     try {
-        kelm1_ = std::make_shared<KelmKernelImpl>(master_IP, kControllerPort, kConnectTimeout, kArmIndex);
-        kelm2_ = std::make_shared<KelmKernelImpl>(slave_IP, kControllerPort, kConnectTimeout, kArmIndex);
+        kelm1_ = std::make_shared<KelmKernelImpl>(master_IP, kelm::kControllerPort, kConnectTimeout, kArmIndex);
+        kelm2_ = std::make_shared<KelmKernelImpl>(slave_IP, kelm::kControllerPort, kConnectTimeout, kArmIndex);
         kelm1_->register_error_catch_callback("onKelmError", onKelmError);
         kelm2_->register_error_catch_callback("onKelmError", onKelmError);
 

@@ -33,7 +33,7 @@ public:
     CountingController(const char* host, std::string counted_command) : counted_(std::move(counted_command)) {
         SimOptions options;
         options.ip = host;
-        options.port = 8090;
+        options.port = kelm::kControllerPort;
         options.rate = 200.0;
         options.quiet = true;
         controller_ = std::make_unique<SimController>(options);

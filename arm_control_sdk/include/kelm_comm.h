@@ -38,6 +38,9 @@
 
 namespace kelm {
 
+// The port on which a controller serves its WebSocket.
+constexpr int kControllerPort = 8090;
+
 class KelmCommManager : public iRecieveListener {
 public:
     // Kinds of transport; only the WebSocket is ever made.

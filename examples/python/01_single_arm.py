@@ -15,7 +15,7 @@ import numpy as np
 import kelm
 
 
-def main(ip="127.0.0.1", port=8090):
+def main(ip="127.0.0.1", port=kelm.CONTROLLER_PORT):
     logging.basicConfig(level=logging.WARNING)  # the library's progress lines (INFO) stay quiet
     with kelm.Arm(ip, port) as arm:  # raises kelm.ConnectionError if nobody answers
         print("controller version:", arm.get_version())
@@ -48,4 +48,4 @@ def main(ip="127.0.0.1", port=8090):
 
 if __name__ == "__main__":
     args = sys.argv[1:]
-    sys.exit(main(args[0] if args else "127.0.0.1", int(args[1]) if len(args) > 1 else 8090))
+    sys.exit(main(args[0] if args else "127.0.0.1", int(args[1]) if len(args) > 1 else kelm.CONTROLLER_PORT))

@@ -13,7 +13,7 @@ import numpy as np
 import kelm
 
 
-def main(ip="127.0.0.1", port=8090):
+def main(ip="127.0.0.1", port=kelm.CONTROLLER_PORT):
     kelm.set_log_level(kelm.LOG_ERROR)
     with kelm.KelmDualBot(ip, port, 1.0, 0, 1) as bot:
         if not bot.is_connected():
@@ -39,4 +39,4 @@ def main(ip="127.0.0.1", port=8090):
 
 if __name__ == "__main__":
     args = sys.argv[1:]
-    sys.exit(main(args[0] if args else "127.0.0.1", int(args[1]) if len(args) > 1 else 8090))
+    sys.exit(main(args[0] if args else "127.0.0.1", int(args[1]) if len(args) > 1 else kelm.CONTROLLER_PORT))

@@ -45,9 +45,9 @@ class Relay:
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("-i", "--ip", default="127.0.0.2", help="master controller address")
-    parser.add_argument("--port", type=int, default=8090)
+    parser.add_argument("--port", type=int, default=kelm.CONTROLLER_PORT)
     parser.add_argument("--slave-ip", default="127.0.0.1")
-    parser.add_argument("--slave-port", type=int, default=8090)
+    parser.add_argument("--slave-port", type=int, default=kelm.CONTROLLER_PORT)
     parser.add_argument("-m", "--mode", type=int, default=0, choices=(0,), help="0: joint mode (the only one here)")
     parser.add_argument("-r", "--mirror", type=int, default=0)
     parser.add_argument("-f", "--force", type=float, default=3.0, help="gripper torque after homing")

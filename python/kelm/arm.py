@@ -349,7 +349,7 @@ class Arm(_ArmObject, ArmSide):
     ``kelm.ConnectionError``. ``.raw`` is the underlying ``KelmSingleCol``.
     """
 
-    def __init__(self, ip: str, port: int = 8090, timeout: float = 1.0) -> None:
+    def __init__(self, ip: str, port: int = _kelm.CONTROLLER_PORT, timeout: float = 1.0) -> None:
         raw = _kelm.KelmSingleCol(ip, port, timeout)
         ArmSide.__init__(self, raw, "")
         _ArmObject.__init__(self, raw, ip, port, timeout, [self])
@@ -366,7 +366,7 @@ class DualArm(_ArmObject):
     both arms, left first, and raise the refusal of the arm that refused.
     """
 
-    def __init__(self, ip: str, port: int = 8090, timeout: float = 1.0, left_arm_index: int = 0,
+    def __init__(self, ip: str, port: int = _kelm.CONTROLLER_PORT, timeout: float = 1.0, left_arm_index: int = 0,
                  right_arm_index: int = 1) -> None:
         raw = _kelm.KelmDualBot(ip, port, timeout, left_arm_index, right_arm_index)
         self.left = ArmSide(raw, "left")

@@ -30,7 +30,7 @@ from . import _kelm
 from .cameras import CameraError, open_cameras
 from .record import EpisodeRecorder, TeleopChild, find_program, record
 
-MASTER_HOST, SLAVE_HOST, CONTROLLER_PORT = "127.0.0.2", "127.0.0.1", 8090
+MASTER_HOST, SLAVE_HOST, CONTROLLER_PORT = "127.0.0.2", "127.0.0.1", _kelm.CONTROLLER_PORT
 START_TIMEOUT_S = 20.0       # for a controller to listen
 TELEOP_START_TIMEOUT_S = 90  # for kelm_teleop's bring-up and homing
 REQUEST_TIMEOUT_MS = 3000

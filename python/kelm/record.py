@@ -79,7 +79,7 @@ COLUMNS = {
 }
 
 
-def parse_address(text, default_port=8090):
+def parse_address(text, default_port=_kelm.CONTROLLER_PORT):
     """'host' or 'host:port' -> (host, port)."""
     host, _, port = text.partition(":")
     return host, int(port) if port else default_port
@@ -206,7 +206,7 @@ class EpisodeRecorder:
     cameras: opened kelm.cameras.Camera objects (closed with the recorder); rate: rows per second, None for
     one row per master frame; mode, mirror: the teleoperation's, for /action; compress: gzip the datasets."""
 
-    def __init__(self, path, master=("127.0.0.2", 8090), slave=("127.0.0.1", 8090), master_arm=0, slave_arm=0,
+    def __init__(self, path, master=("127.0.0.2", _kelm.CONTROLLER_PORT), slave=("127.0.0.1", _kelm.CONTROLLER_PORT), master_arm=0, slave_arm=0,
                  timeout=1.0, compress=False, cameras=(), rate=None, mode=0, mirror=False):
         import h5py
 
@@ -569,7 +569,7 @@ def main(argv=None):
         return 1
     teleop = None
     if args.teleop is not None:
-        if slave != ("127.0.0.1", 8090) or master[1] != 8090:
+        if slave != ("127.0.0.1", _kelm.CONTROLLER_PORT) or master[1] != _kelm.CONTROLLER_PORT:
             print("kelm.record: kelm_teleop drives MASTER:8090 and the slave at 127.0.0.1:8090; recording "
                   f"{args.master} and {args.slave} all the same", file=sys.stderr)
         teleop_path = find_program("kelm_teleop", args.teleop_path)

@@ -30,11 +30,13 @@ from pathlib import Path
 import numpy as np
 import websockets
 
+from . import _kelm
+
 WEB_ROOT = Path(__file__).resolve().parent / "web"
 # The page's libraries, installed by scripts/install-web-deps.
 LIBRARY_ROOT = WEB_ROOT / "node_modules"
 DEFAULT_MODEL_NAME = "industrial_arm.urdf"
-CONTROLLER_PORT = 8090
+CONTROLLER_PORT = _kelm.CONTROLLER_PORT
 STATUS_PERIOD_S = 0.2
 # A stream that sent nothing for this long shows as not streaming.
 STALE_AFTER_S = 0.5

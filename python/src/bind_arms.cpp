@@ -276,7 +276,7 @@ context manager (`with kelm.KelmSingleCol(ip) as arm:`) to disconnect on exit.)d
                    handle->disconnect_on_close = [](KelmSingleCol& a) { a.disconnect(); };
                    return handle;
                }),
-               py::arg("ip"), py::arg("port") = 8090, py::arg("timeout") = 1.0);
+               py::arg("ip"), py::arg("port") = kelm::kControllerPort, py::arg("timeout") = 1.0);
     bindCommon(single);
     KELM_ARM_GETTERS(single, Single, KelmSingleCol, get_status, get_last_refusal, get_submitted_task_key, get_config,
                      get_joint_pos, get_joint_vel, get_joint_tau, get_plan_joint_pos, get_plan_joint_vel,
@@ -309,8 +309,8 @@ target, as the C++ class does.)doc");
                  handle->disconnect_on_close = [](KelmDualBot& b) { b.disconnect(); };
                  return handle;
              }),
-             py::arg("ip"), py::arg("port") = 8090, py::arg("timeout") = 1.0, py::arg("left_arm_index") = 0,
-             py::arg("right_arm_index") = 1);
+             py::arg("ip"), py::arg("port") = kelm::kControllerPort, py::arg("timeout") = 1.0,
+             py::arg("left_arm_index") = 0, py::arg("right_arm_index") = 1);
     bindCommon(dual);
     KELM_ARM_GETTERS(dual, Dual, KelmDualBot, get_left_status, get_left_last_refusal, get_left_submitted_task_key,
                      get_left_config, get_left_joint_pos, get_left_joint_vel, get_left_joint_tau,

@@ -129,7 +129,7 @@ Use it as a context manager, or call close(), to disconnect.)doc");
                 handle->disconnect_on_close = [](KelmKernelImpl& k) { k.disconnect_kelm(); };
                 return handle;
             }),
-            py::arg("ip"), py::arg("port") = 8090, py::arg("timeout") = 1.0, py::arg("arm_index") = 0);
+            py::arg("ip"), py::arg("port") = kelm::kControllerPort, py::arg("timeout") = 1.0, py::arg("arm_index") = 0);
     cls.def("close", &Kernel::close,
             "Releases the Python callbacks, disconnects and destroys the kernel; later calls raise RuntimeError.");
     cls.def(

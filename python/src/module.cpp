@@ -256,6 +256,7 @@ void bindTables(py::module_& m) {
     // Copies of the tables as they stand at import.
     std::map<int, std::string> err_names;
     for (const auto& entry : kelm_err_code_map) err_names[entry.first] = entry.second;
+    m.attr("CONTROLLER_PORT") = kelm::kControllerPort;
     m.attr("fsm_mode_str_map") = tableToDict(kelm::fsm_mode_str_map);
     m.attr("str_map_fsm_mode") = tableToDict(kelm::str_map_fsm_mode);
     m.attr("kelm_state_str") = tableToDict(kelm::kelm_state_str);
