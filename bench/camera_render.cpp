@@ -78,7 +78,7 @@ void measureRenderTime(const Settings& settings) {
     }
 }
 
-void runBesideThePhysics(const Settings& settings, const std::vector<sim::CameraSpec>& cameras, const char* label) {
+void runBesideThePhysics(const Settings& settings, const std::vector<sim::CameraRequest>& cameras, const char* label) {
     sim::SimOptions options;
     options.port = 0;
     options.camera_port = 0;
@@ -96,7 +96,7 @@ void runBesideThePhysics(const Settings& settings, const std::vector<sim::Camera
         for (const auto& channel : controller.cameras()->channels()) {
             const sim::CameraCounters counters = channel->counters();
             char text[120];
-            std::snprintf(text, sizeof text, " %s %.1f/s (%llu dropped)", channel->spec().name.c_str(),
+            std::snprintf(text, sizeof text, " %s %.1f/s (%llu dropped)", channel->request().name.c_str(),
                           counters.rendered / settings.seconds, static_cast<unsigned long long>(counters.dropped));
             camera_figures += text;
         }

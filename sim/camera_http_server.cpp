@@ -141,13 +141,13 @@ void CameraHttpServer::serve(Poco::Net::HTTPServerRequest& request, Poco::Net::H
 void CameraHttpServer::serveList(Poco::Net::HTTPServerResponse& response) {
     Json::Value list(Json::arrayValue);
     for (const auto& channel : channels_) {
-        const CameraSpec& spec = channel->spec();
+        const CameraRequest& request = channel->request();
         const CameraCounters counters = channel->counters();
         Json::Value camera(Json::objectValue);
-        camera["name"] = spec.name;
-        camera["width"] = spec.width;
-        camera["height"] = spec.height;
-        camera["fps"] = spec.fps;
+        camera["name"] = request.name;
+        camera["width"] = request.width;
+        camera["height"] = request.height;
+        camera["fps"] = request.fps;
         camera["rendered"] = static_cast<Json::UInt64>(counters.rendered);
         camera["dropped"] = static_cast<Json::UInt64>(counters.dropped);
         list.append(camera);
@@ -196,7 +196,7 @@ void CameraHttpServer::serveStream(const CameraChannel& channel, Poco::Net::HTTP
 
 std::shared_ptr<CameraChannel> CameraHttpServer::find(const std::string& name) const {
     for (const auto& channel : channels_)
-        if (channel->spec().name == name) return channel;
+        if (channel->request().name == name) return channel;
     return nullptr;
 }
 

@@ -88,18 +88,19 @@ bool CameraChannel::closed() const {
     return closed_;
 }
 
-CameraRig::CameraRig(const PhysicsWorld& physics, const std::vector<CameraSpec>& cameras, bool shadows)
+CameraRig::CameraRig(const PhysicsWorld& physics, const std::vector<CameraRequest>& cameras, bool shadows)
     : physics_(physics), shadows_(shadows) {
     const mjModel& model = physics.model();
     std::set<std::string> seen;
-    for (const CameraSpec& spec : cameras) {
-        const int id = mj_name2id(&model, mjOBJ_CAMERA, spec.name.c_str());
+    for (const CameraRequest& request : cameras) {
+        const int id = mj_name2id(&model, mjOBJ_CAMERA, request.name.c_str());
         if (id < 0)
-            throw std::runtime_error("no camera '" + spec.name + "' in the scene " + physics.scenePath() +
+            throw std::runtime_error("no camera '" + request.name + "' in the scene " + physics.scenePath() +
                                      " (its cameras: " + cameraNames(model) + ")");
-        if (!seen.insert(spec.name).second) throw std::runtime_error("camera '" + spec.name + "' asked for twice");
+        if (!seen.insert(request.name).second)
+            throw std::runtime_error("camera '" + request.name + "' asked for twice");
         camera_ids_.push_back(id);
-        channels_.push_back(std::make_shared<CameraChannel>(spec));
+        channels_.push_back(std::make_shared<CameraChannel>(request));
     }
 }
 
@@ -140,8 +141,8 @@ void CameraRig::run(std::promise<void>& ready) {
     try {
         int width = 0, height = 0;
         for (const auto& channel : channels_) {
-            width = std::max(width, channel->spec().width);
-            height = std::max(height, channel->spec().height);
+            width = std::max(width, channel->request().width);
+            height = std::max(height, channel->request().height);
         }
         context = std::make_unique<EglContext>();
         renderer = std::make_unique<CameraRenderer>(physics_.model(), width, height, shadows_);
@@ -170,17 +171,18 @@ void CameraRig::renderDueCameras(CameraRenderer& renderer) {
         if (stop_cv_.wait_until(lock, due[next], [this] { return stopping_; })) return;
         lock.unlock();
         CameraChannel& channel = *channels_[next];
-        const CameraSpec& spec = channel.spec();
-        const auto period = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / spec.fps));
+        const CameraRequest& request = channel.request();
+        const auto period =
+            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / request.fps));
         const auto missed = (Clock::now() - due[next]) / period;
         if (missed > 0) {
             channel.countDropped(static_cast<std::uint64_t>(missed));
             due[next] += missed * period;
         }
         physics_.snapshot(state);
-        renderer.render(camera_ids_[next], spec.width, spec.height, state, rgb);
+        renderer.render(camera_ids_[next], request.width, request.height, state, rgb);
         auto frame = std::make_shared<CameraFrame>();
-        frame->jpeg = encoder.encode(rgb, spec.width, spec.height);
+        frame->jpeg = encoder.encode(rgb, request.width, request.height);
         frame->sim_time = state.time;
         frame->number = ++numbers[next];
         channel.publish(std::move(frame));

@@ -47,9 +47,9 @@ struct CameraCounters {
 // The newest image of one camera.
 class CameraChannel {
 public:
-    explicit CameraChannel(CameraSpec spec) : spec_(std::move(spec)) {}
+    explicit CameraChannel(CameraRequest request) : request_(std::move(request)) {}
 
-    const CameraSpec& spec() const { return spec_; }
+    const CameraRequest& request() const { return request_; }
     void publish(std::shared_ptr<const CameraFrame> frame);
     void countDropped(std::uint64_t images);
     // Wakes every waiter for good: the camera has stopped.
@@ -64,7 +64,7 @@ public:
     bool closed() const;
 
 private:
-    const CameraSpec spec_;
+    const CameraRequest request_;
     mutable std::mutex mutex_;
     mutable std::condition_variable published_;
     std::shared_ptr<const CameraFrame> latest_;
@@ -76,7 +76,7 @@ class CameraRig {
 public:
     // Throws std::runtime_error when a name is not a camera of the physics
     // scene (naming the scene's cameras) or is asked for twice.
-    CameraRig(const PhysicsWorld& physics, const std::vector<CameraSpec>& cameras, bool shadows = false);
+    CameraRig(const PhysicsWorld& physics, const std::vector<CameraRequest>& cameras, bool shadows = false);
     ~CameraRig();
     CameraRig(const CameraRig&) = delete;
     CameraRig& operator=(const CameraRig&) = delete;

@@ -131,7 +131,7 @@ bool readInjectedError(const std::string& text, InjectedError& error) {
 }
 
 // NAME[:WIDTHxHEIGHT][@FPS]
-bool readCamera(const std::string& text, CameraSpec& camera) {
+bool readCamera(const std::string& text, CameraRequest& camera) {
     const size_t at = text.find('@');
     const size_t colon = std::min(text.find(':'), at);
     camera.name = text.substr(0, colon);
@@ -230,7 +230,7 @@ bool applyOption(int id, const char* argument, SimOptions& options) {
             options.rt_priority = static_cast<int>(integer);
             return true;
         case kCamera: {
-            CameraSpec camera;
+            CameraRequest camera;
             if (!readCamera(argument, camera)) return false;
             options.cameras.push_back(camera);
             return true;

@@ -20,7 +20,7 @@ struct InjectedError {
 };
 
 // A scene camera to render and serve: --camera NAME[:WIDTHxHEIGHT][@FPS].
-struct CameraSpec {
+struct CameraRequest {
     std::string name;  // as the scene names it
     int width = 640;   // [px]
     int height = 480;  // [px]
@@ -39,7 +39,7 @@ struct SimOptions {
     std::uint32_t seed = 1;                 // places the task's objects
 
     // Rendered offscreen and served over HTTP; needs a scene.
-    std::vector<CameraSpec> cameras;
+    std::vector<CameraRequest> cameras;
     unsigned short camera_port = 8091;  // of the cameras' HTTP server; 0 picks a free port
 
     // Least time between a request and its reply. A real controller takes

@@ -34,7 +34,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using sim::test_relay::PhysicsArm;
 
-sim::SimOptions cameraOptions(const sim::CameraSpec& camera) {
+sim::SimOptions cameraOptions(const sim::CameraRequest& camera) {
     sim::SimOptions options = sim::test_relay::physicsOptions("table_cube");
     options.cameras = {camera};
     options.camera_port = 0;

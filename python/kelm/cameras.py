@@ -150,13 +150,13 @@ class Camera:
                 self._last_receive = now
 
 
-def open_cameras(specs):
-    """Opens every 'NAME=SOURCE' of `specs` and starts its reader; CameraError or ValueError names the one
+def open_cameras(requests):
+    """Opens every 'NAME=SOURCE' of `requests` and starts its reader; CameraError or ValueError names the one
     that failed (those already open are closed again)."""
     cameras = []
     try:
-        for spec in specs:
-            name, source = parse_camera(spec)
+        for request in requests:
+            name, source = parse_camera(request)
             if any(camera.name == name for camera in cameras):
                 raise ValueError(f"camera {name} is given twice")
             cameras.append(Camera(name, source))

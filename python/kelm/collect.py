@@ -103,10 +103,10 @@ class Collection:
 
     def __init__(self, args):
         sim = find_program("kelm_sim", args.sim_path)
-        self.camera_specs = args.camera if args.camera is not None else scene_cameras(sim, args.scene)
+        self.camera_requests = args.camera if args.camera is not None else scene_cameras(sim, args.scene)
         if args.no_cameras:
-            self.camera_specs = []
-        camera_options = [option for spec in self.camera_specs for option in ("--camera", spec)]
+            self.camera_requests = []
+        camera_options = [option for request in self.camera_requests for option in ("--camera", request)]
         if camera_options:
             camera_options += ["--camera-port", "0"]
         common = ["--port", str(CONTROLLER_PORT), "--seed", str(args.seed), "--quiet"]
@@ -130,7 +130,7 @@ class Collection:
     def camera_sources(self):
         """NAME=URL of the slave's camera streams, for open_cameras."""
         base = self.children[1].camera_base
-        names = [re.split(r"[:@]", spec)[0] for spec in self.camera_specs]
+        names = [re.split(r"[:@]", request)[0] for request in self.camera_requests]
         return [f"{name}={base}camera/{name}/stream" for name in names]
 
     def reset(self, seed):
